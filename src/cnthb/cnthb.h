@@ -1,0 +1,16 @@
+// Controller heartbeat: the table of controller paths and nodes, the
+// heartbeat record, and the reader, writer, watcher and down-write threads.
+#pragma once
+
+#include <cstdint>
+
+struct cnthb_list;
+
+int32_t cnthb_loadinfo(cnthb_list **out);
+
+// Thread bodies; each takes the controller table and ends with an integer
+// exit value.
+void *cnthb_hbread(void *list);
+void *cnthb_hbwrite(void *list);
+void *cnthb_hbwatch(void *list);
+void *cnthb_dpwrite(void *list);

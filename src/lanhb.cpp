@@ -1,0 +1,6 @@
+#include "frame/frame.h"
+
+int main()
+{
+    return zemlanhb_main();
+}
