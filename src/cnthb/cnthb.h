@@ -7,6 +7,9 @@
 struct cnthb_list;
 
 int32_t cnthb_loadinfo(cnthb_list **out);
+// Releases a table built by cnthb_loadinfo (null is fine), once no worker
+// thread can touch it any more.
+void cnthb_freelist(cnthb_list *list);
 
 // Thread bodies; each takes the controller table and ends with an integer
 // exit value.

@@ -7,3 +7,4 @@ void *cnthb_hbread(void *) { return nullptr; }
 void *cnthb_hbwrite(void *) { return nullptr; }
 void *cnthb_hbwatch(void *) { return nullptr; }
 void *cnthb_dpwrite(void *) { return nullptr; }
+void cnthb_freelist(cnthb_list *) {}

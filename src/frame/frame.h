@@ -33,6 +33,9 @@ extern std::atomic<pthread_t> cnthb_readpth, cnthb_writepth, cnthb_watchpth;
 // The LAN receiver's readiness handshake.
 extern pthread_mutex_t lanhb_rmutex;
 extern pthread_cond_t lanhb_rcond;
+// Set to 1 by the receiver, under lanhb_rmutex, before it signals lanhb_rcond:
+// a signal given before main waits is not lost.
+extern int32_t lanhb_rready;
 
 // ---- logging --------------------------------------------------------------
 

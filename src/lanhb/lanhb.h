@@ -8,6 +8,8 @@ struct lanhb_list;
 struct cnthb_list;
 
 int32_t lanhb_loadinfo(lanhb_list **out);
+// Releases a table built by lanhb_loadinfo (null is fine).
+void lanhb_freelist(lanhb_list *list);
 
 // Thread bodies; each takes the LAN table and ends with a pointer to a short
 // decimal text ("0" on a normal stop).

@@ -9,3 +9,4 @@ void *lanhb_hbwatch(void *) { return nullptr; }
 void *lanhb_dpsend(void *) { return nullptr; }
 int32_t lanhb_loadexit(lanhb_list *) { return 0; }
 int32_t lanhb_loadexit(cnthb_list *) { return 0; }
+void lanhb_freelist(lanhb_list *) {}
