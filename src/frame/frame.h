@@ -39,6 +39,11 @@ extern int32_t lanhb_rready;
 
 // ---- logging --------------------------------------------------------------
 
+struct log_hdl;
+// Handles of the two logs; null while a log is not open. Set by loginit and
+// cleared by logterm, read by every thread in hblog.
+extern std::atomic<log_hdl *> phlanhblog, phcnthblog;
+
 enum : int {
     HBLOG_LAN = 1,  // LAN heartbeat log
     HBLOG_CNT = 2,  // controller heartbeat log
@@ -99,6 +104,15 @@ int32_t loadstacksz(int module, const char *key);
 
 void usr1_recv(int sig);
 void usr2_recv(int sig);
+// Blocks SIGUSR1 and SIGUSR2 in the calling thread (and so in every thread it
+// creates later) and starts the thread that takes them with sigwaitinfo.
+// Called by main before it creates any other thread; returns 0 or the
+// pthread_create result.
+int32_t hbsig_start();
+// Waits until the stop routine has run to its end (by SIGUSR1 or a direct
+// call). main calls it before joining the heartbeat threads, so that no
+// thread is cancelled after it has been joined.
+void hbsig_waitstop();
 
 // ---- multi-string lists -----------------------------------------------------
 

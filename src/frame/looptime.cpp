@@ -1,0 +1,145 @@
+// The tick clock, loop and operation timers, and the delay warnings.
+#include <sys/times.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "frame/frame.h"
+#include "services/services.h"
+
+namespace {
+
+constexpr int64_t HB_TICK_LIMIT_MAX = INT32_MAX;
+
+hbtick_t hbtick_times()
+{
+    struct tms unused;
+    return static_cast<hbtick_t>(times(&unused));
+}
+
+// Shared form of all timers: the duration of one cycle or operation, kept as
+// the maximum when it is the longest seen so far.
+hbtick_t hbtime_raise(hbtick_t start, hbtick_t end, hbtick_t *max)
+{
+    const hbtick_t elapsed = end - start;
+    if (max != nullptr && *max < elapsed)
+        *max = elapsed;
+    return elapsed;
+}
+
+int32_t hblooptime(hbtick_t start, hbtick_t *max)
+{
+    hbtime_raise(start, hbtick_now(), max);
+    return 0;
+}
+
+void delaywarn_record(log_hdl *log, int line, int32_t msgno, const char *rsc, const char *node, int32_t scaled,
+                      hbtick_t elapsed, int32_t rate)
+{
+    if (log == nullptr)
+        return;
+    (void)log_write(log, LOG_LEVEL_CATALOG, msgno, __FILE__, line, "delaywarn", nullptr, rsc, node, scaled,
+                    static_cast<int64_t>(tckconf), static_cast<uint64_t>(elapsed), rate);
+}
+
+} // namespace
+
+hbtick_t (*hbtick_source)() = hbtick_times;
+
+hbtick_t hbtick_now()
+{
+    return hbtick_source();
+}
+
+hbtick_t hbtimeout_limit(int32_t hbto_ms, int32_t ratio, int32_t *scaled)
+{
+    if (ratio <= 0)
+        ratio = 1;
+    // A part of a second counts as a whole one; a negative time-out as none.
+    int64_t secs = (static_cast<int64_t>(hbto_ms) + 999) / 1000;
+    if (secs < 0)
+        secs = 0;
+    const int64_t scaledsecs = secs > HB_TICK_LIMIT_MAX / ratio ? HB_TICK_LIMIT_MAX : secs * ratio;
+    const int64_t tck = tckconf > 0 ? tckconf : 1;
+    const int64_t limit = HB_TICK_LIMIT_MAX / tck < scaledsecs ? HB_TICK_LIMIT_MAX : scaledsecs * tck;
+    if (scaled != nullptr)
+        *scaled = static_cast<int32_t>(scaledsecs);
+    return static_cast<hbtick_t>(limit);
+}
+
+int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, hbtick_t end, int32_t hbto,
+                  int32_t msgno)
+{
+    const hbtick_t elapsed = end - start;
+    const int module = kind == 1 ? HBLOG_LAN : HBLOG_CNT;
+
+    // The ratio is asked afresh on every call so that each check uses the
+    // one in force at that moment.
+    int32_t ratio = 0;
+    int32_t second = 0;
+    const int32_t r = shmcm_getratio(&ratio, &second);
+    if (r != 0)
+        HBLOG(module, 1, "shmcm_getratio() failed(ret:%d)", r);
+
+    int32_t scaled = 0;
+    const hbtick_t limit = hbtimeout_limit(hbto, ratio, &scaled);
+
+    int32_t rate = 0;
+    log_hdl *log = nullptr;
+    bool ownop = false; // an operation of this kind, not a heartbeat gap
+    if (kind == 1) {
+        rate = lanhb_warnrate;
+        log = phlanhblog.load();
+        ownop = msgno == LOG_MSG_LANSEND || msgno == LOG_MSG_LANRECV;
+    } else if (kind == 2) {
+        rate = cnthb_warnrate;
+        log = phcnthblog.load();
+        ownop = msgno == LOG_MSG_CNTWRITE || msgno == LOG_MSG_CNTREAD;
+    } else {
+        return 0;
+    }
+    const hbtick_t threshold =
+        rate >= 100 ? limit : (limit / 100) * static_cast<hbtick_t>(rate > 0 ? rate : 0);
+
+    if (elapsed < threshold)
+        return 0;
+    if (elapsed > limit) {
+        if (ownop)
+            delaywarn_record(log, __LINE__, msgno, rsc, node, scaled, elapsed, rate); // over-time
+        return 0;
+    }
+    delaywarn_record(log, __LINE__, msgno, rsc, node, scaled, elapsed, rate); // warning
+    return 0;
+}
+
+int32_t lanhb_thslooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+int32_t lanhb_thrlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+int32_t lanhb_thwlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+int32_t cnthb_thmlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+int32_t cnthb_thrlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+int32_t cnthb_thwlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+
+int32_t lanhb_thsendtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char * /*ip*/,
+                         int32_t hbto)
+{
+    const hbtick_t end = hbtick_now();
+    hbtime_raise(start, end, max);
+    return delaywarn(1, rsc, node, start, end, hbto, LOG_MSG_LANSEND);
+}
+
+int32_t lanhb_threcvtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char * /*ip*/,
+                         int32_t hbto)
+{
+    const hbtick_t end = hbtick_now();
+    hbtime_raise(start, end, max);
+    return delaywarn(1, rsc, node, start, end, hbto, LOG_MSG_LANRECV);
+}
+
+int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const char *rsc, const char *node,
+                         long /*unused*/, int32_t hbto)
+{
+    const hbtick_t end = hbtick_now();
+    hbtime_raise(start, end, max);
+    const bool write = op != nullptr && std::strcmp(op, "write") == 0;
+    return delaywarn(2, rsc, node, start, end, hbto, write ? LOG_MSG_CNTWRITE : LOG_MSG_CNTREAD);
+}

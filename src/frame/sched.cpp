@@ -1,0 +1,104 @@
+// Process priority, memory-lock setting, the LAN watcher switch, and the
+// stack size given to every thread the daemon creates.
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstring>
+#include <strings.h>
+
+#include "frame/frame.h"
+#include "services/services.h"
+
+namespace {
+
+constexpr int32_t HB_DEFAULT_NICE = -20;
+constexpr int32_t HB_MIN_STACKSZ = 16384;
+constexpr int HB_MLOCK_TEXT_SIZE = 16;
+
+// Reads an integer key of the loaded policy; a failed read is logged on the
+// LAN log and leaves the default in *value.
+void setsched_readint(const char *key, int32_t *value, int32_t dflt)
+{
+    int32_t len = sizeof *value;
+    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, value, &len);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        *value = dflt;
+    }
+}
+
+} // namespace
+
+int32_t setsched()
+{
+    int32_t nice = HB_DEFAULT_NICE;
+    int32_t schedule = 0;
+    int32_t priority = 0;
+
+    int32_t r = xmllib_load_policy(HB_KIND_LANHB);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
+        return 9;
+    }
+
+    setsched_readint("/root/heartbeat/nice", &nice, HB_DEFAULT_NICE);
+
+    char mlock[HB_MLOCK_TEXT_SIZE] = {};
+    int32_t len = sizeof mlock;
+    r = xmllib_get_value("/root/heartbeat/mlock", XMLLIB_KIND_TEXT, mlock, &len);
+    if (r == 0) {
+        mlock[sizeof mlock - 1] = '\0';
+        bmlock = strcasecmp(mlock, "yes") == 0 ? 1 : 0;
+    } else {
+        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", "/root/heartbeat/mlock", r);
+        bmlock = 0;
+    }
+
+    // Read for completeness of the configuration; this design applies neither.
+    setsched_readint("/root/heartbeat/sched/schedule", &schedule, 0);
+    setsched_readint("/root/heartbeat/sched/priority", &priority, 0);
+
+    int32_t watch = 1;
+    setsched_readint("/root/lanhb/watchth", &watch, 1);
+    lanhb_bwatchth.store(watch);
+
+    r = xmllib_unload_policy(HB_KIND_LANHB);
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
+
+    if (setpriority(PRIO_PROCESS, 0, nice) != 0)
+        HBLOG(HBLOG_LAN, 2, "setpriority(%d) failed(errno:%d)", nice, errno);
+    return 0;
+}
+
+int32_t loadstacksz(int module, const char *key)
+{
+    int32_t len = sizeof thstacksz;
+    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &thstacksz, &len);
+    if (r != 0) {
+        HBLOG(module, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        thstacksz = 0;
+    }
+    if (thstacksz < 0) {
+        HBLOG(module, 1, "invalid STACKSIZE(%d). set to 0.", thstacksz);
+        thstacksz = 0;
+    } else if (thstacksz > 0 && thstacksz < HB_MIN_STACKSZ) {
+        HBLOG(module, 1, "under minimum STACKSIZE(%d). set to %d.", thstacksz, HB_MIN_STACKSZ);
+        thstacksz = HB_MIN_STACKSZ;
+    }
+    return 0;
+}
+
+int32_t setstacksz(pthread_attr_t *attr)
+{
+    size_t current = 0;
+    int r = pthread_attr_getstacksize(attr, &current);
+    if (r != 0)
+        HBLOG(HBLOG_BOTH, 1, "pthread_attr_getstacksize() failed(ret:%d,errno:%d)", r, errno);
+    if (thstacksz == 0)
+        return 0;
+    r = pthread_attr_setstacksize(attr, static_cast<size_t>(thstacksz));
+    if (r != 0)
+        HBLOG(HBLOG_BOTH, 1, "pthread_attr_setstacksize(%d) failed(ret:%d,errno:%d)", thstacksz, r, errno);
+    return 0;
+}
