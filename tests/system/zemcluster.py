@@ -1,0 +1,455 @@
+"""A heartbeat cluster of N nodes on one machine.
+
+Every node lives in a network namespace of its own; one more namespace holds
+two bridges, one per LAN path: "lan4" carries IPv4 (198.18.0.0/24) and "lan6"
+carries IPv6 (2001:db8::/64). Each node is linked to both bridges by a veth
+pair and has its own ZEM_ROOT (local.xml, shared memory, logs) with the same
+cluster.xml. Nodes 1 and 2 share one heartbeat-area file for the controller
+path (controller numbers 0 and 1); every further node gets an area of its own.
+A node runs "zemctl run" under nodeinit.py, which is process 1 of a PID
+namespace of the node's own.
+
+Everything is named "zst<pid>-..." after the creating process, so parallel
+runs never collide and sweep() can remove what a crashed run left behind.
+destroy() removes every namespace, process and file a cluster made; it is
+registered for interpreter exit and for SIGTERM/SIGHUP as well.
+"""
+
+from __future__ import annotations
+
+import atexit
+import datetime
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+NETPROBE = os.path.join(HERE, "netprobe.py")
+PREFIX = "zst"
+NAME_RE = re.compile(rf"^{PREFIX}(\d+)-")
+
+LAN4 = "lan4"
+LAN6 = "lan6"
+CNT = "cnt1"
+LAN_PATHS = (LAN4, LAN6)
+RECV_PORT = 29002
+MAXNODE = 32
+
+# Where the bridges' own addresses sit: an outsider on both wires.
+OUTSIDER4 = "198.18.0.254"
+OUTSIDER6 = "2001:db8::fe"
+
+
+class HarnessError(RuntimeError):
+    pass
+
+
+def run(cmd, check=True, env=None, timeout=30, input=None):
+    """Run a command; on failure raise with its output."""
+    res = subprocess.run(cmd, capture_output=True, text=True, env=env,
+                         timeout=timeout, input=input)
+    if check and res.returncode != 0:
+        raise HarnessError(f"{' '.join(cmd)} -> {res.returncode}\n{res.stdout}{res.stderr}")
+    return res
+
+
+def wait_until(pred, timeout, interval=0.1):
+    """Poll pred until it returns something true or timeout passes; return its last value."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = pred()
+        if value or time.monotonic() >= deadline:
+            return value
+        time.sleep(interval)
+
+
+def pid_alive(pid):
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    except PermissionError:
+        return True
+    return True
+
+
+def proc_children(ppid):
+    """Global ids of the live processes whose parent is ppid."""
+    out = []
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open(f"/proc/{entry}/stat") as f:
+                stat = f.read()
+        except OSError:
+            continue
+        fields = stat[stat.rindex(")") + 2:].split()
+        if fields[0] != "Z" and int(fields[1]) == ppid:
+            out.append(int(entry))
+    return sorted(out)
+
+
+def proc_exe(pid):
+    try:
+        return os.path.basename(os.readlink(f"/proc/{pid}/exe"))
+    except OSError:
+        return ""
+
+
+def find_tools():
+    """Paths of zemctl and zemlanhb: from ZEM_CTL/ZEM_DAEMON, else from ZEM_BUILD."""
+    build = os.environ.get("ZEM_BUILD", "")
+    ctl = os.environ.get("ZEM_CTL") or (os.path.join(build, "tools", "zemctl") if build else "")
+    daemon = os.environ.get("ZEM_DAEMON") or (os.path.join(build, "zemlanhb") if build else "")
+    return ctl, daemon
+
+
+# ---------------------------------------------------------------- clean-up
+
+_live: list["Cluster"] = []
+_lock = threading.Lock()
+
+
+def destroy_all():
+    with _lock:
+        clusters = list(_live)
+    for c in clusters:
+        c.destroy()
+
+
+def _on_signal(signum, _frame):
+    destroy_all()
+    # Let the caller's own clean-up (fixtures, finally blocks) run too.
+    raise KeyboardInterrupt(f"signal {signum}")
+
+
+def install_cleanup_handlers():
+    atexit.register(destroy_all)
+    for sig in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(sig, _on_signal)
+
+
+def _netns_list():
+    res = run(["ip", "netns", "list"], check=False)
+    return [line.split()[0] for line in res.stdout.splitlines() if line.strip()]
+
+
+def _kill_netns(ns):
+    """SIGKILL every process in a namespace (by id) and delete the namespace."""
+    for _ in range(20):
+        pids = run(["ip", "netns", "pids", ns], check=False).stdout.split()
+        if not pids:
+            break
+        for p in pids:
+            try:
+                os.kill(int(p), signal.SIGKILL)
+            except (ProcessLookupError, ValueError):
+                pass
+        time.sleep(0.05)
+    run(["ip", "netns", "del", ns], check=False)
+
+
+def sweep():
+    """Remove namespaces and directories left by earlier runs of this harness
+    whose creating process is gone. Returns the names removed."""
+    removed = []
+    for ns in _netns_list():
+        m = NAME_RE.match(ns)
+        if m and int(m.group(1)) != os.getpid() and not pid_alive(int(m.group(1))):
+            _kill_netns(ns)
+            removed.append(ns)
+    tmp = tempfile.gettempdir()
+    for entry in os.listdir(tmp):
+        m = NAME_RE.match(entry)
+        if m and int(m.group(1)) != os.getpid() and not pid_alive(int(m.group(1))):
+            shutil.rmtree(os.path.join(tmp, entry), ignore_errors=True)
+            removed.append(entry)
+    return removed
+
+
+def leftovers(owner=None):
+    """Namespaces of this harness's naming scheme owned by `owner` (default: us)."""
+    owner = os.getpid() if owner is None else owner
+    return [ns for ns in _netns_list() if ns.startswith(f"{PREFIX}{owner}-")]
+
+
+# ---------------------------------------------------------------- the cluster
+
+class Node:
+    def __init__(self, cluster, idx):
+        self.cluster = cluster
+        self.idx = idx
+        self.name = f"node{idx}"
+        self.pri = idx
+        self.ns = f"{cluster.prefix}-n{idx}"
+        self.root = os.path.join(cluster.dir, self.name)
+        self.ip4 = f"198.18.0.{idx}"
+        self.ip6 = f"2001:db8::{idx}"
+        if idx <= 2:
+            self.area = os.path.join(cluster.dir, "hbarea-shared")
+            self.cntno = idx - 1
+        else:
+            self.area = os.path.join(cluster.dir, f"hbarea-{self.name}")
+            self.cntno = 0
+        self.proc = None          # "ip netns exec ... unshare ..." (unshare's pid)
+        self.statusfile = os.path.join(self.root, "init.status")
+        self.runs = 0
+
+    def __repr__(self):
+        return f"<{self.name} {self.ns}>"
+
+    @property
+    def env(self):
+        env = dict(os.environ)
+        env["ZEM_ROOT"] = self.root
+        return env
+
+    # -- processes
+
+    def init_pid(self):
+        if self.proc is None or self.proc.poll() is not None:
+            return None
+        kids = proc_children(self.proc.pid)
+        return kids[0] if kids else None
+
+    def supervisor_pid(self):
+        """The process nodeinit.py started, while it lives."""
+        init = self.init_pid()
+        if init is None:
+            return None
+        daemon = os.path.basename(self.cluster.daemon)
+        return next((p for p in proc_children(init) if proc_exe(p) != daemon), None)
+
+    def daemon_pid(self):
+        """The daemon's global id, whether still supervised or adopted by init."""
+        init = self.init_pid()
+        daemon = os.path.basename(self.cluster.daemon)
+        if init is None or not daemon:
+            return None
+        kids = proc_children(init)
+        for pid in list(kids):
+            kids += proc_children(pid)
+        return next((p for p in kids if proc_exe(p) == daemon), None)
+
+    def running(self):
+        return self.proc is not None and self.proc.poll() is None
+
+    def spawn(self, cmd):
+        """Run cmd under nodeinit.py as process 2 of a fresh PID namespace inside
+        the node's network namespace."""
+        if self.running():
+            raise HarnessError(f"{self.name} is already running")
+        self.runs += 1
+        out = open(os.path.join(self.root, f"run{self.runs}.out"), "w")
+        full = ["ip", "netns", "exec", self.ns,
+                "unshare", "--pid", "--fork", "--kill-child",
+                sys.executable, os.path.join(HERE, "nodeinit.py"), self.statusfile, "--", *cmd]
+        self.proc = subprocess.Popen(full, env=self.env, stdout=out, stderr=subprocess.STDOUT,
+                                     stdin=subprocess.DEVNULL, start_new_session=True)
+        out.close()
+
+    def start(self, *run_args, wait_daemon=True):
+        """Start "zemctl run RUN_ARGS" as the node's supervisor."""
+        self.spawn([self.cluster.zemctl, "run", "--daemon", self.cluster.daemon, *run_args])
+        if wait_daemon and not wait_until(self.daemon_pid, 15, 0.05):
+            raise HarnessError(f"{self.name}: no daemon came up\n{self.output()}")
+
+    def output(self):
+        """What the supervisor printed in its latest run."""
+        try:
+            with open(os.path.join(self.root, f"run{self.runs}.out")) as f:
+                return f.read()
+        except OSError:
+            return ""
+
+    def init_status(self):
+        try:
+            with open(self.statusfile) as f:
+                return f.read().splitlines()
+        except OSError:
+            return []
+
+    def stop(self, timeout=20):
+        """Orderly stop: SIGTERM to the supervisor (through init); wait for the namespace to empty."""
+        init = self.init_pid()
+        if init is not None:
+            os.kill(init, signal.SIGTERM)
+        return self.wait(timeout)
+
+    def wait(self, timeout=20):
+        """Wait until every process of the node has ended; return unshare's exit code."""
+        if self.proc is None:
+            return None
+        try:
+            return self.proc.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise HarnessError(f"{self.name} did not stop within {timeout} s\n{self.output()}")
+
+    def kill(self):
+        """Remove the node's processes at once: killing init ends the PID namespace."""
+        if self.proc is None:
+            return
+        init = self.init_pid()
+        if init is not None:
+            try:
+                os.kill(init, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        try:
+            self.proc.kill()
+        except ProcessLookupError:
+            pass
+        try:
+            self.proc.wait(10)
+        except subprocess.TimeoutExpired:
+            pass
+
+    # -- platform tool
+
+    def zemctl(self, *args, check=True):
+        return run([self.cluster.zemctl, *args], env=self.env, check=check)
+
+    def status(self):
+        """zemctl status --json of this node, as {kind: {path: {"stat":..., "nodes": {name: stat}}}}."""
+        raw = json.loads(self.zemctl("status", "--json").stdout)
+        out = {}
+        for kind in ("lanhb", "cnthb"):
+            out[kind] = {}
+            for path in raw.get(kind, []):
+                out[kind][path["name"]] = {
+                    "stat": path["stat"],
+                    "nodes": {n["name"]: n["stat"] for n in path["nodes"]},
+                }
+        return out
+
+    # -- logs
+
+    def log_path(self, kind):
+        return os.path.join(self.root, "log", f"{kind}.log")
+
+    def log_lines(self, kind):
+        try:
+            with open(self.log_path(kind), errors="replace") as f:
+                return f.read().splitlines()
+        except OSError:
+            return []
+
+
+class Cluster:
+    def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None):
+        ctl, dmn = find_tools()
+        self.zemctl = zemctl or ctl
+        self.daemon = daemon or dmn
+        self.prefix = f"{PREFIX}{os.getpid()}-{tag}"
+        self.bridge_ns = f"{self.prefix}-br"
+        self.dir = tempfile.mkdtemp(prefix=f"{self.prefix}-")
+        self.hbint = hbint
+        self.hbto = hbto
+        self.nodes = [Node(self, i) for i in range(1, nnodes + 1)]
+        for node in self.nodes:
+            os.makedirs(node.root, mode=0o700)
+        self.namespaces = []
+        self.destroyed = False
+        with _lock:
+            _live.append(self)
+
+    def __getitem__(self, idx):
+        """cluster[1] is node1."""
+        return self.nodes[idx - 1]
+
+    # -- network
+
+    def _ip(self, *args):
+        run(["ip", *args])
+
+    def _add_ns(self, ns):
+        self._ip("netns", "add", ns)
+        self.namespaces.append(ns)
+        self._ip("-n", ns, "link", "set", "lo", "up")
+
+    def build_network(self):
+        br = self.bridge_ns
+        self._add_ns(br)
+        for fam, addr in ((4, f"{OUTSIDER4}/24"), (6, f"{OUTSIDER6}/64")):
+            dev = f"br{fam}"
+            self._ip("-n", br, "link", "add", dev, "type", "bridge", "mcast_snooping", "0")
+            self._ip("-n", br, "link", "set", dev, "up")
+            if fam == 4:
+                self._ip("-n", br, "addr", "add", addr, "dev", dev)
+            else:
+                self._ip("-n", br, "-6", "addr", "add", addr, "dev", dev, "nodad")
+        for node in self.nodes:
+            self._add_ns(node.ns)
+            for fam, path in ((4, LAN4), (6, LAN6)):
+                outer = f"v{fam}n{node.idx}"
+                self._ip("-n", br, "link", "add", outer, "type", "veth",
+                         "peer", "name", path, "netns", node.ns)
+                self._ip("-n", br, "link", "set", outer, "master", f"br{fam}", "up")
+            self._ip("-n", node.ns, "addr", "add", f"{node.ip4}/24", "dev", LAN4)
+            self._ip("-n", node.ns, "-6", "addr", "add", f"{node.ip6}/64", "dev", LAN6, "nodad")
+            self._ip("-n", node.ns, "link", "set", LAN4, "up")
+            self._ip("-n", node.ns, "link", "set", LAN6, "up")
+
+    def set_link(self, node, path, up):
+        self._ip("-n", node.ns, "link", "set", path, "up" if up else "down")
+
+    def ns_exec(self, ns, cmd, **kw):
+        return run(["ip", "netns", "exec", ns, *cmd], **kw)
+
+    def send_datagrams(self, ns, src, dst, payloads, port=RECV_PORT, per_second=0, timeout=60):
+        """Send payloads from address src inside namespace ns; return how many went out."""
+        path = os.path.join(self.dir, f"dgrams-{time.monotonic_ns()}")
+        with open(path, "wb") as f:
+            for p in payloads:
+                f.write(struct.pack(">I", len(p)) + p)
+        try:
+            res = self.ns_exec(ns, [sys.executable, NETPROBE, "send", src, dst, str(port), path,
+                                    str(per_second)], timeout=timeout)
+        finally:
+            os.unlink(path)
+        return int(res.stdout.strip() or 0)
+
+    def udp_reaches(self, src_ns, src, dst_ns, dst, port=40000, seconds=3.0):
+        """Whether a datagram from src (in src_ns) arrives at dst (in dst_ns) within seconds."""
+        rx = subprocess.Popen(["ip", "netns", "exec", dst_ns, sys.executable, NETPROBE, "recv",
+                               dst, str(port), str(seconds)], stdout=subprocess.PIPE, text=True)
+        path = os.path.join(self.dir, f"probe-{time.monotonic_ns()}")
+        with open(path, "wb") as f:
+            for _ in range(int(seconds * 10)):
+                f.write(struct.pack(">I", 5) + b"probe")
+        tx = subprocess.Popen(["ip", "netns", "exec", src_ns, sys.executable, NETPROBE, "send",
+                               src, dst, str(port), path, "10"],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            out, _ = rx.communicate(timeout=seconds + 10)
+        finally:
+            tx.kill()
+            tx.wait()
+            os.unlink(path)
+        return out.startswith(f"from {src} ") or out.startswith(f"from ::ffff:{src} ")
+
+    # -- lifecycle
+
+    def destroy(self):
+        if self.destroyed:
+            return
+        self.destroyed = True
+        for node in self.nodes:
+            node.kill()
+        for ns in reversed(self.namespaces):
+            _kill_netns(ns)
+        if not os.environ.get("ZEM_SYSTEM_KEEP"):
+            shutil.rmtree(self.dir, ignore_errors=True)
+        with _lock:
+            if self in _live:
+                _live.remove(self)
