@@ -1,0 +1,165 @@
+// The stand-alone cluster platform: what its libraries share with each
+// other and with zemctl. The daemon never includes this header; it sees the
+// platform only through src/services/services.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "services/services.h"
+
+// Result codes of every platform operation (0 = success).
+enum : int32_t {
+    PLAT_ENOTREADY = 1, // not initialised, not attached, configuration not loaded
+    PLAT_EINVAL = 2,    // bad argument: null pointer, unknown kind or policy, bad length
+    PLAT_ENOENT = 3,    // no such file, key, node or path
+    PLAT_ESPACE = 4,    // the caller's buffer is too small
+    PLAT_EFORMAT = 5,   // not an integer, out of range, corrupt or foreign file
+    PLAT_EIO = 6,       // a system call failed
+};
+
+// ---- files -------------------------------------------------------------------
+
+inline constexpr char PLAT_DEFAULT_ROOT[] = "/var/lib/zem";
+
+// ZEM_ROOT if set and not empty, else PLAT_DEFAULT_ROOT; no trailing slash.
+std::string plat_root();
+// The root joined with a relative path ("etc/cluster.xml").
+std::string plat_path(const char *rel);
+
+// Why the last xmllib_load_config / zemstorage_init of this process failed.
+std::string plat_lasterror();
+void plat_seterror(const std::string &why);
+
+// Opens (creating with mode 0700 when asked) the run/ directory without
+// following a symlink; -1 with errno on failure.
+int plat_rundir(bool create);
+
+// Replaces run/<name> atomically by a new file of the given bytes (mode
+// 0600); the old file, still mapped by running processes, is left to them.
+int plat_replace_file(const char *name, const void *data, size_t size, std::string &err);
+
+// ---- configuration files ------------------------------------------------------
+
+// This node's identity from etc/local.xml (every element optional).
+struct plat_local {
+    std::string hostname; // default: the machine's host name
+    std::string area;     // heartbeat area file; default <root>/run/hbarea
+    int32_t cntno = 0;    // controller number
+};
+// PLAT_ENOENT never: a missing local.xml gives the defaults. Fails with a
+// message naming file, line and element when the file is broken.
+int32_t plat_load_local(plat_local &out, std::string &err);
+
+struct plat_node {
+    std::string name;
+    int32_t pri;
+};
+struct plat_rsc {
+    std::string name;
+    int32_t pri;
+};
+// The cluster as etc/cluster.xml describes it, in document order.
+struct plat_cluster {
+    std::vector<plat_node> nodes;
+    std::vector<plat_rsc> rsc[2]; // indexed by plat_kind
+};
+// Reads and checks cluster.xml. Every problem found is appended to errors
+// ("file:line: key: problem"); notes collects harmless oddities. Returns 0
+// when errors stayed empty.
+int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, std::vector<std::string> &notes);
+
+// Integer text as the configuration library reads it: optional sign, decimal
+// or 0x hex, surrounding blanks allowed, must fit in 32 bits signed.
+bool plat_parse_i32(const char *text, int32_t *out);
+
+// ---- shared memory and semaphores ----------------------------------------------
+
+inline constexpr int NM_MAXNODE = 64; // node priorities are 0 .. NM_MAXNODE-1
+inline constexpr int NM_MAXRSC = 32;  // paths per kind
+inline constexpr int NM_NODENAME = 48;
+inline constexpr int NM_RSCNAME = 32;
+inline constexpr uint32_t SHM_VERSION = 1;
+inline constexpr uint32_t NM_MAGIC = 0x4d4e4d5a;  // "ZMNM"
+inline constexpr uint32_t CM_MAGIC = 0x4d434d5a;  // "ZMCM"
+inline constexpr uint32_t SEM_MAGIC = 0x4d45535a; // "ZSEM"
+inline constexpr char NM_FILE[] = "shmnm";
+inline constexpr char CM_FILE[] = "shmcm";
+inline constexpr char SEM_FILE[] = "sem";
+
+// Kind index of "lanhb" (0) and "cnthb" (1); -1 for anything else.
+int plat_kind(const char *kind);
+
+// Layouts of the files under run/. The names, counts and priorities are
+// written once when the file is created and never change; every other field
+// is one 32-bit word read and written atomically, so there is no lock that a
+// dying process could leave held.
+struct shm_head {
+    uint32_t magic;
+    uint32_t version;
+    uint64_t size; // sizeof the whole layout
+};
+struct nm_node {
+    char name[NM_NODENAME];
+    int32_t pri;
+    int32_t hdstat;
+    int32_t nodestat;
+    int32_t pad;
+};
+struct nm_rsc {
+    char name[NM_RSCNAME];
+    int32_t pri;
+    int32_t stat;                 // path state
+    int32_t svstat[NM_MAXNODE];   // per node, by node index
+};
+struct nm_layout {
+    shm_head head;
+    int32_t nnode;
+    int32_t nrsc[2];
+    int32_t waitstat;
+    int32_t nonvol;
+    int32_t pad;
+    nm_node node[NM_MAXNODE];
+    nm_rsc rsc[2][NM_MAXRSC];
+};
+struct cm_layout {
+    shm_head head;
+    char version[SHMCM_TEXT_SIZE];
+    char edition[SHMCM_TEXT_SIZE];
+    int32_t action;
+    int32_t ratio;
+};
+struct sem_layout {
+    shm_head head;
+    uint32_t statchange; // bumped by every post; waiters sleep on it (futex)
+    int32_t downnotify;  // non-zero: this node's down is to be announced
+};
+
+inline constexpr char CM_VERSION[] = "1.0";
+inline constexpr char CM_EDITION[] = "standalone";
+
+// Writes fresh node-manager, cluster-manager and semaphore files for the
+// cluster: all states UNKNOWN, hdstat 1, ratio 1, everything else 0.
+int32_t plat_shm_create(const plat_cluster &cl, std::string &err);
+
+// What zemctl needs beyond the daemon's operations (attach first).
+int32_t plat_getrscstat(const char *kind, const char *rsc, int32_t *stat);
+int32_t plat_setwaitstat(int32_t v);
+int32_t plat_getnonvol(int32_t *v);
+int32_t plat_sethdstat(const char *node, int32_t v);
+int32_t plat_setnodestat(const char *node, int32_t v);
+int32_t plat_setaction(int32_t v);
+int32_t plat_setratio(int32_t v);
+int32_t plat_setdownnotify(int32_t on);
+// Number of posts so far; plat_statchange_wait sleeps until it differs
+// from seen or timeout_ms passes (returns the current count either way).
+uint32_t plat_statchange_count();
+uint32_t plat_statchange_wait(uint32_t seen, int timeout_ms);
+
+// ---- heartbeat area -----------------------------------------------------------------
+
+// Creates the area file (ZEMFW_HBSLOTS zeroed slots, mode 0640) when it does
+// not exist; an existing one is left as it is.
+int32_t plat_area_create(const std::string &path, std::string &err);
