@@ -41,6 +41,7 @@ LAN4 = "lan4"
 LAN6 = "lan6"
 CNT = "cnt1"
 LAN_PATHS = (LAN4, LAN6)
+PATH_PRI = {LAN4: 0, LAN6: 1, CNT: 0}
 RECV_PORT = 29002
 MAXNODE = 32
 
@@ -109,7 +110,7 @@ def proc_exe(pid):
 def find_tools():
     """Paths of zemctl and zemlanhb: from ZEM_CTL/ZEM_DAEMON, else from ZEM_BUILD."""
     build = os.environ.get("ZEM_BUILD", "")
-    ctl = os.environ.get("ZEM_CTL") or (os.path.join(build, "tools", "zemctl") if build else "")
+    ctl = os.environ.get("ZEM_CTL") or (os.path.join(build, "zemctl") if build else "")
     daemon = os.environ.get("ZEM_DAEMON") or (os.path.join(build, "zemlanhb") if build else "")
     return ctl, daemon
 
@@ -400,6 +401,81 @@ class Cluster:
             self._ip("-n", node.ns, "link", "set", LAN4, "up")
             self._ip("-n", node.ns, "link", "set", LAN6, "up")
 
+    # -- configuration
+
+    def cluster_xml(self):
+        """The cluster configuration every node shares."""
+        servers = "".join(
+            f"""
+  <server name="{n.name}">
+    <priority>{n.pri}</priority>
+    <device name="0"><info>{n.ip4}/24</info></device>
+    <device name="1"><info>{n.ip6}</info></device>
+  </server>""" for n in self.nodes)
+        return f"""<?xml version="1.0"?>
+<root>
+  <all><num><server>{MAXNODE}</server><hbr>16</hbr></num></all>
+  <cluster>
+    <name>{self.prefix}</name>
+    <heartbeat>
+      <mismatch>0</mismatch>
+      <timeout>{self.hbto}</timeout>
+      <interval>{self.hbint}</interval>
+      <port><recv>{RECV_PORT}</recv><send>0</send></port>
+    </heartbeat>
+    <delaywarn><heartbeat>80</heartbeat></delaywarn>
+    <downpacket><interval>0</interval><retry>5</retry></downpacket>
+  </cluster>
+  <heartbeat>
+    <nice>-20</nice>
+    <mlock>no</mlock>
+    <sched><schedule>0</schedule><priority>0</priority></sched>
+    <lanhb name="{LAN4}"><priority>{PATH_PRI[LAN4]}</priority><device>0</device></lanhb>
+    <lanhb name="{LAN6}"><priority>{PATH_PRI[LAN6]}</priority><device>1</device></lanhb>
+    <cnthb name="{CNT}"><priority>{PATH_PRI[CNT]}</priority></cnthb>
+  </heartbeat>
+  <lanhb>
+    <log><level>4</level><size>50000000</size></log>
+    <watchth>1</watchth>
+    <thread><stacksize>0</stacksize></thread>
+    <socket><nbio>1</nbio></socket>
+  </lanhb>
+  <cnthb>
+    <log><level>4</level><size>50000000</size></log>
+    <watchth>0</watchth>
+    <thread><stacksize>0</stacksize></thread>
+    <downpacket><wait>20</wait><retry>100</retry></downpacket>
+    <rwlock>0</rwlock>
+  </cnthb>{servers}
+</root>
+"""
+
+    def write_config(self):
+        xml = self.cluster_xml()
+        for n in self.nodes:
+            etc = os.path.join(n.root, "etc")
+            os.makedirs(etc, mode=0o700, exist_ok=True)
+            with open(os.path.join(etc, "cluster.xml"), "w") as f:
+                f.write(xml)
+            with open(os.path.join(etc, "local.xml"), "w") as f:
+                f.write(f"""<?xml version="1.0"?>
+<local>
+  <hostname>{n.name}</hostname>
+  <storage><area>{n.area}</area><controller>{n.cntno}</controller></storage>
+</local>
+""")
+
+    def setup(self):
+        """Network, configuration and fresh shared memory on every node."""
+        self.build_network()
+        self.write_config()
+        for n in self.nodes:
+            n.zemctl("init")
+
+    def start_all(self, *run_args):
+        for n in self.nodes:
+            n.start(*run_args)
+
     def set_link(self, node, path, up):
         self._ip("-n", node.ns, "link", "set", path, "up" if up else "down")
 
@@ -453,3 +529,95 @@ class Cluster:
         with _lock:
             if self in _live:
                 _live.remove(self)
+
+
+# ---------------------------------------------------------------- observing
+
+LOG_TIME_RE = re.compile(r"^(\d{4}-\d{2}-\d{2}[ T]\d{2}:\d{2}:\d{2}\.\d{3})")
+
+
+def log_time(line):
+    """Wall-clock time (seconds since the epoch) of one log record, or None."""
+    m = LOG_TIME_RE.match(line)
+    if not m:
+        return None
+    stamp = m.group(1).replace("T", " ")
+    return datetime.datetime.strptime(stamp, "%Y-%m-%d %H:%M:%S.%f").timestamp()
+
+
+def node_line(path, node):
+    """The state-change text of one node on one path, up to the state."""
+    return f" *** {path}/node({node.name}({node.pri})) : "
+
+
+def log_kind(path):
+    return "cnthb" if path == CNT else "lanhb"
+
+
+def events(node, kind, text, since=0.0):
+    """(time, line) of every record of the node's log containing text, at or after since."""
+    out = []
+    for line in node.log_lines(kind):
+        if text in line:
+            t = log_time(line)
+            if t is not None and t >= since:
+                out.append((t, line))
+    return out
+
+
+def problems(cluster, expect=None):
+    """Differences between what every running node shows and a healthy cluster.
+
+    Healthy: on both LAN paths every running node ONLINE and the path NORMAL;
+    on nodes 1 and 2, which share the controller, both ONLINE on the
+    controller path and the path NORMAL. Empty when all is as expected."""
+    running = [n for n in cluster.nodes if n.running()]
+    pair = [n for n in running if n.idx <= 2]
+    out = []
+    for n in running:
+        try:
+            st = n.status()
+        except (HarnessError, ValueError) as e:
+            out.append(f"{n.name}: status failed: {e}")
+            continue
+        checks = [("lanhb", p, running) for p in LAN_PATHS]
+        if n in pair and len(pair) == 2:
+            checks.append(("cnthb", CNT, pair))
+        for kind, path, peers in checks:
+            p = st[kind].get(path)
+            if p is None:
+                out.append(f"{n.name}: no path {path}")
+                continue
+            if p["stat"] != "NORMAL":
+                out.append(f"{n.name}: {path} {p['stat']}")
+            for m in peers:
+                if p["nodes"].get(m.name) != "ONLINE":
+                    out.append(f"{n.name}: {path}/{m.name} {p['nodes'].get(m.name)}")
+    return out
+
+
+def wait_healthy(cluster, timeout=15):
+    """Wait until problems() is empty; return the problems left (empty on success)."""
+    left = []
+
+    def ok():
+        nonlocal left
+        left = problems(cluster)
+        return not left
+
+    wait_until(ok, timeout, 0.2)
+    return left
+
+
+# ---------------------------------------------------------------- datagrams
+
+def heartbeat(nodepri, rscpri, tag=b"lanhb", maxnode=MAXNODE, rscstat=0):
+    """A LAN heartbeat datagram as a node with priority nodepri sends it on the
+    path with priority rscpri."""
+    buf = bytearray(320 + 8 * maxnode)
+    buf[0:len(tag)] = tag
+    buf[8:15] = b"unknown"
+    buf[24:31] = b"unknown"
+    struct.pack_into(">iiiiii", buf, 296, int(time.time()) & 0x7FFFFFFF, nodepri, rscpri,
+                     rscstat, 0, 8 * maxnode)
+    return bytes(buf)
