@@ -17,7 +17,7 @@ import pytest
 
 import zemcluster
 from zemcluster import (CNT, LAN4, LAN6, LAN_PATHS, OUTSIDER4, OUTSIDER6, PATH_PRI,
-                        events, heartbeat, log_kind, node_line, problems, wait_healthy,
+                        events, heartbeat, log_kind, node_line, wait_healthy,
                         wait_until)
 
 HBINT = 0.5          # seconds, as configured

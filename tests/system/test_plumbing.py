@@ -13,7 +13,7 @@ import tempfile
 import pytest
 
 import zemcluster
-from zemcluster import LAN4, LAN6, OUTSIDER4, OUTSIDER6, Cluster, wait_until
+from zemcluster import LAN4, OUTSIDER4, OUTSIDER6, Cluster, wait_until
 
 
 @pytest.fixture(scope="module")

@@ -24,7 +24,6 @@ import os
 import re
 import shutil
 import signal
-import socket
 import struct
 import subprocess
 import sys

@@ -1,0 +1,203 @@
+"""The main job, run by scripts/demo: a three-node heartbeat cluster on this
+machine, converging, losing a node to a crash, getting it back, and losing
+another in an orderly stop; with what every node saw and when.
+
+Usage: demo.py --build DIR   (DIR holds zemctl and zemlanhb)
+"""
+
+import argparse
+import os
+import signal
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+import zemcluster  # noqa: E402
+from zemcluster import CNT, LAN4, LAN6, events, log_kind, node_line  # noqa: E402
+
+PATHS = (LAN4, LAN6, CNT)
+MARK = {"ONLINE": "O", "OFFLINE": "x", "UNKNOWN": "?", "UNUSED": "-"}
+
+
+class Table:
+    """Prints a node's view whenever it changes."""
+
+    def __init__(self, cluster, t0):
+        self.cluster = cluster
+        self.t0 = t0
+        self.last = {}
+
+    def header(self):
+        print("  O = ONLINE, x = OFFLINE, ? = UNKNOWN, - = UNUSED: node1 node2 node3, "
+              "then the path's state")
+        print(f"  {'time':>7}  {'view of':8} " + "".join(f"{p:18}" for p in PATHS))
+
+    def view(self, node):
+        if not node.running():
+            return None
+        try:
+            st = node.status()
+        except (zemcluster.HarnessError, ValueError):
+            return None
+        cells = []
+        for path in PATHS:
+            p = st[log_kind(path)].get(path)
+            if p is None:
+                cells.append("")
+                continue
+            marks = " ".join(MARK.get(p["nodes"].get(n.name), "?") for n in self.cluster.nodes)
+            cells.append(f"{marks}  {p['stat']}")
+        return cells
+
+    def poll(self):
+        changed = False
+        for node in self.cluster.nodes:
+            cells = self.view(node)
+            if cells is None:
+                if self.last.get(node.name) is not None:
+                    print(f"  {time.time() - self.t0:+6.2f}s  {node.name:8} (not running)")
+                    self.last[node.name] = None
+                continue
+            if cells != self.last.get(node.name):
+                self.last[node.name] = cells
+                print(f"  {time.time() - self.t0:+6.2f}s  {node.name:8} "
+                      + "".join(f"{c:18}" for c in cells))
+                changed = True
+        return changed
+
+    def follow(self, done, timeout, after=0.0):
+        """Print changes until done() holds (then `after` seconds more) or timeout.
+        Returns when done() first held, or None."""
+        deadline = time.time() + timeout
+        ok = None
+        while time.time() < deadline:
+            self.poll()
+            if done():
+                ok = time.time()
+                break
+            time.sleep(0.1)
+        end = time.time() + after
+        while time.time() < end:
+            self.poll()
+            time.sleep(0.1)
+        return ok
+
+
+def offline_everywhere(cluster, victim, paths_for):
+    def done():
+        for obs in cluster.nodes:
+            if obs is victim or not obs.running():
+                continue
+            st = obs.status()
+            for path in paths_for(obs):
+                if st[log_kind(path)][path]["nodes"][victim.name] != "OFFLINE":
+                    return False
+        return True
+    return done
+
+
+def report(cluster, victim, since, paths_for, extra):
+    """Times of the OFFLINE records of victim on every observer, with their cause."""
+    rows = []
+    for obs in cluster.nodes:
+        if obs is victim or not obs.running():
+            continue
+        for path in paths_for(obs):
+            ev = events(obs, log_kind(path), node_line(path, victim) + "OFFLINE ***", since)
+            if not ev:
+                rows.append(f"    {obs.name} {path:5} still not OFFLINE")
+                continue
+            t, _ = ev[0]
+            cause = [line for tt, line in events(obs, log_kind(path), extra(path), since)
+                     if tt <= t]
+            why = cause[-1].split(": ", 1)[-1] if cause else ""
+            rows.append(f"    {obs.name} {path:5} OFFLINE after {t - since:5.2f} s   {why}")
+    return rows
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--build", required=True)
+    args = ap.parse_args()
+    ctl = os.path.join(args.build, "zemctl")
+    daemon = os.path.join(args.build, "zemlanhb")
+    zemcluster.install_cleanup_handlers()
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    removed = zemcluster.sweep()
+    if removed:
+        print(f"removed leftovers of an earlier run: {' '.join(removed)}")
+
+    c = zemcluster.Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon)
+    summary = []
+    try:
+        c.setup()
+        print("Three nodes, each in its own network and PID namespace, on two LAN paths:")
+        for n in c.nodes:
+            print(f"  {n.name}: {LAN4} {n.ip4}, {LAN6} {n.ip6}, controller slot {n.cntno} of "
+                  f"{os.path.basename(n.area)}")
+        print(f"Heartbeat interval {c.hbint} ms, time-out {c.hbto} ms. "
+              f"Nodes 1 and 2 share the controller path {CNT}.\n")
+
+        def pair(victim):
+            # Controller states count only between the two nodes that share it.
+            return lambda obs: PATHS if obs.idx <= 2 and victim.idx <= 2 else (LAN4, LAN6)
+
+        print("== start: every node runs 'zemctl run'")
+        t0 = time.time()
+        table = Table(c, t0)
+        table.header()
+        c.start_all()
+        def converged():
+            return not zemcluster.problems(c)
+
+        t_conv = table.follow(converged, 20, after=0.5)
+        if t_conv is None:
+            print("the cluster did not converge within 20 s:", zemcluster.problems(c))
+            return 1
+        summary.append(f"all nodes ONLINE, all paths NORMAL {t_conv - t0:.1f} s after the start")
+
+        victim = c[2]
+        print(f"\n== crash: SIGKILL to {victim.name}'s daemon")
+        t1 = time.time()
+        table.t0 = t1
+        os.kill(victim.daemon_pid(), signal.SIGKILL)
+        table.follow(offline_everywhere(c, victim, pair(victim)), 15, after=0.5)
+        rows = report(c, victim, t1, pair(victim), lambda path: "**TIMEOUT(")
+        print("\n".join(rows))
+        summary.append(f"crash of {victim.name} detected by time-out:")
+        summary += rows
+
+        print(f"\n== restart {victim.name}")
+        table.t0 = time.time()
+        victim.wait(10)
+        victim.start()
+        table.follow(converged, 20, after=0.5)
+
+        victim = c[1]
+        print(f"\n== orderly stop: SIGTERM to {victim.name}'s supervisor (down notification on)")
+        t2 = time.time()
+        table.t0 = t2
+        victim.stop()
+        table.follow(offline_everywhere(c, victim, pair(victim)), 15, after=0.5)
+        rows = report(c, victim, t2, pair(victim),
+                      lambda path: "DOWNPACKET read(" if path == CNT else "DOWNPACKET recv(")
+        print("\n".join(rows))
+        summary.append(f"orderly stop of {victim.name} announced by down packets:")
+        summary += rows
+
+        print("\n== what the cluster saw")
+        print("\n".join(f"  {line}" for line in summary))
+        return 0
+    except KeyboardInterrupt:
+        print("\ninterrupted")
+        return 130
+    finally:
+        c.destroy()
+        left = zemcluster.leftovers()
+        print("cleaned up: namespaces, processes and files removed"
+              + (f" (left: {left})" if left else ""))
+
+
+if __name__ == "__main__":
+    sys.exit(main())
