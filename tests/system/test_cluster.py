@@ -36,11 +36,14 @@ def cluster(tools):
         yield c
     finally:
         c.destroy()
+    assert not c.remains(), f"left behind: {c.remains()}"
 
 
 @pytest.fixture
 def healthy(cluster):
     for n in cluster.nodes:
+        if n.running() and n.daemon_pid() is None:
+            n.wait(15)          # a supervisor that lost its daemon is ending
         if not n.running():
             n.start()
     for n in cluster.nodes:
@@ -265,7 +268,8 @@ def test_resume_keeps_online_peers_online(healthy):
         assert events(node, kind, "change mode to resume(act:0x", t0), kind
     for m in peers:
         for path in LAN_PATHS:
-            assert events(node, "lanhb", node_line(path, m) + "prev stat:0x00000001", t0)
+            assert events(node, "lanhb", f" *** {path}/node({m.name}({m.pri})) prev stat:0x00000001 ***",
+                          t0)
             assert not events(node, "lanhb", node_line(path, m) + "OFFLINE", t0)
             assert not events(node, "lanhb", node_line(path, m) + "ONLINE", t0)
 

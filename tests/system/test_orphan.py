@@ -28,6 +28,7 @@ def slow(tools):
         yield c
     finally:
         c.destroy()
+    assert not c.remains(), f"left behind: {c.remains()}"
 
 
 def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):

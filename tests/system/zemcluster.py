@@ -82,6 +82,16 @@ def pid_alive(pid):
     return True
 
 
+def proc_running(pid):
+    """Whether pid exists and is not a zombie."""
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            stat = f.read()
+    except OSError:
+        return False
+    return stat[stat.rindex(")") + 2:].split()[0] != "Z"
+
+
 def proc_children(ppid):
     """Global ids of the live processes whose parent is ppid."""
     out = []
@@ -359,6 +369,7 @@ class Cluster:
         for node in self.nodes:
             os.makedirs(node.root, mode=0o700)
         self.namespaces = []
+        self.pids = set()           # node processes seen at destroy(), for remains()
         self.destroyed = False
         with _lock:
             _live.append(self)
@@ -515,11 +526,20 @@ class Cluster:
 
     # -- lifecycle
 
+    def remains(self):
+        """What destroy() should have removed but is still there."""
+        left = [ns for ns in _netns_list() if ns.startswith(self.prefix + "-")]
+        left += [f"process {p}" for p in self.pids if proc_running(p)]
+        if os.path.exists(self.dir):
+            left.append(self.dir)
+        return left
+
     def destroy(self):
         if self.destroyed:
             return
         self.destroyed = True
         for node in self.nodes:
+            self.pids.update(p for p in (node.init_pid(), node.supervisor_pid(), node.daemon_pid()) if p)
             node.kill()
         for ns in reversed(self.namespaces):
             _kill_netns(ns)
