@@ -137,9 +137,17 @@ def destroy_all():
         c.destroy()
 
 
+_stopping = False
+
+
 def _on_signal(signum, _frame):
-    destroy_all()
-    # Let the caller's own clean-up (fixtures, finally blocks) run too.
+    # Treat SIGTERM and SIGHUP like Ctrl-C: unwind, so that fixtures, finally
+    # blocks and finally atexit remove the clusters. Later signals must not
+    # cut that clean-up short.
+    global _stopping
+    if _stopping:
+        return
+    _stopping = True
     raise KeyboardInterrupt(f"signal {signum}")
 
 
