@@ -4,6 +4,7 @@
 // daemon as its parent process (run).
 #include <limits.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -291,12 +292,20 @@ void print_changes(const snapshot &before, const snapshot &after, uint32_t posts
         printf("%s state change posted (%u post%s, no state differs)\n", ts.c_str(), posts, posts == 1 ? "" : "s");
 }
 
+// Identity of the semaphore file, to notice a reset by "zemctl init".
+ino_t sem_inode()
+{
+    struct stat st {};
+    return stat(plat_path("run/sem").c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
 int cmd_watch(int count, int timeout)
 {
     if (int32_t r = sem_attach(); r != 0)
         return attach_failed("sem_attach()", r);
     if (int32_t r = shmnm_attach(); r != 0)
         return attach_failed("shmnm_attach()", r);
+    ino_t ino = sem_inode();
     snapshot snap;
     take(snap);
     uint32_t seen = plat_statchange_count();
@@ -316,6 +325,12 @@ int cmd_watch(int count, int timeout)
                 snap[k] = now[k];
             if (count > 0 && posts >= count)
                 return 0;
+        }
+        if (c == seen && sem_inode() != ino && sem_attach() == 0 && shmnm_attach() == 0) {
+            ino = sem_inode();
+            take(snap);
+            seen = plat_statchange_count();
+            printf("%s shared memory was reset; watching the new one\n", now_text().c_str());
         }
         if (timeout > 0) {
             struct timespec t {};
@@ -391,6 +406,28 @@ std::string default_daemon()
     return dir.substr(0, dir.rfind('/') + 1) + "zemlanhb";
 }
 
+// The daemon cannot log before its logs are open; say why it could not start.
+void explain(int status)
+{
+    std::string why;
+    if (status == 4 && xmllib_init("lanhb") != 0) {
+        why = plat_lasterror();
+    } else if (status == 12) {
+        xmllib_init("lanhb");
+        if (xmllib_load_config() != 0)
+            why = plat_lasterror();
+        xmllib_term();
+    } else if (status == 1) {
+        uint8_t cntno = 0;
+        if (zemstorage_init(&cntno) != 0)
+            why = plat_lasterror();
+        else if (zemstorage_term(), sem_attach() != 0 || shmcm_attach() != 0 || shmnm_attach() != 0)
+            why = "shared memory missing or damaged under " + plat_path("run") + "; run \"zemctl init\"";
+    }
+    if (!why.empty())
+        printf("zemctl: probable cause: %s\n", why.c_str());
+}
+
 int cmd_run(bool nodown, std::string daemon)
 {
     if (daemon.empty())
@@ -450,6 +487,7 @@ int cmd_run(bool nodown, std::string daemon)
                 continue;
             if (WIFEXITED(st)) {
                 printf("zemctl: %s (pid %d) exited with status %d\n", base, pid, WEXITSTATUS(st));
+                explain(WEXITSTATUS(st));
                 return WEXITSTATUS(st);
             }
             int s = WTERMSIG(st);

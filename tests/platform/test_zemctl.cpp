@@ -154,6 +154,11 @@ TEST_F(Zemctl, WatchIsWokenByAPostFromAnotherProcess)
     ptest::child w = ptest::spawn({ZEMCTL_PATH, "watch", "--count", "2", "--timeout", "120"}, root, at("watch.out"));
     ASSERT_GT(w.pid, 0);
     ASSERT_TRUE(ptest::await_text(at("watch.out"), "watching")) << ptest::slurp(at("watch.out"));
+    // A reset under a running watch: it follows the new memory.
+    init();
+    ASSERT_TRUE(ptest::await_text(at("watch.out"), "shared memory was reset")) << ptest::slurp(at("watch.out"));
+    ASSERT_EQ(shmnm_attach(), 0);
+    ASSERT_EQ(sem_attach(), 0);
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_ONLINE), 0);
     ASSERT_EQ(shmnm_setrscstat("lanhb", "lan1", SHMNM_RSCSTAT_NORMAL), 0);
     ASSERT_EQ(sem_set_statchange(), 0);
@@ -211,9 +216,12 @@ TEST_F(Run, ReportsADaemonThatDiesOrFailsToStart)
     EXPECT_EQ(supervise({}, {"HELPER_MODE=crash"}, true), 128 + SIGKILL) << out;
     EXPECT_NE(out.find("was killed by signal 9"), std::string::npos) << out;
 
+    // Exit 12 is a configuration that cannot be loaded: zemctl says why.
+    put("etc/cluster.xml", "<root>\n<cluster>\n</root>\n");
     EXPECT_EQ(supervise({}, {"HELPER_MODE=early"}, false), 12) << out;
     EXPECT_EQ(out.find("is up"), std::string::npos) << out;
     EXPECT_NE(out.find("exited with status 12"), std::string::npos) << out;
+    EXPECT_NE(out.find("probable cause: " + at("etc/cluster.xml") + ":3:"), std::string::npos) << out;
 
     std::string text;
     EXPECT_EQ(zemctl({"run", "--daemon", at("no-such-daemon")}, &text), 127);
