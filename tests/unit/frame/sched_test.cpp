@@ -1,0 +1,125 @@
+// setsched's keys, the stack-size key check and setstacksz.
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "fake/fake_platform.h"
+#include "frame/frame.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+struct Sched : ::testing::Test {
+    void SetUp() override
+    {
+        loginit();
+        // setsched applies the nice value to this very process: keep it.
+        fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
+    }
+    void TearDown() override
+    {
+        logterm();
+        bmlock = thstacksz = 0;
+        lanhb_bwatchth = 1;
+    }
+};
+
+TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
+{
+    bmlock = 1;
+    lanhb_bwatchth = 0;
+    EXPECT_EQ(setsched(), 0);
+    EXPECT_EQ(bmlock, 0);
+    EXPECT_EQ(lanhb_bwatchth.load(), 1);
+    EXPECT_EQ(fake::texts("lanhb"), (Texts{"xmllib_get_value(/root/heartbeat/mlock) failed(ret:2)",
+                                           "xmllib_get_value(/root/heartbeat/sched/schedule) failed(ret:2)",
+                                           "xmllib_get_value(/root/heartbeat/sched/priority) failed(ret:2)",
+                                           "xmllib_get_value(/root/lanhb/watchth) failed(ret:2)"}));
+    EXPECT_TRUE(fake::loaded_policies().empty());
+
+    fake::set_key("/root/lanhb/watchth", "0");
+    for (auto [text, locked] : {std::pair{"YES", 1}, {"yes", 1}, {"true", 0}, {"1", 0}, {"yes ", 0}}) {
+        fake::set_key("/root/heartbeat/mlock", text);
+        bmlock = 1 - locked;
+        setsched();
+        EXPECT_EQ(bmlock, locked) << '"' << text << '"';
+        EXPECT_EQ(lanhb_bwatchth.load(), 0);
+    }
+}
+
+TEST_F(Sched, MissingPolicyReturns9AndChangesNothing)
+{
+    fake::fail_on("xmllib_load_policy", "lanhb", 7);
+    fake::set_key("/root/heartbeat/mlock", "yes");
+    fake::set_key("/root/lanhb/watchth", "0");
+    fake::clear_calls();
+    EXPECT_EQ(setsched(), 9);
+    EXPECT_EQ(fake::texts("lanhb"), Texts{"xmllib_load_policy(lanhb) failed(ret:7)"});
+    EXPECT_EQ(fake::count("xmllib_get_value"), 0);
+    EXPECT_EQ(std::make_pair(bmlock, lanhb_bwatchth.load()), std::make_pair(0, 1));
+}
+
+// Without the nice key the process is raised to -20: done in a child.
+TEST_F(Sched, MissingNiceRaisesToMinus20)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    fake::erase_key("/root/heartbeat/nice");
+    auto child = [] {
+        setsched();
+        // Without the privilege the refusal is logged with -20 instead.
+        const bool applied = getpriority(PRIO_PROCESS, 0) == -20 || fake::count_log("lanhb", "setpriority(-20)") == 1;
+        _exit(applied && fake::count_log("lanhb", "xmllib_get_value(/root/heartbeat/nice) failed") == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Sched, StackSizeIsCorrectedAndTheLastKeyGoverns)
+{
+    const char *lankey = "/root/lanhb/thread/stacksize", *cntkey = "/root/cnthb/thread/stacksize";
+    for (auto [value, size] : {std::pair{"-1", 0}, {"1", 16384}, {"16383", 16384}, {"16384", 16384}, {"0", 0}}) {
+        fake::set_key(lankey, value);
+        thstacksz = 777;
+        loadstacksz(HBLOG_LAN, lankey);
+        EXPECT_EQ(thstacksz, size) << value;
+    }
+    loadstacksz(HBLOG_CNT, cntkey); // missing
+    EXPECT_EQ(thstacksz, 0);
+    fake::set_key(lankey, "8192");
+    fake::set_key(cntkey, "-5");
+    loadstacksz(HBLOG_LAN, lankey);
+    EXPECT_EQ(thstacksz, 16384);
+    loadstacksz(HBLOG_CNT, cntkey);
+    EXPECT_EQ(thstacksz, 0);
+    EXPECT_EQ(fake::texts("lanhb"),
+              (Texts{"invalid STACKSIZE(-1). set to 0.", "under minimum STACKSIZE(1). set to 16384.",
+                     "under minimum STACKSIZE(16383). set to 16384.", "under minimum STACKSIZE(8192). set to 16384."}));
+    EXPECT_EQ(fake::texts("cnthb"), (Texts{"xmllib_get_value(/root/cnthb/thread/stacksize) failed(ret:2)",
+                                           "invalid STACKSIZE(-5). set to 0."}));
+}
+
+TEST_F(Sched, SetstackszAppliesTheSizeAndSurvivesARefusal)
+{
+    pthread_attr_t attr;
+    ASSERT_EQ(pthread_attr_init(&attr), 0);
+    size_t dflt = 0, size = 0;
+    pthread_attr_getstacksize(&attr, &dflt);
+    setstacksz(&attr);
+    pthread_attr_getstacksize(&attr, &size);
+    EXPECT_EQ(size, dflt);
+    thstacksz = 262144;
+    setstacksz(&attr);
+    thstacksz = 1; // refused by the system: logged, the attributes keep their size
+    EXPECT_EQ(setstacksz(&attr), 0);
+    pthread_attr_getstacksize(&attr, &size);
+    EXPECT_EQ(size, 262144u);
+    for (const char *log : {"lanhb", "cnthb"})
+        EXPECT_EQ(fake::count_log(log, "pthread_attr_setstacksize(1) failed(ret:22,errno:"), 1) << log;
+    pthread_attr_destroy(&attr);
+}
+
+} // namespace

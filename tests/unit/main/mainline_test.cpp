@@ -1,0 +1,152 @@
+// The main line's start-up failures: exit status, log lines, the order in
+// which what was set up is released, and whether the parent was told. The
+// daemon runs in a child (the re-executed test binary) that checks what the
+// fake recorded and exits with the daemon's status, or 99 after printing
+// what differed.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fake/fake_platform.h"
+#include "frame/frame.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+struct Case {
+    const char *name;
+    std::function<void()> script; // the platform's failures
+    int status;
+    Texts lines;    // the controller log: the frame's lines only
+    Texts releases; // release operations in call order
+    bool parent_told;
+    int32_t restart;
+};
+
+const std::string CLOCK = "clock:" + std::to_string(sysconf(_SC_CLK_TCK)) + " per sec";
+const Texts AFTER_LOGS = {"log_term", "xmllib_unload_config", "xmllib_term"};
+const Texts LOAD_RELEASES = {"log_term",   "zemstorage_term",      "shmnm_detach", "shmcm_detach",
+                             "sem_detach", "xmllib_unload_config", "xmllib_term"};
+const Texts LOAD_LINES = {"lanhb/cnthb starting", CLOCK, "lanhb_loadinfo() failed(ret:9)", "lanhb/cnthb shutting down"};
+Texts attach_lines(int ret)
+{
+    return {"lanhb/cnthb starting", CLOCK, "attachipc() failed(ret:" + std::to_string(ret) + ")", "lanhb shutting down"};
+}
+void fail_loader() { fake::fail_on("xmllib_load_policy", "all", 9); } // the LAN loader's first policy
+
+const Case CASES[] = {
+    {"xmllib_init", [] { fake::fail("xmllib_init", 3); }, 4, {}, {}, false, 0},
+    {"load_config", [] { fake::fail("xmllib_load_config", 2); }, 12, {}, {"xmllib_term"}, false, 0},
+    {"storage", [] { fake::fail("zemstorage_init", 5); }, 1,
+     {"lanhb/cnthb starting", "zemstorage_init() failed(ret:5)", "lanhb/cnthb shutting down"}, AFTER_LOGS, false, 0},
+    {"sem_attach", [] { fake::fail("sem_attach", 7); }, 1, attach_lines(1), AFTER_LOGS, true, 0},
+    {"shmcm_attach", [] { fake::fail("shmcm_attach", 7); }, 1, attach_lines(2),
+     {"sem_detach", "log_term", "xmllib_unload_config", "xmllib_term"}, true, 0},
+    {"shmnm_attach", [] { fake::fail("shmnm_attach", 7); }, 1, attach_lines(3),
+     {"shmcm_detach", "sem_detach", "log_term", "xmllib_unload_config", "xmllib_term"}, true, 0},
+    {"loader", [] { fail_loader(), fake::set_waitstat(0); }, 13, LOAD_LINES, LOAD_RELEASES, true, 0},
+    {"resume", [] { fail_loader(), fake::set_waitstat(1); }, 13, LOAD_LINES, LOAD_RELEASES, true, 1},
+    {"waitstat and setsched",
+     [] {
+         fail_loader(), fake::fail("shmnm_getwaitstat", 4);
+         fake::fail_on("xmllib_load_policy", "lanhb", 6); // setsched gives up
+     },
+     13,
+     {"lanhb/cnthb starting", CLOCK, "setsched() failed(ret:9)", "shmnm_getwaitstat() failed(ret:4)",
+      "lanhb_loadinfo() failed(ret:9)", "lanhb/cnthb shutting down"},
+     LOAD_RELEASES, true, 1},
+};
+
+[[noreturn]] void run_main(const Case &c)
+{
+    const int status = zemlanhb_main();
+    const std::set<std::string> releasing(LOAD_RELEASES.begin(), LOAD_RELEASES.end());
+    Texts releases, all;
+    for (const auto &call : fake::calls()) {
+        all.push_back(call.op);
+        if (releasing.count(call.op) != 0)
+            releases.push_back(call.op);
+    }
+    bool ok = fake::texts("cnthb") == c.lines && releases == c.releases && brestart == c.restart;
+    if (c.status == 4)
+        ok = ok && all == Texts{"xmllib_init"};
+    for (const auto &line : c.lines) // the frame's lines go to the LAN log too
+        ok = ok && fake::has_log("lanhb", line);
+    if (!ok) {
+        std::fprintf(stderr, "status %d, brestart %d, calls:", status, brestart);
+        for (const auto &op : all)
+            std::fprintf(stderr, " %s", op.c_str());
+        for (const auto &log : {"lanhb", "cnthb"})
+            for (const auto &text : fake::texts(log))
+                std::fprintf(stderr, "\n%s: %s", log, text.c_str());
+        _exit(99);
+    }
+    _exit(status);
+}
+
+// True when a SIGUSR1 reached this process (it is kept blocked); clears it.
+bool took_usr1()
+{
+    sigset_t usr1;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    const struct timespec none = {0, 0};
+    bool got = false;
+    while (sigtimedwait(&usr1, nullptr, &none) == SIGUSR1)
+        got = true;
+    return got;
+}
+
+TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    sigset_t usr1, saved;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, &saved);
+    took_usr1();
+    for (const Case &c : CASES) {
+        SCOPED_TRACE(c.name);
+        fake::reset();
+        // A complete scheduling configuration: setsched logs nothing and
+        // leaves priority and memory as they are.
+        fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
+        for (const char *key : {"/root/heartbeat/sched/schedule", "/root/heartbeat/sched/priority"})
+            fake::set_key(key, "0");
+        fake::set_key("/root/heartbeat/mlock", "no");
+        fake::set_key("/root/lanhb/watchth", "1");
+        c.script();
+        EXPECT_EXIT(run_main(c), ::testing::ExitedWithCode(c.status), "");
+        EXPECT_EQ(took_usr1(), c.parent_told);
+    }
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+}
+
+TEST(MainLine, DispositionsAreSetFirst)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    fake::fail("xmllib_init", 3);
+    auto child = [] {
+        zemlanhb_main();
+        bool ok = true;
+        for (int sig : {SIGHUP, SIGINT, SIGPIPE, SIGALRM})
+            ok = ok && signal(sig, SIG_IGN) == SIG_IGN;
+        for (int sig : {SIGTERM, SIGCHLD, SIGUSR1, SIGUSR2})
+            ok = ok && signal(sig, SIG_DFL) == SIG_DFL;
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        _exit(ok && sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
+}
+
+} // namespace
