@@ -37,18 +37,29 @@ struct inflight {
 
 int32_t plat_area_create(const std::string &path, std::string &err)
 {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0)
+        return 0;
+    // Filled aside and linked into place, so a node starting at the same
+    // moment never opens a half-written area, and an area another node
+    // created meanwhile is kept.
+    std::string tmp = path + ".new." + std::to_string(getpid());
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640);
     if (fd < 0) {
-        if (errno == EEXIST)
-            return 0;
-        err = path + ": " + strerror(errno);
+        err = tmp + ": " + strerror(errno);
         return PLAT_EIO;
     }
     static const char zeros[AREA_SIZE] = {};
     bool ok = pwrite(fd, zeros, sizeof zeros, 0) == static_cast<ssize_t>(sizeof zeros) && fsync(fd) == 0;
-    if (!ok)
-        err = path + ": " + strerror(errno);
+    int e = errno;
     close(fd);
+    if (ok && link(tmp.c_str(), path.c_str()) != 0 && errno != EEXIST) {
+        ok = false;
+        e = errno;
+    }
+    unlink(tmp.c_str());
+    if (!ok)
+        err = path + ": " + strerror(e);
     return ok ? 0 : PLAT_EIO;
 }
 
