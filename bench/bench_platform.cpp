@@ -1,0 +1,140 @@
+// What one heartbeat cycle costs on the stand-alone platform: publishing a
+// state, the wake-up post, a log record, and a controller slot written
+// durably and read back. Runs on a throw-away root under /tmp.
+//
+//   build/release/bench/bench_platform [--benchmark_filter=...]
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "frame/frame.h"
+#include "plat.h"
+#include "services/services.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A root with the example cluster, fresh shared memory and an area file.
+class BenchRoot {
+public:
+    BenchRoot()
+    {
+        char tmpl[] = "/tmp/zembench.XXXXXX";
+        if (mkdtemp(tmpl) == nullptr)
+            die("mkdtemp");
+        root_ = tmpl;
+        fs::create_directories(root_ / "etc");
+        fs::copy_file(fs::path(ZEM_EXAMPLES) / "cluster.xml", root_ / "etc/cluster.xml");
+        fs::copy_file(fs::path(ZEM_EXAMPLES) / "local-node1.xml", root_ / "etc/local.xml");
+        setenv("ZEM_ROOT", root_.c_str(), 1);
+
+        plat_cluster cl;
+        std::vector<std::string> errors, notes;
+        std::string err;
+        plat_local local;
+        if (plat_load_cluster(cl, errors, notes) != 0 || plat_shm_create(cl, err) != 0 ||
+            plat_load_local(local, err) != 0 || plat_area_create(local.area, err) != 0)
+            die("setting up the platform: " + err + (errors.empty() ? "" : errors.front()));
+        if (xmllib_init("lanhb") != 0 || xmllib_load_config() != 0)
+            die("configuration: " + plat_lasterror());
+        if (sem_attach() != 0 || shmcm_attach() != 0 || shmnm_attach() != 0)
+            die("attach");
+        if (zemstorage_init(&cnthb_mycntno) != 0)
+            die("storage: " + plat_lasterror());
+        tckconf = sysconf(_SC_CLK_TCK);
+        loginit();
+    }
+    ~BenchRoot()
+    {
+        logterm();
+        zemstorage_term();
+        std::error_code ec;
+        fs::remove_all(root_, ec);
+    }
+
+private:
+    [[noreturn]] static void die(const std::string &what)
+    {
+        std::cerr << "bench_platform: " << what << "\n";
+        std::exit(1);
+    }
+    fs::path root_;
+};
+
+BenchRoot &root()
+{
+    static BenchRoot r;
+    return r;
+}
+
+void BM_PublishNodeState(benchmark::State &state)
+{
+    root();
+    int32_t stat = 0;
+    for (auto _ : state) {
+        shmnm_setrscsvstat(HB_KIND_LANHB, "lan1", 1, SHMNM_SVSTAT_ONLINE);
+        shmnm_getrscsvstat(HB_KIND_LANHB, "lan1", 1, &stat);
+    }
+    benchmark::DoNotOptimize(stat);
+}
+BENCHMARK(BM_PublishNodeState);
+
+void BM_StateChangePost(benchmark::State &state)
+{
+    root();
+    for (auto _ : state)
+        sem_set_statchange();
+}
+BENCHMARK(BM_StateChangePost);
+
+// One record as the heartbeat threads write them: formatted by hblog and
+// appended to the LAN log.
+void BM_LogRecord(benchmark::State &state)
+{
+    root();
+    for (auto _ : state)
+        HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) : ONLINE ***", "lan1", "node2", 1);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_LogRecord)->Threads(1)->Threads(2);
+
+// The delay check every send and receive makes (nothing written: the
+// elapsed time is below the threshold).
+void BM_DelayCheck(benchmark::State &state)
+{
+    root();
+    for (auto _ : state)
+        delaywarn(1, "lan1", "node2", 100, 101, 10000, LOG_MSG_LANSEND);
+}
+BENCHMARK(BM_DelayCheck);
+
+// A controller heartbeat write is durable (synchronous I/O): its latency is
+// what bounds the controller write cycle.
+void BM_ControllerWrite(benchmark::State &state)
+{
+    root();
+    unsigned char rec[ZEMFW_HBINF_SIZE] = "cnthb";
+    for (auto _ : state)
+        zemfw_sethbinf(cnthb_mycntno, rec);
+}
+BENCHMARK(BM_ControllerWrite)->UseRealTime();
+
+void BM_ControllerReadAll(benchmark::State &state)
+{
+    root();
+    static unsigned char area[ZEMFW_HBSLOTS * ZEMFW_HBINF_SIZE];
+    for (auto _ : state)
+        zemfw_gethbinf(area);
+}
+BENCHMARK(BM_ControllerReadAll);
+
+} // namespace
+
+BENCHMARK_MAIN();
