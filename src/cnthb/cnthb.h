@@ -2,14 +2,153 @@
 // heartbeat record, and the reader, writer, watcher and down-write threads.
 #pragma once
 
-#include <cstdint>
+#include <pthread.h>
+#include <sys/time.h>
 
-struct cnthb_list;
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "frame/frame.h"
+#include "services/services.h"
+
+// ---- the heartbeat record ---------------------------------------------------
+
+// One controller slot: text only, so no byte order. A slot never written
+// reads as 40 NUL bytes and carries neither tag.
+struct cnthb_hbinf {
+    char tag[8];    // "cnthb" (heartbeat) or "hbdown" (down notice), NUL-padded
+    char stamp[32]; // NUL-terminated time text; differs from record to record
+};
+static_assert(sizeof(cnthb_hbinf) == ZEMFW_HBINF_SIZE, "a record fills exactly one controller slot");
+
+inline constexpr char CNTHB_TAG_HB[] = "cnthb";
+inline constexpr char CNTHB_TAG_DOWN[] = "hbdown";
+
+// What a record read from the controller is.
+enum : int {
+    CNTHB_REC_NONE = 0, // neither tag: ignored
+    CNTHB_REC_HB = 1,
+    CNTHB_REC_DOWN = 2,
+};
+
+// Shared by every writer of records; the next fallback stamp is its value
+// after adding 1.
+extern std::atomic<int32_t> cnthb_ctimedummy;
+
+// Builds a heartbeat record from the current clock.
+void cnthb_makehb(cnthb_hbinf *rec);
+// Builds a down notice from the current clock.
+void cnthb_makedown(cnthb_hbinf *rec);
+// The same from given clock readings: tv is the time of day (null when it
+// could not be read), now the calendar time ((time_t)-1 when unreadable).
+void cnthb_fillhb(cnthb_hbinf *rec, const struct timeval *tv, time_t now);
+void cnthb_filldown(cnthb_hbinf *rec, time_t now);
+// The reader's view: clears bytes 7 and 39 of rec and names its tag.
+int cnthb_rectag(cnthb_hbinf *rec);
+// Two records are the same heartbeat when their stamps are equal.
+bool cnthb_samestamp(const cnthb_hbinf *a, const cnthb_hbinf *b);
+
+// ---- the table ----------------------------------------------------------------
+
+// One heap block: the header, then per path one cnthb_rsc followed by curnode
+// cnthb_node records (fixed stride, see cnthb_rscat / cnthb_nodeat).
+//
+// Locking: statlock guards every field that changes after loading (node and
+// path states, lastread, lastrec, the worker bookkeeping of each path). It is
+// never held across a firmware call. Fields that are also read without it
+// (stat, bwriting, breading, nworkers) are accessed through std::atomic_ref.
+struct cnthb_list {
+    char clustername[32];
+    char edition[16];
+    char version[16];
+    char hostname[46]; // short host name: cut at its first "."
+    int32_t mismatch;  // always 0
+    int32_t hbto;      // msec
+    int32_t hbint;     // msec
+    int32_t dpint;     // msec; refreshed by lanhb_loadexit before the down write
+    int32_t dpretry;   // refreshed by lanhb_loadexit before the down write
+    int32_t rwlock;    // non-zero: each path's firmware read and write take rwmutex
+    int32_t ownpri;
+    int32_t maxnode;
+    int32_t maxrsc;
+    int32_t curnode;
+    int32_t currsc;
+    int32_t nworkers; // worker threads alive that may still touch this block
+    pthread_mutex_t statlock;
+};
+
+struct cnthb_rsc {
+    cnthb_list *list;
+    char name[32];
+    int32_t pri;
+    int32_t stat; // SHMNM_RSCSTAT_*
+    int32_t maxnodepri;
+    pthread_t writeth; // current write or down-write worker
+    pthread_t readth;  // current read worker
+    int32_t bwriting;
+    int32_t breading;
+    hbtick_t writestart;
+    hbtick_t maxwrite;
+    hbtick_t readstart;
+    hbtick_t maxread;
+    pthread_mutex_t rwmutex; // initialised only when rwlock is non-zero
+    // Bumped at every worker start: a worker that was given up on (cancelled
+    // and its busy flag cleared) must not clear the flag of its successor.
+    uint32_t writeseq;
+    uint32_t readseq;
+};
+
+struct cnthb_node {
+    cnthb_list *list;
+    cnthb_rsc *rsc;
+    char name[46];
+    int32_t pri; // node id
+    int32_t stat; // SHMNM_SVSTAT_*
+    int32_t cntno; // controller slot of this node's records
+    hbtick_t lastread; // when a new record of this node was last seen
+    cnthb_hbinf lastrec; // first byte 0: no record kept yet
+};
+
+inline cnthb_rsc *cnthb_rscat(cnthb_list *list, int32_t i)
+{
+    const size_t stride = sizeof(cnthb_rsc) + static_cast<size_t>(list->curnode) * sizeof(cnthb_node);
+    return reinterpret_cast<cnthb_rsc *>(reinterpret_cast<char *>(list + 1) + static_cast<size_t>(i) * stride);
+}
+
+inline cnthb_node *cnthb_nodeat(cnthb_rsc *rsc, int32_t j)
+{
+    return reinterpret_cast<cnthb_node *>(rsc + 1) + j;
+}
+
+// Settings of the down write's bounded wait for its workers.
+extern int32_t cnthb_dpthwait;  // msec per wait step
+extern int32_t cnthb_dpthretry; // wait steps
 
 int32_t cnthb_loadinfo(cnthb_list **out);
 // Releases a table built by cnthb_loadinfo (null is fine), once no worker
 // thread can touch it any more.
 void cnthb_freelist(cnthb_list *list);
+
+// ---- status evaluation and time-outs ---------------------------------------------
+
+enum : int32_t {
+    CNTHB_ERR_READ = 18,  // a firmware read failed
+    CNTHB_ERR_WRITE = 19, // a firmware write failed
+};
+
+// Judges one node's record read from the controller; rec is modified (two
+// bytes cleared). Returns 8 when the record carries neither tag.
+int32_t cnthb_hbdata(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node, cnthb_hbinf *rec);
+// Recomputes and publishes a path's state. The caller holds statlock (or no
+// other thread uses the table yet).
+int32_t cnthb_setrscstat(cnthb_list *list, cnthb_rsc *rsc);
+// Takes nodes offline after a failed firmware read or write.
+int32_t cnthb_seterrstat(cnthb_list *list, int32_t kind);
+// One time-out pass over the whole table.
+int32_t cnthb_hbcheck(cnthb_list *list);
+
+// ---- threads ---------------------------------------------------------------------
 
 // Thread bodies; each takes the controller table and ends with an integer
 // exit value.
@@ -17,3 +156,13 @@ void *cnthb_hbread(void *list);
 void *cnthb_hbwrite(void *list);
 void *cnthb_hbwatch(void *list);
 void *cnthb_dpwrite(void *list);
+
+// Worker bodies; each takes its path record.
+void *cnthb_readthread(void *rsc);
+void *cnthb_writethread(void *rsc);
+void *cnthb_dpwritethread(void *rsc);
+
+// Clean-up handlers of the reader, writer and watcher; each takes the table.
+void cnthb_readthexit(void *list);
+void cnthb_writethexit(void *list);
+void cnthb_watchthexit(void *list);
