@@ -2,7 +2,15 @@
 // receiver, sender, watcher and down-packet threads.
 #pragma once
 
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+
+#include "frame/frame.h"
 
 struct lanhb_list;
 struct cnthb_list;
@@ -21,3 +29,182 @@ void *lanhb_dpsend(void *list);
 // Re-reads the down-packet interval and retry into the given table.
 int32_t lanhb_loadexit(lanhb_list *list);
 int32_t lanhb_loadexit(cnthb_list *list);
+
+// ---- the table ----------------------------------------------------------------
+//
+// One zero-filled heap block: the header, then per path one lanhb_rsc
+// immediately followed by curnode lanhb_node records. Only the states and
+// tick stamps change once the threads run; `stat` and `lastrecv` are touched
+// by several threads and are accessed only through lanhb_ld/lanhb_st, and
+// every read-decide-publish of them happens under the header's `statmx`.
+
+inline constexpr int LANHB_RSCNAME_SIZE = 32;
+inline constexpr int LANHB_NAME_SIZE = 46; // node names and addresses
+inline constexpr int LANHB_TEXT_SIZE = 16; // edition and version
+
+struct lanhb_rsc {
+    char name[LANHB_RSCNAME_SIZE];
+    int32_t pri;
+    int32_t devid; // negative: the path is invalid
+    char myname[LANHB_NAME_SIZE];
+    char myip[LANHB_NAME_SIZE];
+    int32_t stat; // SHMNM_RSCSTAT_*
+};
+
+struct alignas(8) lanhb_node {
+    char name[LANHB_NAME_SIZE];
+    char ip[LANHB_NAME_SIZE];
+    int32_t pri;
+    int32_t stat; // SHMNM_SVSTAT_*, 0 on invalid paths
+    hbtick_t lastrecv;
+    hbtick_t lastsend;
+    hbtick_t maxsend;
+};
+
+struct lanhb_list {
+    char edition[LANHB_TEXT_SIZE];
+    char version[LANHB_TEXT_SIZE];
+    uint16_t recvport;
+    uint16_t sendport; // 0: any
+    int32_t mismatch;
+    int32_t hbto;  // msec
+    int32_t hbint; // msec
+    int32_t dpint; // msec
+    int32_t dpretry;
+    int32_t ownpri;
+    int32_t maxnode;
+    int32_t maxrsc;
+    int32_t curnode;
+    int32_t currsc;
+    // Serialises the receiver's evaluation with the time-out check, so that a
+    // heartbeat that arrives during a check is never overwritten by a stale
+    // OFFLINE. Held around shared-memory calls, never around a socket call.
+    pthread_mutex_t statmx;
+};
+
+static_assert(sizeof(lanhb_list) % alignof(lanhb_node) == 0);
+static_assert(sizeof(lanhb_rsc) % alignof(lanhb_node) == 0);
+
+size_t lanhb_listsize(int32_t currsc, int32_t curnode);
+lanhb_rsc *lanhb_getrsc(lanhb_list *list, int32_t i);
+lanhb_node *lanhb_getnode(lanhb_list *list, int32_t i, int32_t j);
+// Node j of the path whose record is rsc.
+lanhb_node *lanhb_rscnode(lanhb_rsc *rsc, int32_t j);
+
+// Shared state fields: relaxed atomic access, whoever holds the lock.
+inline int32_t lanhb_ld(int32_t &field) { return std::atomic_ref<int32_t>(field).load(std::memory_order_relaxed); }
+inline void lanhb_st(int32_t &field, int32_t v) { std::atomic_ref<int32_t>(field).store(v, std::memory_order_relaxed); }
+inline hbtick_t lanhb_ld(hbtick_t &field) { return std::atomic_ref<hbtick_t>(field).load(std::memory_order_relaxed); }
+inline void lanhb_st(hbtick_t &field, hbtick_t v)
+{
+    std::atomic_ref<hbtick_t>(field).store(v, std::memory_order_relaxed);
+}
+
+// Non-blocking sockets for the sender and receiver ("/root/lanhb/socket/nbio").
+extern int32_t lanhb_bsocknbio;
+
+// ---- status evaluation and time-outs -------------------------------------------
+
+struct lanhb_packet;
+
+// Evaluates one accepted datagram of the node `node` on the path `rsc`.
+int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt);
+// Derives, stores and publishes the overall state of one path. Once threads
+// run, the caller holds list->statmx.
+int32_t lanhb_setrscstat(lanhb_list *list, lanhb_rsc *rsc);
+// One time-out pass over the whole table.
+int32_t lanhb_hbcheck(lanhb_list *list);
+
+void lanhb_sendthexit(void *arg);
+void lanhb_recvthexit(void *arg);
+void lanhb_watchthexit(void *arg);
+
+// ---- the datagram ------------------------------------------------------------
+//
+// Integers are big-endian on the wire; texts NUL-padded. 320 bytes, then
+// maxnode entries of 8 bytes.
+
+struct lanhb_nodeinf {
+    int32_t pri;
+    int32_t stat;
+};
+
+struct lanhb_packet {
+    char tag[8]; // "lanhb" or "hbdown"
+    char edition[LANHB_TEXT_SIZE];
+    char version[LANHB_TEXT_SIZE];
+    char reserved1[256];
+    uint32_t sendtime; // time(), low 32 bits
+    int32_t nodepri;   // sender's own node id
+    int32_t rscpri;    // identifies the path
+    int32_t rscstat;   // sender's state of the path
+    int32_t reserved2;
+    int32_t nodelen; // maxnode * 8
+    lanhb_nodeinf nodeinf[];
+};
+
+static_assert(offsetof(lanhb_packet, edition) == 8);
+static_assert(offsetof(lanhb_packet, version) == 24);
+static_assert(offsetof(lanhb_packet, sendtime) == 296);
+static_assert(offsetof(lanhb_packet, nodelen) == 316);
+static_assert(offsetof(lanhb_packet, nodeinf) == 320);
+static_assert(sizeof(lanhb_packet) == 320);
+
+inline constexpr char LANHB_TAG_HB[] = "lanhb";
+inline constexpr char LANHB_TAG_DOWN[] = "hbdown";
+
+// Length of a datagram with room for maxnode entries (a negative maxnode
+// counts as 0).
+size_t lanhb_pktlen(int32_t maxnode);
+// Zeroes the buffer (lanhb_pktlen(list->maxnode) bytes) and writes the fixed
+// fields: tag, edition, version, nodepri, nodelen.
+void lanhb_pktinit(lanhb_packet *pkt, const lanhb_list *list, const char *tag);
+// Rewrites nodeinf from the node manager, never beyond maxnode entries.
+// `named` selects the sender's failure text (with the node name) over the
+// down-packet sender's (code only).
+void lanhb_pktnodeinf(lanhb_packet *pkt, lanhb_list *list, bool named);
+// Sets rscpri and rscstat for the peers of one path.
+void lanhb_pktrsc(lanhb_packet *pkt, lanhb_rsc *rsc);
+
+// Whether the source address `from` (AF_INET in IPv4 mode, AF_INET6 in IPv6
+// mode) matches the configured address text `ip`.
+bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode);
+// Acceptance of one received datagram of `count` bytes in a buffer of
+// `buflen` bytes: tag, byte order (converted in place), path, node, sender
+// address. On success *rsc and *node are the matched records.
+bool lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
+                  bool v6mode, lanhb_rsc **rsc, lanhb_node **node);
+
+// ---- sending -----------------------------------------------------------------
+
+// Sends the datagram to one node entry of one path: bind-address and
+// destination lookups, a fresh socket, optional bind and non-blocking mode,
+// one sendto, close, timing. `from_port` is null when sendport is 0.
+// `bindok_level` is the level of the bind-address lookup's success line.
+void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt, size_t len,
+                    const char *from_port, const char *to_port, int bindok_level);
+
+// The sender's pacing: 1201 start-up polls of 500 ms, then polls of hbint,
+// counting polls in which the parent process has gone.
+struct lanhb_pace {
+    int32_t hbint = 0;
+    int32_t countover1 = 0;
+    int32_t countover2 = 0;
+    int32_t budget = 1200;
+    int32_t normal = 0; // 1 once the first poll of hbint has run
+    int32_t orphan = 0; // consecutive polls with parent pid 1
+    void (*sleepms)(int32_t ms) = nullptr; // null: a cancellable sleep
+    pid_t (*ppid)() = nullptr;             // null: getppid
+};
+// Fills hbint and the self-down limits.
+void lanhb_paceinit(lanhb_pace *pace, int32_t hbint);
+// One pacing step; in the send phase `maxloop` is non-null and the loop time
+// from t0 is recorded after the sleep. True when the parent has been gone
+// long enough: the caller stops the daemon.
+bool lanhb_pacestep(lanhb_pace *pace, hbtick_t t0, hbtick_t *maxloop);
+
+// Cancellation switches of the heartbeat threads; failures are logged.
+void lanhb_cancelon();
+void lanhb_canceloff();
+// Sleeps with cancellation enabled only for the sleep itself.
+void lanhb_sleepms(int32_t ms);

@@ -1,0 +1,65 @@
+// Down-packet settings read again at an orderly stop, so that the down
+// notices use the configuration in force then, not the one at start-up.
+#include "frame/frame.h"
+#include "lanhb/lanhb.h"
+#include "services/services.h"
+
+namespace {
+
+constexpr int32_t DEF_DPRETRY = 5;
+
+int32_t readint(const char *key, int32_t dflt)
+{
+    int32_t v = 0;
+    int32_t len = sizeof v;
+    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &v, &len);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        return dflt;
+    }
+    return v;
+}
+
+// Shared by both tables: only the two given fields change, and only when the
+// configuration and its policy could be loaded.
+int32_t loadexit(bool null, int32_t *dpint, int32_t *dpretry)
+{
+    if (null) {
+        HBLOG(HBLOG_LAN, 1, "IGNORE: lanhb_plist is NULL");
+        return 0;
+    }
+    if (xmllib_load_config() != 0)
+        return 12;
+    int32_t r = xmllib_load_policy("cluster");
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(cluster) failed(ret:%d)", r);
+        return 9;
+    }
+    int32_t interval = readint("/root/cluster/downpacket/interval", 0);
+    if (interval < 0) {
+        HBLOG(HBLOG_LAN, 1, "invalid DPINT(%d). set to %d msec.", interval, 0);
+        interval = 0;
+    }
+    int32_t retry = readint("/root/cluster/downpacket/retry", DEF_DPRETRY);
+    if (retry < 0) {
+        HBLOG(HBLOG_LAN, 1, "invalid DPRETRY(%d). set to %d.", retry, DEF_DPRETRY);
+        retry = DEF_DPRETRY;
+    }
+    r = xmllib_unload_policy("cluster");
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(nm) failed(ret:%d)", r);
+    r = xmllib_unload_config();
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "xmllib_unload_config() failed(ret:%d)", r);
+    *dpint = interval;
+    *dpretry = retry;
+    HBLOG(HBLOG_LAN, 1, "dpint:%d(msec),dpretry:%d", interval, retry);
+    return 0;
+}
+
+} // namespace
+
+int32_t lanhb_loadexit(lanhb_list *list)
+{
+    return list == nullptr ? loadexit(true, nullptr, nullptr) : loadexit(false, &list->dpint, &list->dpretry);
+}

@@ -1,0 +1,208 @@
+// The receiver thread: one UDP socket for all paths, IPv6 with IPv4 mapped
+// in, falling back to IPv4 when the host has no IPv6.
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "frame/frame.h"
+#include "lanhb/lanhb.h"
+#include "services/services.h"
+
+namespace {
+
+char RET_OK[] = "0";
+char RET_NOSOCK[] = "1";
+char RET_NOBIND[] = "2";
+char RET_NOMEM[] = "3";
+
+// Closes on every way out, cancellation unwinding included.
+struct sockfd {
+    int fd = -1;
+    ~sockfd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+struct freer {
+    void operator()(void *p) const { std::free(p); }
+};
+
+void exitlog(long code) { HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", code); }
+
+// Opens and binds the receive socket; returns null or the exit text.
+char *opensock(const lanhb_list *list, const char *port, sockfd *s, bool *v6mode)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_INET6;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo *probe = nullptr;
+    const int r = getaddrinfo(nullptr, port, &hints, &probe);
+    bool try6 = r == 0 && probe != nullptr;
+    if (probe != nullptr)
+        freeaddrinfo(probe);
+    if (!try6)
+        HBLOG(HBLOG_LAN, 1, "getaddrinfo(INET6) failed(ret:%d,errno:%d)", r, errno);
+
+    if (try6) {
+        s->fd = socket(AF_INET6, SOCK_DGRAM, 0);
+        if (s->fd < 0) {
+            const int err = errno;
+            HBLOG(HBLOG_LAN, 1, "socket(INET6) failed(errno:%d)", err);
+            if (err != EAFNOSUPPORT) {
+                exitlog(6);
+                return RET_NOSOCK;
+            }
+            HBLOG(HBLOG_LAN, 1, "try socket(INET)");
+        } else {
+            // IPv4 heartbeats arrive on this socket as mapped addresses.
+            int off = 0;
+            (void)setsockopt(s->fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+            sockaddr_in6 sa{};
+            sa.sin6_family = AF_INET6;
+            sa.sin6_port = htons(list->recvport);
+            sa.sin6_addr = in6addr_any;
+            if (bind(s->fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
+                const int err = errno;
+                close(s->fd);
+                s->fd = -1;
+                HBLOG(HBLOG_LAN, 1, "bind(INET6) failed(errno:%d)", err);
+                exitlog(7);
+                return RET_NOBIND;
+            }
+            *v6mode = true;
+            return nullptr;
+        }
+    }
+
+    s->fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (s->fd < 0) {
+        HBLOG(HBLOG_LAN, 1, "socket(INET) failed(errno:%d)", errno);
+        exitlog(6);
+        return RET_NOSOCK;
+    }
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(list->recvport);
+    sa.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (bind(s->fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
+        const int err = errno;
+        close(s->fd);
+        s->fd = -1;
+        HBLOG(HBLOG_LAN, 1, "bind(INET) failed(errno:%d)", err);
+        exitlog(7);
+        return RET_NOBIND;
+    }
+    *v6mode = false;
+    return nullptr;
+}
+
+void signalready()
+{
+    int r = pthread_mutex_lock(&lanhb_rmutex);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
+        return;
+    }
+    lanhb_rready = 1;
+    r = pthread_cond_signal(&lanhb_rcond);
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "pthread_cond_signal() failed(ret:%d,errno:%d)", r, errno);
+    r = pthread_mutex_unlock(&lanhb_rmutex);
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
+}
+
+char *hbrecv(lanhb_list *list)
+{
+    lanhb_canceloff();
+    hbtick_t maxloop = static_cast<hbtick_t>(static_cast<int64_t>(list->hbint) * tckconf / 1000);
+    hbtick_t maxrecv = 0;
+    char port[8];
+    std::snprintf(port, sizeof port, "%d", list->recvport);
+
+    sockfd s;
+    bool v6mode = false;
+    if (char *ret = opensock(list, port, &s, &v6mode))
+        return ret;
+
+    const size_t len = lanhb_pktlen(list->maxnode);
+    std::unique_ptr<lanhb_packet, freer> pkt(static_cast<lanhb_packet *>(std::malloc(len)));
+    if (!pkt) {
+        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
+        exitlog(5);
+        return RET_NOMEM;
+    }
+
+    // The main line normally holds the mutex by now and waits for this.
+    usleep(100000);
+    signalready();
+
+    for (;;) {
+        const hbtick_t t0 = hbtick_now();
+        lanhb_cancelon();
+        pthread_testcancel();
+        lanhb_canceloff();
+        if (bsigrecv.load() != 0) {
+            HBLOG(HBLOG_LAN, 1, "SIGUSR1 already received");
+            pkt.reset();
+            close(s.fd);
+            s.fd = -1;
+            exitlog(0);
+            return RET_OK;
+        }
+
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(s.fd, &rd);
+        struct timeval tv = {list->hbint / 1000, static_cast<suseconds_t>(list->hbint % 1000) * 1000};
+        lanhb_cancelon();
+        const int n = select(s.fd + 1, &rd, nullptr, nullptr, &tv);
+        const int err = errno;
+        lanhb_canceloff();
+        if (n < 0) {
+            HBLOG(HBLOG_LAN, 1, "select() failed(errno:%d)", err);
+            if (lanhb_bwatchth.load() == 0)
+                lanhb_hbcheck(list);
+            lanhb_sleepms(list->hbint);
+            lanhb_thrlooptime(t0, &maxloop);
+            continue;
+        }
+        if (n > 0) {
+            const hbtick_t arrival = hbtick_now();
+            sockaddr_storage from{};
+            socklen_t fromlen = v6mode ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+            const ssize_t count = recvfrom(s.fd, pkt.get(), len, 0, reinterpret_cast<sockaddr *>(&from), &fromlen);
+            lanhb_rsc *rsc = nullptr;
+            lanhb_node *node = nullptr;
+            if (lanhb_accept(list, pkt.get(), count, len, reinterpret_cast<sockaddr *>(&from), v6mode, &rsc, &node)) {
+                lanhb_hbdata(list, rsc, node, pkt.get());
+                lanhb_threcvtime(arrival, &maxrecv, rsc->name, node->name, node->ip, list->hbto);
+            }
+        }
+        if (lanhb_bwatchth.load() == 0)
+            lanhb_hbcheck(list);
+        lanhb_thrlooptime(t0, &maxloop);
+    }
+}
+
+} // namespace
+
+void *lanhb_hbrecv(void *arg)
+{
+    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    char *ret = nullptr;
+    pthread_cleanup_push(lanhb_recvthexit, nullptr);
+    ret = hbrecv(static_cast<lanhb_list *>(arg));
+    pthread_cleanup_pop(1);
+    return ret;
+}

@@ -1,0 +1,331 @@
+// The sender thread, the down-packet sender and their shared per-peer send.
+#include <netdb.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "frame/frame.h"
+#include "lanhb/lanhb.h"
+#include "services/services.h"
+
+namespace {
+
+char RET_OK[] = "0";
+char RET_NOMEM[] = "3";
+
+constexpr char OWN_LOOPBACK[] = "127.0.0.1";
+constexpr int32_t STARTUP_POLL_MS = 500;
+
+struct addrfree {
+    void operator()(addrinfo *ai) const { freeaddrinfo(ai); }
+};
+using addr_ptr = std::unique_ptr<addrinfo, addrfree>;
+
+// Closes on every way out, cancellation unwinding included.
+struct sockfd {
+    int fd = -1;
+    ~sockfd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+struct freer {
+    void operator()(void *p) const { std::free(p); }
+};
+using pkt_ptr = std::unique_ptr<lanhb_packet, freer>;
+
+int lookup(const char *host, const char *service, addr_ptr *out)
+{
+    addrinfo hints{};
+    hints.ai_flags = 0;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_DGRAM;
+    hints.ai_protocol = 0;
+    addrinfo *res = nullptr;
+    const int r = getaddrinfo(host, service, &hints, &res);
+    if (r == 0 && res == nullptr)
+        return EAI_NONAME;
+    out->reset(r == 0 ? res : nullptr);
+    return r;
+}
+
+// A sending thread's buffer with its fixed fields, or null (logged).
+pkt_ptr newpacket(const lanhb_list *list, const char *tag)
+{
+    const size_t len = lanhb_pktlen(list->maxnode);
+    pkt_ptr pkt(static_cast<lanhb_packet *>(std::malloc(len)));
+    if (!pkt) {
+        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
+        HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 5L);
+        return pkt;
+    }
+    lanhb_pktinit(pkt.get(), list, tag);
+    return pkt;
+}
+
+bool skippeer(lanhb_node *node) { return lanhb_ld(node->stat) == SHMNM_SVSTAT_UNUSED || node->ip[0] == '\0'; }
+
+bool stopseen()
+{
+    if (bsigrecv.load() == 0)
+        return false;
+    HBLOG(HBLOG_LAN, 1, "SIGUSR1 already received");
+    return true;
+}
+
+void sleepdefault(int32_t ms) { lanhb_sleepms(ms); }
+
+} // namespace
+
+void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt, size_t len,
+                    const char *from_port, const char *to_port, int bindok_level)
+{
+    const char *bindaddr = std::strcmp(node->ip, OWN_LOOPBACK) == 0 ? OWN_LOOPBACK : rsc->myip;
+    addr_ptr src;
+    int r = lookup(bindaddr, from_port, &src);
+    if (r == 0)
+        HBLOG(HBLOG_LAN, bindok_level, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", bindaddr, rsc->name, rsc->myname);
+    else
+        HBLOG(HBLOG_LAN, 1, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d", bindaddr, rsc->name,
+              rsc->myname, r, errno);
+
+    node->lastsend = hbtick_now();
+    addr_ptr dst;
+    r = lookup(node->ip, to_port, &dst);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d ---> continue", node->ip,
+              rsc->name, node->name, r, errno);
+        return;
+    }
+    HBLOG(HBLOG_LAN, 8, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", node->ip, rsc->name, node->name);
+
+    const addrinfo *to = dst.get();
+    sockfd s;
+    s.fd = socket(to->ai_family, to->ai_socktype, to->ai_protocol);
+    if (s.fd < 0) {
+        HBLOG(HBLOG_LAN, 1, "socket(family:%d) failed rsc=%s node=%s errno=%d", to->ai_family, rsc->name, node->name,
+              errno);
+        return;
+    }
+    HBLOG(HBLOG_LAN, 8, "  socket(family:%d) OK rsc=%s node=%s sock=%d", to->ai_family, rsc->name, node->name, s.fd);
+
+    if (src) {
+        if (bind(s.fd, src->ai_addr, src->ai_addrlen) == 0)
+            HBLOG(HBLOG_LAN, 8, "  bind OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
+        else
+            HBLOG(HBLOG_LAN, 1, "bind failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip, errno, s.fd);
+    }
+    if (lanhb_bsocknbio != 0 && to->ai_socktype == SOCK_DGRAM) {
+        int on = 1;
+        if (ioctl(s.fd, FIONBIO, &on) == 0)
+            HBLOG(HBLOG_LAN, 8, "  ioctl(FIONBIO) OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
+        else
+            HBLOG(HBLOG_LAN, 1, "ioctl(FIONBIO) failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip,
+                  errno, s.fd);
+    }
+
+    pkt->sendtime = htonl(static_cast<uint32_t>(std::time(nullptr)));
+    if (sendto(s.fd, pkt, len, 0, to->ai_addr, to->ai_addrlen) >= 0)
+        HBLOG(HBLOG_LAN, 8, "  sendto OK rsc=(%s) node=(%s) ip=(%s) sock=%d", rsc->name, node->name, node->ip, s.fd);
+    else
+        HBLOG(HBLOG_LAN, 1, "sendto failed rsc=(%s) node=(%s) ip=(%s) errno=%d sock=%d", rsc->name, node->name,
+              node->ip, errno, s.fd);
+    close(s.fd);
+    s.fd = -1;
+    lanhb_thsendtime(node->lastsend, &node->maxsend, rsc->name, node->name, node->ip, list->hbto);
+}
+
+void lanhb_paceinit(lanhb_pace *pace, int32_t hbint)
+{
+    pace->hbint = hbint;
+    const int32_t q = hbint > 0 ? 10000 / hbint : 0;
+    pace->countover1 = 6 * q;
+    pace->countover2 = q > 0 ? q : 3;
+    if (pace->countover1 <= 0)
+        pace->countover1 = 6 * pace->countover2;
+}
+
+bool lanhb_pacestep(lanhb_pace *p, hbtick_t t0, hbtick_t *maxloop)
+{
+    void (*sleep)(int32_t) = p->sleepms != nullptr ? p->sleepms : sleepdefault;
+    pid_t (*ppid)() = p->ppid != nullptr ? p->ppid : getppid;
+    const bool sendphase = maxloop != nullptr;
+
+    if (p->budget >= 0) {
+        sleep(STARTUP_POLL_MS);
+        --p->budget;
+        if (sendphase)
+            lanhb_thslooptime(t0, maxloop);
+        if (ppid() != 1) {
+            p->orphan = 0;
+            return false;
+        }
+        ++p->orphan;
+        if (p->budget >= 0) {
+            if (p->orphan >= p->countover1) {
+                HBLOG(HBLOG_LAN, 4, "lanhb self down. countover1=%d", p->countover1);
+                return true;
+            }
+            return false;
+        }
+    } else {
+        sleep(p->hbint);
+        if (p->normal == 0) {
+            if (sendphase)
+                HBLOG(HBLOG_LAN, 8, "***** start normal polling(send) %d msec. *****", p->hbint);
+            else
+                HBLOG(HBLOG_LAN, 8, "***** start normal polling(start send) %d msec. *****", p->hbint);
+            p->normal = 1;
+            p->orphan = 0;
+        }
+        if (sendphase)
+            lanhb_thslooptime(t0, maxloop);
+        if (ppid() != 1) {
+            p->orphan = 0;
+            return false;
+        }
+        ++p->orphan;
+    }
+    if (p->orphan >= p->countover2) {
+        HBLOG(HBLOG_LAN, 4, "lanhb self down. countover2=%d", p->countover2);
+        return true;
+    }
+    return false;
+}
+
+namespace {
+
+// Serves every peer of every path once with the datagram as it stands.
+void sendround(lanhb_list *list, lanhb_packet *pkt, size_t len, const char *from_port, const char *to_port,
+               bool trace)
+{
+    for (int32_t i = 0; i < list->currsc; ++i) {
+        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        if (trace)
+            HBLOG(HBLOG_LAN, 8, "rsc[%d].name=(%s) myname=(%s) myip=(%s)", i, rsc->name, rsc->myname, rsc->myip);
+        lanhb_pktrsc(pkt, rsc);
+        if (trace)
+            HBLOG(HBLOG_LAN, 8, "curnode=%d", list->curnode);
+        for (int32_t j = 0; j < list->curnode; ++j) {
+            lanhb_node *node = lanhb_rscnode(rsc, j);
+            if (skippeer(node))
+                continue;
+            if (trace)
+                HBLOG(HBLOG_LAN, 8, "  node[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
+            lanhb_sendpeer(list, rsc, node, pkt, len, from_port, to_port, trace ? 8 : 4);
+        }
+    }
+}
+
+struct ports {
+    char from[8];
+    char to[8];
+    explicit ports(const lanhb_list *list)
+    {
+        std::snprintf(from, sizeof from, "%d", list->sendport);
+        std::snprintf(to, sizeof to, "%d", list->recvport);
+    }
+    const char *fromservice(const lanhb_list *list) const { return list->sendport == 0 ? nullptr : from; }
+};
+
+// The sender's body; returns its exit text. Runs with cancellation disabled
+// except inside its sleeps.
+char *hbsend(lanhb_list *list)
+{
+    lanhb_canceloff();
+    const ports pt(list);
+    lanhb_pace pace;
+    lanhb_paceinit(&pace, list->hbint);
+    HBLOG(HBLOG_LAN, 8, "from_port=%s to_port=%s", pt.from, pt.to);
+    pkt_ptr pkt = newpacket(list, LANHB_TAG_HB);
+    if (!pkt)
+        return RET_NOMEM;
+    const size_t len = lanhb_pktlen(list->maxnode);
+
+    HBLOG(HBLOG_LAN, 1, "*** WAIT START: lanhb_hbsend ***");
+    bool stop = false;
+    if (lanhb_bhbsend.load() == 0) {
+        for (;;) {
+            if (stopseen()) {
+                stop = true;
+                break;
+            }
+            if (lanhb_pacestep(&pace, 0, nullptr))
+                usr1_recv(0);
+            if (lanhb_bhbsend.load() != 0)
+                break;
+        }
+    }
+    if (!stop)
+        HBLOG(HBLOG_LAN, 1, "*** START: lanhb_hbsend ***");
+
+    hbtick_t maxloop = 0;
+    if (!stopseen()) {
+        for (;;) {
+            const hbtick_t t0 = hbtick_now();
+            lanhb_pktnodeinf(pkt.get(), list, true);
+            HBLOG(HBLOG_LAN, 8, "currsc=%d", list->currsc);
+            sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, true);
+            lanhb_cancelon();
+            pthread_testcancel();
+            lanhb_canceloff();
+            if (stopseen())
+                break;
+            if (lanhb_pacestep(&pace, t0, &maxloop))
+                usr1_recv(0);
+            if (stopseen())
+                break;
+        }
+    }
+    pkt.reset();
+    HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    return RET_OK;
+}
+
+} // namespace
+
+void *lanhb_hbsend(void *arg)
+{
+    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    char *ret = nullptr;
+    pthread_cleanup_push(lanhb_sendthexit, nullptr);
+    ret = hbsend(static_cast<lanhb_list *>(arg));
+    pthread_cleanup_pop(1);
+    return ret;
+}
+
+void *lanhb_dpsend(void *arg)
+{
+    lanhb_list *list = static_cast<lanhb_list *>(arg);
+    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    const ports pt(list);
+    pkt_ptr pkt = newpacket(list, LANHB_TAG_DOWN);
+    if (!pkt)
+        return RET_NOMEM;
+    const size_t len = lanhb_pktlen(list->maxnode);
+    hbtick_t maxloop = 0;
+    for (int32_t n = 0; n < list->dpretry; ++n) {
+        const hbtick_t t0 = hbtick_now();
+        lanhb_pktnodeinf(pkt.get(), list, false);
+        HBLOG(HBLOG_LAN, 1, "lanhb_plist->currsc=%d", list->currsc);
+        sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, false);
+        if (list->dpint != 0) {
+            struct timespec ts = {list->dpint / 1000, static_cast<long>(list->dpint % 1000) * 1000000L};
+            while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+            }
+        }
+        lanhb_thslooptime(t0, &maxloop);
+    }
+    pkt.reset();
+    HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    return RET_OK;
+}

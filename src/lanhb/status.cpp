@@ -1,0 +1,123 @@
+// Turning accepted heartbeats and down packets into node and path states.
+#include <cstring>
+
+#include "frame/frame.h"
+#include "lanhb/lanhb.h"
+#include "services/services.h"
+
+namespace {
+
+struct statlock {
+    pthread_mutex_t *mx;
+    explicit statlock(lanhb_list *list) : mx(&list->statmx) { pthread_mutex_lock(mx); }
+    ~statlock() { pthread_mutex_unlock(mx); }
+    statlock(const statlock &) = delete;
+    statlock &operator=(const statlock &) = delete;
+};
+
+int32_t readsvstat(lanhb_rsc *rsc, lanhb_node *node)
+{
+    int32_t st = SHMNM_SVSTAT_UNKNOWN;
+    const int32_t r = shmnm_getrscsvstat(HB_KIND_LANHB, rsc->name, node->pri, &st);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+        st = SHMNM_SVSTAT_UNKNOWN;
+    }
+    return st;
+}
+
+// Publishes a node's new state, keeps it in the table whatever the node
+// manager says, re-evaluates the path and wakes the cluster.
+void changenode(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, int32_t st, const char *word)
+{
+    const int32_t r = shmnm_setrscsvstat(HB_KIND_LANHB, rsc->name, node->pri, st);
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+    lanhb_st(node->stat, st);
+    HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) : %s ***", rsc->name, node->name, node->pri, word);
+    lanhb_setrscstat(list, rsc);
+    const int32_t rs = sem_set_statchange();
+    if (rs != 0)
+        HBLOG(HBLOG_LAN, 1, "sem_set_statchange() failed(ret:%d)", rs);
+}
+
+} // namespace
+
+int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt)
+{
+    if (std::strncmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) == 0) {
+        statlock lk(list);
+        if (readsvstat(rsc, node) == SHMNM_SVSTAT_OFFLINE)
+            return 0;
+        HBLOG(HBLOG_LAN, 1, "DOWNPACKET recv(%s,%s(%d))", rsc->name, node->name, node->pri);
+        changenode(list, rsc, node, SHMNM_SVSTAT_OFFLINE, "OFFLINE");
+        return 0;
+    }
+
+    hbtick_t prev, now;
+    {
+        statlock lk(list);
+        prev = lanhb_ld(node->lastrecv);
+        now = hbtick_now();
+        lanhb_st(node->lastrecv, now);
+        if (readsvstat(rsc, node) != SHMNM_SVSTAT_ONLINE) {
+            int32_t hdstat = SHMNM_HDSTAT_PRESET;
+            const int32_t r = shmnm_gethdstat(node->name, &hdstat);
+            if (r != 0) {
+                HBLOG(HBLOG_CNT, 1, "shmnm_gethdstat(%s/node(%s(%d))) failed(ret:%d)", rsc->name, node->name,
+                      node->pri, r);
+            } else if (hdstat != SHMNM_HDSTAT_OK) {
+                HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : ONLINE SKIP hdstat=%d ***", rsc->name, node->name,
+                      node->pri, hdstat);
+                return 0;
+            }
+            changenode(list, rsc, node, SHMNM_SVSTAT_ONLINE, "ONLINE");
+            return 0;
+        }
+    }
+    // Already online: only the gap since the previous heartbeat is judged.
+    delaywarn(1, rsc->name, node->name, prev, now, list->hbto, LOG_MSG_HBGAP);
+    return 0;
+}
+
+int32_t lanhb_setrscstat(lanhb_list *list, lanhb_rsc *rsc)
+{
+    bool online = false, owndown = false, otherdown = false, unused = false;
+    for (int32_t j = 0; j < list->curnode; ++j) {
+        lanhb_node *node = lanhb_rscnode(rsc, j);
+        switch (lanhb_ld(node->stat)) {
+        case SHMNM_SVSTAT_ONLINE:
+            online = true;
+            break;
+        case SHMNM_SVSTAT_OFFLINE:
+        case SHMNM_SVSTAT_UNKNOWN:
+            (node->pri == list->ownpri ? owndown : otherdown) = true;
+            break;
+        case SHMNM_SVSTAT_UNUSED:
+            unused = true;
+            break;
+        default: // never initialised
+            break;
+        }
+    }
+
+    int32_t st;
+    const char *word;
+    if (owndown) {
+        st = SHMNM_RSCSTAT_ERROR, word = "ERROR";
+    } else if (otherdown) {
+        st = SHMNM_RSCSTAT_CAUTION, word = "CAUTION";
+    } else if (online) {
+        st = SHMNM_RSCSTAT_NORMAL, word = "NORMAL";
+    } else if (unused) {
+        st = SHMNM_RSCSTAT_UNUSED, word = "UNUSED";
+    } else {
+        st = SHMNM_RSCSTAT_UNKNOWN, word = "UNKNOWN";
+    }
+    HBLOG(HBLOG_LAN, 1, " *** %s : %s ***", rsc->name, word);
+    lanhb_st(rsc->stat, st);
+    const int32_t r = shmnm_setrscstat(HB_KIND_LANHB, rsc->name, st);
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "shmnm_setrscstat(LANHB,%s,%d) failed(ret:%d)", rsc->name, st, r);
+    return 0;
+}

@@ -1,0 +1,493 @@
+// The LAN table and its loading from the configuration and the node manager.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "frame/frame.h"
+#include "lanhb/lanhb.h"
+#include "services/services.h"
+
+int32_t lanhb_bsocknbio = 1;
+
+namespace {
+
+enum : int32_t {
+    LOAD_NOMEM = 5,
+    LOAD_POLICY = 9,
+    LOAD_ENUMRSC = 10,
+    LOAD_ENUMNODE = 11,
+    LOAD_OWNPRI = 15,
+    LOAD_HOSTNAME = 16,
+};
+
+constexpr int32_t DEF_MAXNODE = 32;
+constexpr int32_t DEF_MAXRSC = 128;
+constexpr int32_t DEF_HBTO = 90000;
+constexpr int32_t DEF_HBINT = 3000;
+constexpr int32_t ZERO_HBINT = 100;
+constexpr int32_t DEF_RECVPORT = 29002;
+constexpr int32_t DEF_WARNRATE = 80;
+constexpr int32_t DEF_DPRETRY = 5;
+constexpr char OWN_LOOPBACK[] = "127.0.0.1";
+
+struct freer {
+    void operator()(void *p) const { std::free(p); }
+};
+using msz_ptr = std::unique_ptr<char, freer>;
+
+// Reads an integer key of the loaded policy; a failed read is logged and
+// leaves the default.
+int32_t readint(const char *key, int32_t dflt)
+{
+    int32_t v = 0;
+    int32_t len = sizeof v;
+    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &v, &len);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        return dflt;
+    }
+    return v;
+}
+
+int32_t readport(const char *key, int32_t dflt)
+{
+    const int32_t v = readint(key, dflt);
+    return v < 1 || v > 65535 ? dflt : v;
+}
+
+// Fetches the path or node list. The buffer gets two spare NULs so that a
+// list without its closing empty string cannot be walked past its end.
+int32_t enumlist(bool rsc, msz_ptr *out)
+{
+    const int32_t failcode = rsc ? LOAD_ENUMRSC : LOAD_ENUMNODE;
+    const char *failmsg = rsc ? "shmnm_enumrsc() failed(ret:%d)" : "shmnm_enumnode() failed(ret:%d)";
+    int32_t size = 0;
+    int32_t r = rsc ? shmnm_enumrsc(HB_KIND_LANHB, nullptr, &size) : shmnm_enumnode(nullptr, &size);
+    if (r != 0 || size < 1) {
+        HBLOG(HBLOG_LAN, 1, failmsg, r);
+        return failcode;
+    }
+    msz_ptr buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
+    if (!buf) {
+        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", size, errno);
+        return LOAD_NOMEM;
+    }
+    r = rsc ? shmnm_enumrsc(HB_KIND_LANHB, buf.get(), &size) : shmnm_enumnode(buf.get(), &size);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, failmsg, r);
+        return failcode;
+    }
+    *out = std::move(buf);
+    return 0;
+}
+
+int32_t mszcount(const char *list)
+{
+    int32_t n = 0;
+    for (const char *p = mszfirst(list); p != nullptr; p = msznext(p))
+        ++n;
+    return n;
+}
+
+void copytext(char *dst, size_t size, const char *src)
+{
+    const size_t n = strnlen(src, size - 1);
+    std::memmove(dst, src, n);
+    dst[n] = '\0';
+}
+
+void cutat(char *text, char sep)
+{
+    if (char *p = std::strchr(text, sep))
+        *p = '\0';
+}
+
+// Header values read from the configuration before the table exists.
+struct settings {
+    int32_t maxnode, maxrsc, hbto, hbint, recvport, sendport, dpint, dpretry;
+};
+
+int32_t readsettings(settings *s)
+{
+    int32_t r = xmllib_load_policy("all");
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(all) failed(ret:%d)", r);
+        return LOAD_POLICY;
+    }
+    s->maxnode = readint("/root/all/num/server", DEF_MAXNODE);
+    s->maxrsc = readint("/root/all/num/hbr", DEF_MAXRSC);
+    r = xmllib_unload_policy("all");
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(all) failed(ret:%d)", r);
+
+    r = xmllib_load_policy("cluster");
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(nm) failed(ret:%d)", r);
+        return LOAD_POLICY;
+    }
+    // Read only so that a broken key shows in the log; the setting is off.
+    (void)readint("/root/cluster/heartbeat/mismatch", 0);
+    s->hbto = readint("/root/cluster/heartbeat/timeout", DEF_HBTO);
+    if (s->hbto < 1) {
+        HBLOG(HBLOG_LAN, 1, "invalid HBTO(%d). set to %d msec.", s->hbto, DEF_HBTO);
+        s->hbto = DEF_HBTO;
+    }
+    s->hbint = readint("/root/cluster/heartbeat/interval", DEF_HBINT);
+    if (s->hbint < 0) {
+        HBLOG(HBLOG_LAN, 1, "invalid HBINT(%d). set to %d msec.", s->hbint, DEF_HBINT);
+        s->hbint = DEF_HBINT;
+    } else if (s->hbint == 0) {
+        HBLOG(HBLOG_LAN, 1, "HBINT(%d). set to %d msec.", s->hbint, ZERO_HBINT);
+        s->hbint = ZERO_HBINT;
+    }
+    s->recvport = readport("/root/cluster/heartbeat/port/recv", DEF_RECVPORT);
+    s->sendport = readport("/root/cluster/heartbeat/port/send", 0);
+    int32_t rate = readint("/root/cluster/delaywarn/heartbeat", DEF_WARNRATE);
+    lanhb_warnrate = rate <= 0 ? 0 : rate > 100 ? 100 : rate;
+    s->dpint = readint("/root/cluster/downpacket/interval", 0);
+    if (s->dpint < 0) {
+        HBLOG(HBLOG_LAN, 1, "invalid DPINT(%d). set to %d msec.", s->dpint, 0);
+        s->dpint = 0;
+    }
+    s->dpretry = readint("/root/cluster/downpacket/retry", DEF_DPRETRY);
+    if (s->dpretry < 0) {
+        HBLOG(HBLOG_LAN, 1, "invalid DPRETRY(%d). set to %d.", s->dpretry, DEF_DPRETRY);
+        s->dpretry = DEF_DPRETRY;
+    }
+    r = xmllib_unload_policy("cluster");
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(nm) failed(ret:%d)", r);
+
+    r = xmllib_load_policy(HB_KIND_LANHB);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
+        return LOAD_POLICY;
+    }
+    loadstacksz(HBLOG_LAN, "/root/lanhb/thread/stacksize");
+    lanhb_bsocknbio = readint("/root/lanhb/socket/nbio", 1);
+    r = xmllib_unload_policy(HB_KIND_LANHB);
+    if (r != 0)
+        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
+    return 0;
+}
+
+// Names, priorities and device ids of paths and nodes, in enumeration order.
+int32_t fillnames(lanhb_list *list)
+{
+    msz_ptr rsclist;
+    int32_t r = enumlist(true, &rsclist);
+    if (r != 0)
+        return r;
+    int32_t i = 0;
+    for (const char *p = mszfirst(rsclist.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
+        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        copytext(rsc->name, sizeof rsc->name, p);
+        const int32_t rr = shmnm_getrscpri(HB_KIND_LANHB, rsc->name, &rsc->pri);
+        if (rr != 0) {
+            HBLOG(HBLOG_LAN, 1, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, rr);
+            rsc->pri = -1;
+        }
+    }
+
+    msz_ptr nodelist;
+    r = enumlist(false, &nodelist);
+    if (r != 0)
+        return r;
+    for (i = 0; i < list->currsc; ++i) {
+        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        int32_t j = 0;
+        for (const char *p = mszfirst(nodelist.get()); p != nullptr && j < list->curnode; p = msznext(p), ++j) {
+            lanhb_node *node = lanhb_rscnode(rsc, j);
+            copytext(node->name, sizeof node->name, p);
+            const int32_t rr = shmnm_getnodepri(node->name, &node->pri);
+            if (rr != 0) {
+                HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, rr);
+                node->pri = -1;
+            }
+            HBLOG(HBLOG_LAN, 1, "rsc:%s(pri:%d),node:%s(pri:%d)", rsc->name, rsc->pri, node->name, node->pri);
+        }
+    }
+
+    for (i = 0; i < list->currsc; ++i) {
+        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        char key[128];
+        std::snprintf(key, sizeof key, "/root/heartbeat/%s@%s/device", HB_KIND_LANHB, rsc->name);
+        int32_t len = sizeof rsc->devid;
+        const int32_t rr = xmllib_get_value(key, XMLLIB_KIND_INT, &rsc->devid, &len);
+        if (rr != 0) {
+            HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, rr);
+            rsc->devid = -1;
+        }
+    }
+    return 0;
+}
+
+bool resumemode()
+{
+    int32_t action = 0;
+    unsigned char actinfo[SHMCM_ACTINFO_SIZE] = {};
+    const int32_t r = shmcm_getaction(&action, actinfo, nullptr);
+    bool resume;
+    if (r == 0 && (action == SHMCM_ACTION_RESUME_A || action == SHMCM_ACTION_RESUME_B)) {
+        resume = true;
+    } else {
+        if (r != 0) {
+            HBLOG(HBLOG_LAN, 1, "shmcm_getaction() failed(ret:%d)", r);
+            action = SHMCM_ACTION_UNREADABLE;
+        }
+        resume = brestart == 1;
+    }
+    if (resume)
+        HBLOG(HBLOG_LAN, 1, "change mode to resume(act:0x%08x)", static_cast<unsigned>(action));
+    return resume;
+}
+
+// Reads every node's address on every valid path; the own node (named like
+// the full host name) is reached over the loopback.
+void selectaddrs(lanhb_list *list, const char *mycntname)
+{
+    char ownip[LANHB_NAME_SIZE] = {};
+    for (int32_t i = 0; i < list->currsc; ++i) {
+        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        if (rsc->devid < 0) {
+            HBLOG(HBLOG_LAN, 2, "device id(%d) is invalid", rsc->devid);
+            continue;
+        }
+        HBLOG(HBLOG_LAN, 4, "rsc[%d].name=(%s)", i, rsc->name);
+        for (int32_t j = 0; j < list->curnode; ++j) {
+            lanhb_node *node = lanhb_rscnode(rsc, j);
+            char key[128];
+            std::snprintf(key, sizeof key, "/root/server@%s/device@%d/info", node->name, rsc->devid);
+            int32_t len = sizeof node->ip;
+            const int32_t r = xmllib_get_value(key, XMLLIB_KIND_TEXT, node->ip, &len);
+            if (r != 0) {
+                HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+                node->ip[0] = '\0';
+            }
+            node->ip[sizeof node->ip - 1] = '\0';
+            HBLOG(HBLOG_LAN, 4, "  pnode[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
+            if (std::strcmp(node->name, mycntname) == 0) {
+                copytext(ownip, sizeof ownip, node->ip);
+                copytext(node->ip, sizeof node->ip, OWN_LOOPBACK);
+                HBLOG(HBLOG_LAN, 8, "    ---> change ip [%s] to [%s] (MYCNT)", ownip, node->ip);
+            }
+            cutat(node->ip, '/');
+            if (node->pri == list->ownpri) {
+                copytext(rsc->myip, sizeof rsc->myip, ownip);
+                copytext(rsc->myname, sizeof rsc->myname, node->name);
+                HBLOG(HBLOG_LAN, 8, "    ownnode=%s (pri=%d ip=%s)", node->name, node->pri, rsc->myip);
+            }
+            HBLOG(HBLOG_LAN, 8, "    node=(%s) ip=(%s)", node->name, node->ip);
+        }
+    }
+}
+
+// First states of every node entry; true when resume mode corrected one.
+bool initstates(lanhb_list *list, const char *shortname, bool resume)
+{
+    bool changed = false;
+    for (int32_t i = 0; i < list->currsc; ++i) {
+        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        if (rsc->devid < 0) {
+            HBLOG(HBLOG_LAN, 2, "device id(%d) is invalid", rsc->devid);
+            continue;
+        }
+        // Whether the own node has no address on this path, and its name.
+        const char *ownunused = nullptr;
+        for (int32_t j = 0; j < list->curnode; ++j) {
+            lanhb_node *n = lanhb_rscnode(rsc, j);
+            if (std::strcmp(n->name, shortname) == 0 && n->ip[0] == '\0') {
+                ownunused = n->name;
+                break;
+            }
+        }
+        for (int32_t j = 0; j < list->curnode; ++j) {
+            lanhb_node *e = lanhb_rscnode(rsc, j);
+            if (resume) {
+                int32_t st = SHMNM_SVSTAT_UNKNOWN;
+                const int32_t r = shmnm_getrscsvstat(HB_KIND_LANHB, rsc->name, e->pri, &st);
+                if (r != 0) {
+                    HBLOG(HBLOG_LAN, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, e->pri, r);
+                    st = SHMNM_SVSTAT_UNKNOWN;
+                }
+                e->stat = st;
+                e->lastrecv = hbtick_now();
+                HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) prev stat:0x%08x ***", rsc->name, e->name, e->pri,
+                      static_cast<unsigned>(st));
+            }
+            if (e->ip[0] == '\0') {
+                HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) unused ***", rsc->name, e->name, e->pri);
+                if (resume && e->stat != SHMNM_SVSTAT_UNUSED) {
+                    HBLOG(HBLOG_LAN, 1, "---> %s/node(%s(%d)) change to unused", rsc->name, e->name, e->pri);
+                    changed = true;
+                }
+                e->stat = SHMNM_SVSTAT_UNUSED;
+                if (std::strcmp(e->name, shortname) == 0)
+                    for (int32_t k = 0; k < list->curnode; ++k)
+                        lanhb_rscnode(rsc, k)->stat = SHMNM_SVSTAT_UNUSED;
+            } else if (ownunused != nullptr) {
+                if (!resume || e->stat != SHMNM_SVSTAT_UNUSED) {
+                    HBLOG(HBLOG_LAN, 1, " *** %s/node(own:%s) unused ***", rsc->name, ownunused);
+                    HBLOG(HBLOG_LAN, 1, "---> %s/node(%s(%d)) change to unused", rsc->name, e->name, e->pri);
+                    e->stat = SHMNM_SVSTAT_UNUSED;
+                    changed = changed || resume;
+                }
+            } else if (!resume) {
+                e->stat = SHMNM_SVSTAT_OFFLINE;
+            } else if (e->stat == SHMNM_SVSTAT_UNUSED) {
+                HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) used ***", rsc->name, e->name, e->pri);
+                HBLOG(HBLOG_LAN, 1, "---> %s/node(%s(%d)) change to offline", rsc->name, e->name, e->pri);
+                e->stat = SHMNM_SVSTAT_OFFLINE;
+                changed = true;
+            }
+            const int32_t r = shmnm_setrscsvstat(HB_KIND_LANHB, rsc->name, e->pri, e->stat);
+            if (r != 0)
+                HBLOG(HBLOG_LAN, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, e->pri, r);
+        }
+    }
+    return changed;
+}
+
+} // namespace
+
+size_t lanhb_listsize(int32_t currsc, int32_t curnode)
+{
+    const size_t stride = sizeof(lanhb_rsc) + static_cast<size_t>(curnode) * sizeof(lanhb_node);
+    return sizeof(lanhb_list) + static_cast<size_t>(currsc) * stride;
+}
+
+lanhb_rsc *lanhb_getrsc(lanhb_list *list, int32_t i)
+{
+    const size_t stride = sizeof(lanhb_rsc) + static_cast<size_t>(list->curnode) * sizeof(lanhb_node);
+    return reinterpret_cast<lanhb_rsc *>(reinterpret_cast<char *>(list + 1) + static_cast<size_t>(i) * stride);
+}
+
+lanhb_node *lanhb_rscnode(lanhb_rsc *rsc, int32_t j)
+{
+    return reinterpret_cast<lanhb_node *>(rsc + 1) + j;
+}
+
+lanhb_node *lanhb_getnode(lanhb_list *list, int32_t i, int32_t j)
+{
+    return lanhb_rscnode(lanhb_getrsc(list, i), j);
+}
+
+int32_t lanhb_loadinfo(lanhb_list **out)
+{
+    char hostname[XMLLIB_HOSTNAME_SIZE] = {};
+    char edition[LANHB_TEXT_SIZE] = {};
+    char version[LANHB_TEXT_SIZE] = {};
+
+    int32_t r = shmcm_getedition(edition);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 2, "shmcm_getedition() failed(ret:%d)", r);
+        copytext(edition, sizeof edition, "unknown");
+    }
+    edition[sizeof edition - 1] = '\0';
+    r = shmcm_getversion(version);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 2, "shmcm_getversion() failed(ret:%d)", r);
+        copytext(version, sizeof version, "unknown");
+    }
+    version[sizeof version - 1] = '\0';
+
+    settings s{};
+    r = readsettings(&s);
+    if (r != 0)
+        return r;
+
+    int32_t counts[2] = {};
+    for (int k = 0; k < 2; ++k) {
+        msz_ptr names;
+        r = enumlist(k == 0, &names);
+        if (r != 0)
+            return r;
+        counts[k] = mszcount(names.get());
+    }
+    const int32_t currsc = counts[0];
+    const int32_t curnode = counts[1];
+
+    const size_t size = lanhb_listsize(currsc, curnode);
+    std::unique_ptr<lanhb_list, void (*)(lanhb_list *)> list(static_cast<lanhb_list *>(std::calloc(size, 1)),
+                                                             [](lanhb_list *l) { std::free(l); });
+    if (!list) {
+        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
+        return LOAD_NOMEM;
+    }
+    r = xmllib_gethostname(hostname, XMLLIB_HOSTNAME_SIZE);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_gethostname() failed(errno:%d)", errno);
+        return LOAD_HOSTNAME;
+    }
+    hostname[sizeof hostname - 1] = '\0';
+    cutat(hostname, '.');
+    int32_t ownpri = 0;
+    r = shmnm_getnodepri(hostname, &ownpri);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri() failed(ret:%d)", r);
+        return LOAD_OWNPRI;
+    }
+
+    lanhb_list *l = list.get();
+    std::memcpy(l->edition, edition, sizeof edition);
+    std::memcpy(l->version, version, sizeof version);
+    l->recvport = static_cast<uint16_t>(s.recvport);
+    l->sendport = static_cast<uint16_t>(s.sendport);
+    l->mismatch = 0;
+    l->hbto = s.hbto;
+    l->hbint = s.hbint;
+    l->dpint = s.dpint;
+    l->dpretry = s.dpretry;
+    l->ownpri = ownpri;
+    l->maxnode = s.maxnode;
+    l->maxrsc = s.maxrsc;
+    l->curnode = curnode;
+    l->currsc = currsc;
+    HBLOG(HBLOG_LAN, 8, "maxnode:%d,maxrsc:%d,port(recv:%d,send:%d)", l->maxnode, l->maxrsc, l->recvport,
+          l->sendport);
+    HBLOG(HBLOG_LAN, 8, "currsc:%d,curnode:%d", l->currsc, l->curnode);
+    HBLOG(HBLOG_LAN, 8, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,lanhb_warnrate:%d", l->hbto, l->hbint,
+          l->mismatch, lanhb_warnrate);
+    HBLOG(HBLOG_LAN, 8, "dpint:%d(msec),dpretry:%d", l->dpint, l->dpretry);
+    HBLOG(HBLOG_LAN, 8, "edition:%s,version:%s", l->edition, l->version);
+    HBLOG(HBLOG_LAN, 8, "thstacksz:%d,lanhb_bsocknbio:%d", thstacksz, lanhb_bsocknbio);
+
+    r = fillnames(l);
+    if (r != 0)
+        return r;
+
+    const bool resume = resumemode();
+
+    char mycntname[XMLLIB_HOSTNAME_SIZE] = {};
+    r = xmllib_gethostname(mycntname, XMLLIB_HOSTNAME_SIZE);
+    if (r != 0) {
+        HBLOG(HBLOG_LAN, 1, "xmllib_gethostname failed(%#x).", static_cast<unsigned>(r));
+        return LOAD_ENUMNODE;
+    }
+    mycntname[sizeof mycntname - 1] = '\0';
+    HBLOG(HBLOG_LAN, 8, "### mycntname=%s ###", mycntname);
+
+    selectaddrs(l, mycntname);
+    const bool changed = initstates(l, hostname, resume);
+    for (int32_t i = 0; i < l->currsc; ++i)
+        lanhb_setrscstat(l, lanhb_getrsc(l, i));
+    if (resume && changed) {
+        r = sem_set_statchange();
+        if (r != 0)
+            HBLOG(HBLOG_LAN, 1, "sem_set_statchange() failed(ret:%d)", r);
+    }
+
+    pthread_mutex_init(&l->statmx, nullptr);
+    *out = list.release();
+    return 0;
+}
+
+void lanhb_freelist(lanhb_list *list)
+{
+    if (list == nullptr)
+        return;
+    pthread_mutex_destroy(&list->statmx);
+    std::free(list);
+}
