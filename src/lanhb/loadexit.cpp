@@ -1,5 +1,6 @@
 // Down-packet settings read again at an orderly stop, so that the down
 // notices use the configuration in force then, not the one at start-up.
+#include "cnthb/cnthb.h"
 #include "frame/frame.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
@@ -60,6 +61,11 @@ int32_t loadexit(bool null, int32_t *dpint, int32_t *dpretry)
 } // namespace
 
 int32_t lanhb_loadexit(lanhb_list *list)
+{
+    return list == nullptr ? loadexit(true, nullptr, nullptr) : loadexit(false, &list->dpint, &list->dpretry);
+}
+
+int32_t lanhb_loadexit(cnthb_list *list)
 {
     return list == nullptr ? loadexit(true, nullptr, nullptr) : loadexit(false, &list->dpint, &list->dpretry);
 }
