@@ -70,6 +70,7 @@ struct cnthb_list {
     int32_t dpretry;   // refreshed by lanhb_loadexit before the down write
     int32_t rwlock;    // non-zero: each path's firmware read and write take rwmutex
     int32_t ownpri;
+    int32_t mycntno; // cnthb_mycntno when the table was built: the slot this node writes
     int32_t maxnode;
     int32_t maxrsc;
     int32_t curnode;

@@ -1,0 +1,129 @@
+// Internals shared by the controller heartbeat's sources: the table lock,
+// pauses and cancellation switches, and the bookkeeping of worker threads.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "cnthb/cnthb.h"
+
+// Fields that one thread writes and another reads without statlock.
+template <class T> T cnthb_get(T &field)
+{
+    return std::atomic_ref<T>(field).load();
+}
+template <class T> void cnthb_put(T &field, T value)
+{
+    std::atomic_ref<T>(field).store(value);
+}
+
+// Holds a table's statlock for a scope. Taken only with cancellation
+// disabled, and never around a firmware call.
+class cnthb_statguard {
+public:
+    explicit cnthb_statguard(cnthb_list *list) : mutex_(&list->statlock) { pthread_mutex_lock(mutex_); }
+    ~cnthb_statguard() { pthread_mutex_unlock(mutex_); }
+    cnthb_statguard(const cnthb_statguard &) = delete;
+    cnthb_statguard &operator=(const cnthb_statguard &) = delete;
+
+private:
+    pthread_mutex_t *mutex_;
+};
+
+// sem_set_statchange, its failure logged.
+void cnthb_statchange();
+// Takes a node offline on its path after a time-out or a failed firmware
+// call: publication, not-ready mark, lastrec cleared, path state. The caller
+// holds statlock and signals the change.
+void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node);
+
+// Pauses ms milliseconds (nothing for 0 or less); a cancellation point.
+void cnthb_sleepms(int32_t ms);
+// Switches the calling thread's cancellation; a failure is logged.
+void cnthb_cancelstate(int state);
+// The pollers keep cancellation disabled and open it only for a moment
+// (cnthb_cancelpoint) or around a pause (cnthb_cancelsleep), so a
+// cancellation never lands in the middle of a cycle or inside a log call.
+void cnthb_cancelpoint();
+void cnthb_cancelsleep(int32_t ms);
+
+// Polling pace of the reader and the writer: 500 ms while the counter is 0
+// or more (it drops by 1 each time), then hbint msec, announced once with
+// "***** start normal polling(<which>) ... *****".
+struct cnthb_pollpace {
+    int32_t counter = 1200;
+    int32_t announced = 0;
+};
+void cnthb_pollpause(cnthb_pollpace *pace, int32_t hbint, const char *which);
+
+// The three kinds of worker and the texts their start failures log.
+struct cnthb_wkind {
+    void *(*entry)(void *);
+    bool write; // uses the write bookkeeping (bwriting, writeth, ...)
+    const char *attrinit;
+    const char *create;
+    const char *attrdestroy;
+};
+extern const cnthb_wkind CNTHB_WK_READ;
+extern const cnthb_wkind CNTHB_WK_WRITE;
+extern const cnthb_wkind CNTHB_WK_DPWRITE;
+
+// One attribute object per path for one cycle of worker starts; null with the
+// failure logged when the memory is not there. Free with std::free.
+pthread_attr_t *cnthb_allocattrs(cnthb_list *list);
+// Starts a detached worker of the given kind on the path unless one still
+// runs there.
+void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &kind);
+// Cancels the workers of one kind still running and marks their paths idle.
+void cnthb_cancelworkers(cnthb_list *list, bool write);
+
+// The bookkeeping of one worker's run, from its first step to its end. Must be
+// the worker's first local object, so that its destructor is the last thing
+// that touches the table, on a normal end and on cancellation alike.
+class cnthb_workerrun {
+public:
+    cnthb_workerrun(cnthb_rsc *rsc, bool write);
+    ~cnthb_workerrun();
+    cnthb_workerrun(const cnthb_workerrun &) = delete;
+    cnthb_workerrun &operator=(const cnthb_workerrun &) = delete;
+    // Records the run's duration under op (none when op is null) and marks
+    // the path idle, unless the worker was given up on in the meantime.
+    void finish(const char *op);
+
+private:
+    cnthb_rsc *rsc_;
+    bool write_;
+    uint32_t seq_;
+    hbtick_t start_;
+};
+
+// Holds a path's rwmutex around a firmware call when the table asks for it.
+// The wait for the mutex and the call are the worker's only cancellation
+// points; a worker cancelled there leaves the mutex free.
+class cnthb_rwguard {
+public:
+    explicit cnthb_rwguard(cnthb_rsc *rsc);
+    ~cnthb_rwguard();
+    cnthb_rwguard(const cnthb_rwguard &) = delete;
+    cnthb_rwguard &operator=(const cnthb_rwguard &) = delete;
+
+private:
+    pthread_mutex_t *mutex_ = nullptr;
+};
+
+// Makes one firmware call in a worker: the wait for rwmutex and the call
+// itself are the only places where the worker can be cancelled.
+template <class F> int32_t cnthb_fwcall(cnthb_rsc *rsc, F call)
+{
+    int32_t r;
+    {
+        cnthb_cancelstate(PTHREAD_CANCEL_ENABLE);
+        cnthb_rwguard hold(rsc);
+        pthread_testcancel();
+        r = call();
+        cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    }
+    return r;
+}

@@ -1,0 +1,66 @@
+// The down write at an orderly stop: down notices into this node's slot on
+// every path, a few times, then a bounded wait for the workers.
+#include <cstdlib>
+
+#include "cnthb/cnthbint.h"
+
+namespace {
+
+bool cnthb_anywriting(cnthb_list *list)
+{
+    for (int32_t i = 0; i < list->currsc; ++i)
+        if (cnthb_get(cnthb_rscat(list, i)->bwriting) != 0)
+            return true;
+    return false;
+}
+
+} // namespace
+
+void *cnthb_dpwrite(void *arg)
+{
+    auto *list = static_cast<cnthb_list *>(arg);
+    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    // Nothing cancels this thread; its pauses are plain waits.
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    hbtick_t maxloop = 0;
+    for (int32_t n = 0; n < list->dpretry; ++n) {
+        const hbtick_t start = hbtick_now();
+        if (list->currsc > 0) {
+            pthread_attr_t *attrs = cnthb_allocattrs(list);
+            if (attrs == nullptr)
+                continue;
+            for (int32_t i = 0; i < list->currsc; ++i)
+                cnthb_startworker(cnthb_rscat(list, i), &attrs[i], CNTHB_WK_DPWRITE);
+            std::free(attrs);
+        }
+        cnthb_sleepms(list->dpint);
+        cnthb_thwlooptime(start, &maxloop);
+    }
+
+    for (int32_t n = 0; n < cnthb_dpthretry; ++n) {
+        if (!cnthb_anywriting(list)) {
+            HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+            return nullptr;
+        }
+        cnthb_sleepms(cnthb_dpthwait);
+    }
+    HBLOG(HBLOG_CNT, 1, "TIMEOUT(%d msec x %d):wait cnthb_dpwriteth", cnthb_dpthwait, cnthb_dpthretry);
+    cnthb_cancelworkers(list, true);
+    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    return nullptr;
+}
+
+void *cnthb_dpwritethread(void *arg)
+{
+    auto *rsc = static_cast<cnthb_rsc *>(arg);
+    cnthb_workerrun run(rsc, true);
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+
+    cnthb_hbinf rec;
+    cnthb_makedown(&rec);
+    const auto cntno = static_cast<uint8_t>(rsc->list->mycntno);
+    // A failed down write changes no state: the peers then time out.
+    (void)cnthb_fwcall(rsc, [&] { return zemfw_sethbinf(cntno, &rec); });
+    run.finish("write");
+    return nullptr;
+}

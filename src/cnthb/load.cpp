@@ -1,0 +1,454 @@
+// Building the controller table at start-up, and releasing it at exit.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "cnthb/cnthbint.h"
+
+int32_t cnthb_dpthwait = 20;
+int32_t cnthb_dpthretry = 100;
+
+namespace {
+
+enum : int32_t {
+    CNTHB_LOAD_NOMEM = 5,
+    CNTHB_LOAD_POLICY = 9,
+    CNTHB_LOAD_ENUMRSC = 10,
+    CNTHB_LOAD_ENUMNODE = 11,
+    CNTHB_LOAD_OWNPRI = 15,
+    CNTHB_LOAD_HOSTNAME = 16,
+};
+
+constexpr int32_t CNTHB_DEF_MAXNODE = 32;
+constexpr int32_t CNTHB_DEF_MAXRSC = 16;
+constexpr int32_t CNTHB_DEF_HBTO = 90000;
+constexpr int32_t CNTHB_DEF_HBINT = 3000;
+constexpr int32_t CNTHB_MIN_HBINT = 100; // what an interval of 0 becomes
+constexpr int32_t CNTHB_DEF_WARNRATE = 80;
+constexpr int32_t CNTHB_DEF_DPINT = 100; // also the lowest interval taken
+constexpr int32_t CNTHB_DEF_DPRETRY = 5;
+constexpr int32_t CNTHB_DEF_DPTHWAIT = 20;
+constexpr int32_t CNTHB_DEF_DPTHRETRY = 100;
+
+// How long cnthb_freelist waits for cancelled workers to unwind.
+constexpr int CNTHB_FREE_WAIT_STEPS = 300;
+constexpr int32_t CNTHB_FREE_WAIT_MS = 10;
+
+struct cnthb_free {
+    void operator()(void *p) const { std::free(p); }
+};
+using cnthb_msz = std::unique_ptr<char, cnthb_free>;
+
+// Reads an integer key of the loaded policy; the default when it fails.
+int32_t cnthb_getint(const char *key, int32_t dflt)
+{
+    int32_t value = 0;
+    int32_t len = sizeof value;
+    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &value, &len);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        return dflt;
+    }
+    return value;
+}
+
+int32_t cnthb_loadpolicy(const char *policy, const char *name)
+{
+    const int32_t r = xmllib_load_policy(policy);
+    if (r != 0)
+        HBLOG(HBLOG_CNT, 1, "xmllib_load_policy(%s) failed(ret:%d)", name, r);
+    return r;
+}
+
+void cnthb_unloadpolicy(const char *policy, const char *name)
+{
+    const int32_t r = xmllib_unload_policy(policy);
+    if (r != 0)
+        HBLOG(HBLOG_CNT, 1, "xmllib_unload_policy(%s) failed(ret:%d)", name, r);
+}
+
+// One of the two enumerations, in the two calls of a list of unknown length.
+// The buffer gets two spare NUL bytes, so a list the platform did not close
+// still ends. Returns 0, or the loader's code for the failure (logged).
+int32_t cnthb_enum(bool rsc, cnthb_msz &out)
+{
+    const char *op = rsc ? "shmnm_enumrsc" : "shmnm_enumnode";
+    const int32_t code = rsc ? CNTHB_LOAD_ENUMRSC : CNTHB_LOAD_ENUMNODE;
+    int32_t size = 0;
+    int32_t r = rsc ? shmnm_enumrsc(HB_KIND_CNTHB, nullptr, &size) : shmnm_enumnode(nullptr, &size);
+    if (r != 0 || size < 1) {
+        HBLOG(HBLOG_CNT, 1, "%s() failed(ret:%d)", op, r);
+        return code;
+    }
+    cnthb_msz buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
+    if (!buf) {
+        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", size, errno);
+        return CNTHB_LOAD_NOMEM;
+    }
+    int32_t filled = size;
+    r = rsc ? shmnm_enumrsc(HB_KIND_CNTHB, buf.get(), &filled) : shmnm_enumnode(buf.get(), &filled);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 1, "%s() failed(ret:%d)", op, r);
+        return code;
+    }
+    buf.get()[size] = '\0';
+    buf.get()[size + 1] = '\0';
+    out = std::move(buf);
+    return 0;
+}
+
+int32_t cnthb_mszcount(const char *list)
+{
+    int32_t n = 0;
+    for (const char *p = mszfirst(list); p != nullptr; p = msznext(p))
+        ++n;
+    return n;
+}
+
+// Copies at most size - 1 characters and always terminates.
+void cnthb_copytext(char *dst, size_t size, const char *src)
+{
+    const size_t len = strnlen(src, size - 1);
+    std::memcpy(dst, src, len);
+    dst[len] = '\0';
+}
+
+// The key settings of the header, read under the policies "all", "cluster"
+// and "cnthb" (first load). Returns 0 or 9.
+int32_t cnthb_loadkeys(cnthb_list *hdr)
+{
+    if (cnthb_loadpolicy("all", "all") != 0)
+        return CNTHB_LOAD_POLICY;
+    hdr->maxnode = cnthb_getint("/root/all/num/server", CNTHB_DEF_MAXNODE);
+    hdr->maxrsc = cnthb_getint("/root/all/num/hbr", CNTHB_DEF_MAXRSC);
+    cnthb_unloadpolicy("all", "all");
+
+    if (cnthb_loadpolicy("cluster", "cluster") != 0)
+        return CNTHB_LOAD_POLICY;
+    (void)cnthb_getint("/root/cluster/heartbeat/mismatch", 0); // read for its message only
+    hdr->mismatch = 0;
+
+    hdr->hbto = cnthb_getint("/root/cluster/heartbeat/timeout", CNTHB_DEF_HBTO);
+    if (hdr->hbto < 1) {
+        HBLOG(HBLOG_CNT, 1, "invalid HBTO(%d). set to %d msec.", hdr->hbto, CNTHB_DEF_HBTO);
+        hdr->hbto = CNTHB_DEF_HBTO;
+    }
+    hdr->hbint = cnthb_getint("/root/cluster/heartbeat/interval", CNTHB_DEF_HBINT);
+    if (hdr->hbint < 0) {
+        HBLOG(HBLOG_CNT, 1, "invalid HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_DEF_HBINT);
+        hdr->hbint = CNTHB_DEF_HBINT;
+    } else if (hdr->hbint == 0) {
+        HBLOG(HBLOG_CNT, 1, "HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_MIN_HBINT);
+        hdr->hbint = CNTHB_MIN_HBINT;
+    }
+    cnthb_warnrate = cnthb_getint("/root/cluster/delaywarn/heartbeat", CNTHB_DEF_WARNRATE);
+    if (cnthb_warnrate > 100)
+        cnthb_warnrate = 100;
+    else if (cnthb_warnrate < 0)
+        cnthb_warnrate = 0;
+
+    hdr->dpint = cnthb_getint("/root/cluster/downpacket/interval", CNTHB_DEF_DPINT);
+    if (hdr->dpint < 0) {
+        HBLOG(HBLOG_CNT, 1, "invalid DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
+        hdr->dpint = CNTHB_DEF_DPINT;
+    } else if (hdr->dpint < CNTHB_DEF_DPINT) {
+        HBLOG(HBLOG_CNT, 8, "small DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
+        hdr->dpint = CNTHB_DEF_DPINT;
+    }
+    hdr->dpretry = cnthb_getint("/root/cluster/downpacket/retry", CNTHB_DEF_DPRETRY);
+    if (hdr->dpretry < 0) {
+        HBLOG(HBLOG_CNT, 1, "invalid DPRETRY(%d). set to %d.", hdr->dpretry, CNTHB_DEF_DPRETRY);
+        hdr->dpretry = CNTHB_DEF_DPRETRY;
+    }
+    cnthb_unloadpolicy("cluster", "nm");
+
+    if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
+        return CNTHB_LOAD_POLICY;
+    cnthb_bwatchth.store(cnthb_getint("/root/cnthb/watchth", 0));
+    loadstacksz(HBLOG_CNT, "/root/cnthb/thread/stacksize");
+    cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
+    return 0;
+}
+
+// The down-write settings and the lock switch, from the second load of
+// "cnthb"; a policy that cannot be loaded leaves the defaults.
+void cnthb_loadlate(cnthb_list *list)
+{
+    cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
+    cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
+    list->rwlock = 0;
+    if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
+        return;
+    cnthb_dpthwait = cnthb_getint("/root/cnthb/downpacket/wait", CNTHB_DEF_DPTHWAIT);
+    if (cnthb_dpthwait < 0) {
+        HBLOG(HBLOG_CNT, 1, "invalid DPTHWAIT(%d). set to %d.", cnthb_dpthwait, CNTHB_DEF_DPTHWAIT);
+        cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
+    }
+    cnthb_dpthretry = cnthb_getint("/root/cnthb/downpacket/retry", CNTHB_DEF_DPTHRETRY);
+    if (cnthb_dpthretry < 0) {
+        HBLOG(HBLOG_CNT, 1, "invalid DPTHRETRY(%d). set to %d.", cnthb_dpthretry, CNTHB_DEF_DPTHRETRY);
+        cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
+    }
+    list->rwlock = cnthb_getint("/root/cnthb/rwlock", 0);
+    cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
+}
+
+// Allocates the zeroed block and links every record to the table and its
+// path, whatever the second enumerations later fill in.
+cnthb_list *cnthb_alloclist(int32_t currsc, int32_t curnode)
+{
+    const size_t rscsize = sizeof(cnthb_rsc) + static_cast<size_t>(curnode) * sizeof(cnthb_node);
+    const size_t limit = static_cast<size_t>(INT32_MAX);
+    size_t total = 0;
+    if (static_cast<size_t>(currsc) <= (limit - sizeof(cnthb_list)) / rscsize)
+        total = sizeof(cnthb_list) + static_cast<size_t>(currsc) * rscsize;
+    cnthb_list *list = total != 0 ? static_cast<cnthb_list *>(std::calloc(1, total)) : nullptr;
+    if (list == nullptr) {
+        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", total != 0 ? static_cast<int>(total) : -1,
+              total != 0 ? errno : ENOMEM);
+        return nullptr;
+    }
+    list->curnode = curnode;
+    list->currsc = currsc;
+    pthread_mutex_init(&list->statlock, nullptr);
+    for (int32_t i = 0; i < currsc; ++i) {
+        cnthb_rsc *rsc = cnthb_rscat(list, i);
+        rsc->list = list;
+        for (int32_t j = 0; j < curnode; ++j) {
+            cnthb_nodeat(rsc, j)->list = list;
+            cnthb_nodeat(rsc, j)->rsc = rsc;
+        }
+    }
+    return list;
+}
+
+void cnthb_destroylist(cnthb_list *list)
+{
+    if (list->rwlock != 0)
+        for (int32_t i = 0; i < list->currsc; ++i)
+            pthread_mutex_destroy(&cnthb_rscat(list, i)->rwmutex);
+    pthread_mutex_destroy(&list->statlock);
+    std::free(list);
+}
+
+struct cnthb_listfree {
+    void operator()(cnthb_list *list) const { cnthb_destroylist(list); }
+};
+
+int32_t cnthb_fillrsc(cnthb_list *list)
+{
+    cnthb_msz names;
+    if (int32_t r = cnthb_enum(true, names))
+        return r;
+    int32_t i = 0;
+    for (const char *p = mszfirst(names.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
+        cnthb_rsc *rsc = cnthb_rscat(list, i);
+        cnthb_copytext(rsc->name, sizeof rsc->name, p);
+        const int32_t r = shmnm_getrscpri(HB_KIND_CNTHB, rsc->name, &rsc->pri);
+        if (r != 0) {
+            HBLOG(HBLOG_CNT, 1, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, r);
+            rsc->pri = -1;
+        }
+    }
+    return 0;
+}
+
+int32_t cnthb_fillnode(cnthb_list *list)
+{
+    cnthb_msz names;
+    if (int32_t r = cnthb_enum(false, names))
+        return r;
+    const int32_t peercntno = cnthb_mycntno == 0 ? 1 : 0;
+    for (int32_t i = 0; i < list->currsc; ++i) {
+        cnthb_rsc *rsc = cnthb_rscat(list, i);
+        rsc->maxnodepri = 0;
+        int32_t j = 0;
+        for (const char *p = mszfirst(names.get()); p != nullptr && j < list->curnode; p = msznext(p), ++j) {
+            cnthb_node *node = cnthb_nodeat(rsc, j);
+            cnthb_copytext(node->name, sizeof node->name, p);
+            const int32_t r = shmnm_getnodepri(node->name, &node->pri);
+            if (r != 0) {
+                HBLOG(HBLOG_CNT, 1, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, r);
+                node->pri = -1;
+            }
+            node->cntno = std::strcmp(node->name, list->hostname) == 0 ? cnthb_mycntno : peercntno;
+            HBLOG(HBLOG_CNT, 1, "rsc:%s(pri:%d),node:%s(pri:%d,cntno:%d)", rsc->name, rsc->pri, node->name,
+                  node->pri, node->cntno);
+            if (node->pri > rsc->maxnodepri)
+                rsc->maxnodepri = node->pri;
+        }
+        HBLOG(HBLOG_CNT, 8, "rsc:%s(max nodepri:%d)", rsc->name, rsc->maxnodepri);
+    }
+    return 0;
+}
+
+void cnthb_publish(const cnthb_rsc *rsc, const cnthb_node *node)
+{
+    const int32_t r = shmnm_setrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, node->stat);
+    if (r != 0)
+        HBLOG(HBLOG_CNT, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+}
+
+// Normal start: every node OFFLINE until its records are seen to change.
+// Resume: the states of shared memory stay in force, timed from now.
+void cnthb_initstates(cnthb_list *list, bool resume)
+{
+    const hbtick_t now = hbtick_now();
+    for (int32_t i = 0; i < list->currsc; ++i) {
+        cnthb_rsc *rsc = cnthb_rscat(list, i);
+        for (int32_t j = 0; j < list->curnode; ++j) {
+            cnthb_node *node = cnthb_nodeat(rsc, j);
+            if (resume) {
+                int32_t stat = 0;
+                const int32_t r = shmnm_getrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, &stat);
+                if (r != 0) {
+                    HBLOG(HBLOG_CNT, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name,
+                          node->pri, r);
+                    stat = 0;
+                }
+                node->stat = stat;
+                node->lastread = now;
+                HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) prev stat:0x%08x ***", rsc->name, node->name,
+                      node->pri, static_cast<unsigned>(node->stat));
+            } else {
+                node->stat = SHMNM_SVSTAT_OFFLINE;
+            }
+            cnthb_publish(rsc, node);
+        }
+    }
+}
+
+} // namespace
+
+int32_t cnthb_loadinfo(cnthb_list **out)
+{
+    char edition[SHMCM_TEXT_SIZE] = {};
+    char version[SHMCM_TEXT_SIZE] = {};
+    int32_t r = shmcm_getedition(edition);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 2, "shmcm_getedition() failed(ret:%d)", r);
+        cnthb_copytext(edition, sizeof edition, "unknown");
+    }
+    r = shmcm_getversion(version);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 2, "shmcm_getversion() failed(ret:%d)", r);
+        cnthb_copytext(version, sizeof version, "unknown");
+    }
+    edition[sizeof edition - 1] = '\0';
+    version[sizeof version - 1] = '\0';
+
+    cnthb_list keys{};
+    if (int32_t rk = cnthb_loadkeys(&keys))
+        return rk;
+
+    int32_t counts[2] = {};
+    for (int k = 0; k < 2; ++k) {
+        cnthb_msz names;
+        if (int32_t re = cnthb_enum(k == 0, names))
+            return re;
+        counts[k] = cnthb_mszcount(names.get());
+    }
+
+    std::unique_ptr<cnthb_list, cnthb_listfree> hold(cnthb_alloclist(counts[0], counts[1]));
+    if (!hold)
+        return CNTHB_LOAD_NOMEM;
+    cnthb_list *list = hold.get();
+
+    char host[XMLLIB_HOSTNAME_SIZE] = {};
+    if (xmllib_gethostname(host, sizeof host) != 0) {
+        HBLOG(HBLOG_CNT, 1, "xmllib_gethostname() failed(errno:%d)", errno);
+        return CNTHB_LOAD_HOSTNAME;
+    }
+    host[sizeof host - 1] = '\0';
+    if (char *dot = std::strchr(host, '.'))
+        *dot = '\0';
+    r = shmnm_getnodepri(host, &list->ownpri);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 1, "shmnm_getnodepri() failed(ret:%d)", r);
+        return CNTHB_LOAD_OWNPRI;
+    }
+
+    char cluster[sizeof list->clustername] = {};
+    int32_t len = sizeof cluster;
+    r = xmllib_get_value("/root/cluster/name", XMLLIB_KIND_TEXT, cluster, &len);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 1, "xmllib_get_value(%s) failed(ret:%d)", "/root/cluster/name", r);
+        cnthb_copytext(cluster, sizeof cluster, "unknown");
+    }
+    cluster[sizeof cluster - 1] = '\0';
+
+    list->mycntno = cnthb_mycntno;
+    list->maxnode = keys.maxnode;
+    list->maxrsc = keys.maxrsc;
+    list->mismatch = 0;
+    list->hbto = keys.hbto;
+    list->hbint = keys.hbint;
+    list->dpint = keys.dpint;
+    list->dpretry = keys.dpretry;
+    cnthb_copytext(list->hostname, sizeof list->hostname, host);
+    cnthb_copytext(list->edition, sizeof list->edition, edition);
+    cnthb_copytext(list->version, sizeof list->version, version);
+    cnthb_copytext(list->clustername, sizeof list->clustername, cluster);
+    HBLOG(HBLOG_CNT, 8, "maxnode:%d,maxrsc:%d", list->maxnode, list->maxrsc);
+    HBLOG(HBLOG_CNT, 8, "currsc:%d,curnode:%d", list->currsc, list->curnode);
+    HBLOG(HBLOG_CNT, 8, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,cnthb_warnrate:%d", list->hbto, list->hbint,
+          list->mismatch, cnthb_warnrate);
+    HBLOG(HBLOG_CNT, 8, "dpint:%d(msec),dpretry:%d", list->dpint, list->dpretry);
+
+    if (int32_t rf = cnthb_fillrsc(list))
+        return rf;
+    if (int32_t rf = cnthb_fillnode(list))
+        return rf;
+
+    int32_t action = 0;
+    char actinfo[SHMCM_ACTINFO_SIZE] = {};
+    r = shmcm_getaction(&action, actinfo, nullptr);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 1, "shmcm_getaction() failed(ret:%d)", r);
+        action = SHMCM_ACTION_UNREADABLE;
+    }
+    // Only this action resumes the controller table; the LAN table also
+    // resumes on SHMCM_ACTION_RESUME_A.
+    const bool resume = action == SHMCM_ACTION_RESUME_B || brestart == 1;
+    if (resume)
+        HBLOG(HBLOG_CNT, 1, "change mode to resume(act:0x%08x)", static_cast<unsigned>(action));
+    cnthb_initstates(list, resume);
+    for (int32_t i = 0; i < list->currsc; ++i)
+        cnthb_setrscstat(list, cnthb_rscat(list, i));
+
+    cnthb_loadlate(list);
+    if (list->rwlock != 0)
+        for (int32_t i = 0; i < list->currsc; ++i)
+            pthread_mutex_init(&cnthb_rscat(list, i)->rwmutex, nullptr);
+
+    if (resume) {
+        r = sem_set_statchange();
+        if (r != 0)
+            HBLOG(HBLOG_CNT, 1, "sem_set_statchange() failed(ret:%d)", r);
+    }
+    *out = hold.release();
+    return 0;
+}
+
+void cnthb_freelist(cnthb_list *list)
+{
+    if (list == nullptr)
+        return;
+    // Workers cancelled at shutdown may still be unwinding; they hold
+    // pointers into the block until their very last step.
+    int32_t alive = cnthb_get(list->nworkers);
+    for (int i = 0; alive > 0 && i < CNTHB_FREE_WAIT_STEPS; ++i) {
+        usleep(CNTHB_FREE_WAIT_MS * 1000);
+        alive = cnthb_get(list->nworkers);
+    }
+    if (alive > 0) {
+        // A worker stuck for good in the controller: better a leak than a
+        // worker writing into freed memory.
+        HBLOG(HBLOG_CNT, 1, "cnthb_freelist: %d worker(s) still running, table kept", alive);
+        return;
+    }
+    cnthb_destroylist(list);
+}

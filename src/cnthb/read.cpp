@@ -1,0 +1,119 @@
+// The controller reader: a poller that starts one detached read worker per
+// path and cycle, and the workers that fetch every slot and hand each node's
+// record to the status evaluation.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include "cnthb/cnthbint.h"
+
+namespace {
+
+struct cnthb_free {
+    void operator()(void *p) const { std::free(p); }
+};
+
+// Records the read buffer holds: every slot the storage library fills, every
+// node's slot and one per node priority up to the path's highest.
+size_t cnthb_readslots(cnthb_list *list, cnthb_rsc *rsc)
+{
+    size_t n = std::max<size_t>(static_cast<size_t>(rsc->maxnodepri) + 1, ZEMFW_HBSLOTS);
+    for (int32_t j = 0; j < list->curnode; ++j) {
+        const int32_t cntno = cnthb_nodeat(rsc, j)->cntno;
+        if (cntno >= 0)
+            n = std::max(n, static_cast<size_t>(cntno) + 1);
+    }
+    return n;
+}
+
+} // namespace
+
+void cnthb_readthexit(void *arg)
+{
+    auto *list = static_cast<cnthb_list *>(arg);
+    cnthb_sleepms(500);
+    cnthb_cancelworkers(list, false);
+    HBLOG(HBLOG_CNT, 8, "cnthb_hbread() exit");
+}
+
+void *cnthb_hbread(void *arg)
+{
+    auto *list = static_cast<cnthb_list *>(arg);
+    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    pthread_cleanup_push(cnthb_readthexit, list);
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    cnthb_pollpace pace;
+    hbtick_t maxloop = 0;
+    for (;;) {
+        const hbtick_t start = hbtick_now();
+        if (list->currsc > 0) {
+            pthread_attr_t *attrs = cnthb_allocattrs(list);
+            if (attrs == nullptr) {
+                cnthb_cancelpoint();
+                if (bsigrecv.load() != 0)
+                    break;
+                cnthb_pollpause(&pace, list->hbint, "read1");
+                continue;
+            }
+            for (int32_t i = 0; i < list->currsc; ++i)
+                cnthb_startworker(cnthb_rscat(list, i), &attrs[i], CNTHB_WK_READ);
+            std::free(attrs);
+        }
+        // Without a watcher the poller checks the time-outs, also while a
+        // worker hangs in the controller.
+        if (cnthb_bwatchth.load() == 0)
+            cnthb_hbcheck(list);
+        cnthb_cancelpoint();
+        if (bsigrecv.load() != 0)
+            break;
+        cnthb_pollpause(&pace, list->hbint, "read2");
+        cnthb_thrlooptime(start, &maxloop);
+    }
+    HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+void *cnthb_readthread(void *arg)
+{
+    auto *rsc = static_cast<cnthb_rsc *>(arg);
+    cnthb_workerrun run(rsc, false);
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    cnthb_list *list = rsc->list;
+    void *const failed = reinterpret_cast<void *>(static_cast<intptr_t>(5));
+
+    size_t nrec = 0;
+    {
+        cnthb_statguard hold(list);
+        if (rsc->maxnodepri < 0) {
+            HBLOG(HBLOG_CNT, 1, "maxnodepri is invalid(%d)", rsc->maxnodepri);
+            rsc->maxnodepri = list->curnode;
+        }
+        nrec = cnthb_readslots(list, rsc);
+    }
+    std::unique_ptr<cnthb_hbinf, cnthb_free> buf(static_cast<cnthb_hbinf *>(std::calloc(nrec, sizeof(cnthb_hbinf))));
+    if (!buf) {
+        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(nrec * sizeof(cnthb_hbinf)), errno);
+        run.finish("read");
+        return failed;
+    }
+
+    const int32_t r = cnthb_fwcall(rsc, [&] { return zemfw_gethbinf(buf.get()); });
+    if (r != 0) {
+        cnthb_seterrstat(list, CNTHB_ERR_READ); // all paths read the same controller
+        buf.reset();
+        run.finish(nullptr);
+        return failed;
+    }
+    for (int32_t j = 0; j < list->curnode; ++j) {
+        cnthb_node *node = cnthb_nodeat(rsc, j);
+        if (cnthb_get(node->stat) == SHMNM_SVSTAT_UNUSED || node->cntno < 0)
+            continue;
+        cnthb_hbdata(list, rsc, node, buf.get() + node->cntno);
+    }
+    buf.reset();
+    run.finish("read");
+    return nullptr;
+}

@@ -1,0 +1,71 @@
+// Time-outs: nodes whose records stop changing are declared offline, in the
+// reader's poller or in a watcher thread of their own.
+#include "cnthb/cnthbint.h"
+
+int32_t cnthb_hbcheck(cnthb_list *list)
+{
+    int32_t ratio = 0;
+    int32_t second = 0;
+    const int32_t r = shmcm_getratio(&ratio, &second);
+    if (r != 0) {
+        HBLOG(HBLOG_CNT, 1, "shmcm_getratio() failed(ret:%d)", r);
+        ratio = 0; // counts as 1
+    }
+    int32_t scaled = 0;
+    const hbtick_t limit = hbtimeout_limit(list->hbto, ratio, &scaled);
+
+    bool changed = false;
+    {
+        // Under the lock a record read in between cannot be overwritten by a
+        // time-out decided on the older lastread.
+        cnthb_statguard hold(list);
+        for (int32_t i = 0; i < list->currsc; ++i) {
+            cnthb_rsc *rsc = cnthb_rscat(list, i);
+            for (int32_t j = 0; j < list->curnode; ++j) {
+                cnthb_node *node = cnthb_nodeat(rsc, j);
+                if (cnthb_get(node->stat) != SHMNM_SVSTAT_ONLINE)
+                    continue;
+                const hbtick_t now = hbtick_now();
+                const hbtick_t silence = now - node->lastread;
+                if (silence <= limit)
+                    continue;
+                HBLOG(HBLOG_CNT, 1, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
+                      static_cast<unsigned>(now), static_cast<unsigned>(node->lastread), static_cast<int>(silence),
+                      scaled, static_cast<int>(tckconf));
+                cnthb_takeoffline(list, rsc, node);
+                changed = true;
+            }
+        }
+    }
+    if (changed)
+        cnthb_statchange();
+    return 0;
+}
+
+void cnthb_watchthexit(void *)
+{
+    cnthb_sleepms(500);
+    HBLOG(HBLOG_CNT, 8, "cnthb_hbwatch() exit");
+}
+
+void *cnthb_hbwatch(void *arg)
+{
+    auto *list = static_cast<cnthb_list *>(arg);
+    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    hbtick_t maxloop = 0;
+    pthread_cleanup_push(cnthb_watchthexit, list);
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    for (;;) {
+        const hbtick_t start = hbtick_now();
+        cnthb_cancelpoint();
+        if (bsigrecv.load() != 0)
+            break;
+        cnthb_cancelsleep(list->hbint);
+        cnthb_hbcheck(list); // never cancelled half-way
+        cnthb_thmlooptime(start, &maxloop);
+    }
+    HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}

@@ -1,0 +1,98 @@
+// The controller writer: a poller that starts one detached write worker per
+// path and cycle once the cluster has said to start, and the workers that put
+// this node's heartbeat record into its controller slot.
+#include <cstdlib>
+
+#include "cnthb/cnthbint.h"
+
+namespace {
+
+// The writing cycles; returns when the stop has been seen.
+void cnthb_writecycles(cnthb_list *list, cnthb_pollpace *pace)
+{
+    hbtick_t maxloop = 0;
+    for (;;) {
+        const hbtick_t start = hbtick_now();
+        if (list->currsc > 0) {
+            pthread_attr_t *attrs = cnthb_allocattrs(list);
+            if (attrs == nullptr) {
+                cnthb_cancelpoint();
+                if (bsigrecv.load() != 0)
+                    return;
+                cnthb_cancelsleep(list->hbint);
+                if (bsigrecv.load() != 0)
+                    return;
+                continue;
+            }
+            for (int32_t i = 0; i < list->currsc; ++i)
+                cnthb_startworker(cnthb_rscat(list, i), &attrs[i], CNTHB_WK_WRITE);
+            std::free(attrs);
+        }
+        cnthb_cancelpoint();
+        if (bsigrecv.load() != 0)
+            return;
+        cnthb_pollpause(pace, list->hbint, "write");
+        cnthb_thwlooptime(start, &maxloop);
+        if (bsigrecv.load() != 0)
+            return;
+    }
+}
+
+} // namespace
+
+void cnthb_writethexit(void *arg)
+{
+    auto *list = static_cast<cnthb_list *>(arg);
+    cnthb_sleepms(500); // gives running workers time to end by themselves
+    cnthb_cancelworkers(list, true);
+    HBLOG(HBLOG_CNT, 8, "cnthb_hbwrite() exit");
+}
+
+void *cnthb_hbwrite(void *arg)
+{
+    auto *list = static_cast<cnthb_list *>(arg);
+    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    pthread_cleanup_push(cnthb_writethexit, list);
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    HBLOG(HBLOG_CNT, 1, "***** WAIT START: cnthb_hbwrite *****");
+    cnthb_pollpace pace;
+
+    // Nothing is written before the cluster says so; the pace counts from
+    // the thread's start, the waiting included.
+    bool started = cnthb_bhbwrite.load() != 0;
+    while (!started) {
+        if (bsigrecv.load() != 0) {
+            HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+            break;
+        }
+        cnthb_cancelpoint();
+        cnthb_pollpause(&pace, list->hbint, "start write");
+        started = cnthb_bhbwrite.load() != 0;
+    }
+    if (started) {
+        HBLOG(HBLOG_CNT, 1, "***** START: cnthb_hbwrite *****");
+        if (bsigrecv.load() == 0)
+            cnthb_writecycles(list, &pace);
+    }
+    HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+void *cnthb_writethread(void *arg)
+{
+    auto *rsc = static_cast<cnthb_rsc *>(arg);
+    cnthb_workerrun run(rsc, true);
+    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    cnthb_list *list = rsc->list;
+
+    cnthb_hbinf rec;
+    cnthb_makehb(&rec);
+    const auto cntno = static_cast<uint8_t>(rsc->list->mycntno);
+    const int32_t r = cnthb_fwcall(rsc, [&] { return zemfw_sethbinf(cntno, &rec); });
+    if (r != 0)
+        cnthb_seterrstat(list, CNTHB_ERR_WRITE); // this node's own slot failed
+    run.finish("write");
+    return nullptr;
+}
