@@ -1,0 +1,203 @@
+// Heartbeats and down packets into node and path states, and time-outs.
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+#include "lanhb_test.h"
+
+using namespace lanhbtest;
+
+namespace {
+
+struct StatusTest : LanTest {
+    list_ptr list{nullptr, lanhb_freelist};
+    lanhb_rsc *rsc = nullptr;
+    lanhb_node *own = nullptr, *peer = nullptr;
+    std::vector<unsigned char> hb, down;
+
+    void SetUp() override
+    {
+        LanTest::SetUp();
+        hbtick_source = fakenow;
+        now = 1000;
+        cluster();
+        list = load();
+        ASSERT_TRUE(list);
+        rsc = lanhb_getrsc(list.get(), 0);
+        own = lanhb_rscnode(rsc, 0);
+        peer = lanhb_rscnode(rsc, 1);
+        for (auto *buf : {&hb, &down}) {
+            buf->resize(lanhb_pktlen(list->maxnode));
+            lanhb_pktinit(pkt(*buf), list.get(), buf == &hb ? LANHB_TAG_HB : LANHB_TAG_DOWN);
+        }
+        fake::clear_calls();
+    }
+    static lanhb_packet *pkt(std::vector<unsigned char> &b) { return reinterpret_cast<lanhb_packet *>(b.data()); }
+    void beat(lanhb_node *n) { lanhb_hbdata(list.get(), rsc, n, pkt(hb)); }
+    // The publishing calls, in order.
+    static std::vector<std::string> published()
+    {
+        std::vector<std::string> out;
+        for (const auto &c : fake::calls())
+            if (c.op == "shmnm_setrscsvstat" || c.op == "shmnm_setrscstat" || c.op == "sem_set_statchange")
+                out.push_back(c.op + "(" + c.args + ")");
+        return out;
+    }
+};
+
+TEST_F(StatusTest, HeartbeatBringsNodeOnlineOnce)
+{
+    beat(peer);
+    const std::vector<std::string> first = {"shmnm_setrscsvstat(lanhb,lan1,2,1)", "shmnm_setrscstat(lanhb,lan1,4)",
+                                            "sem_set_statchange()"};
+    EXPECT_EQ(published(), first);
+    EXPECT_EQ(peer->stat, SHMNM_SVSTAT_ONLINE);
+    EXPECT_EQ(peer->lastrecv, 1000u);
+    EXPECT_TRUE(lanlog(" *** lan1/node(node2(2)) : ONLINE ***"));
+    EXPECT_TRUE(lanlog(" *** lan1 : ERROR ***")); // this node itself is still OFFLINE
+
+    now = 1500;
+    beat(peer); // already ONLINE: only the stamp moves
+    EXPECT_EQ(published(), first);
+    EXPECT_EQ(peer->lastrecv, 1500u);
+    beat(own);
+    EXPECT_EQ(rsc->stat, SHMNM_RSCSTAT_NORMAL);
+}
+
+TEST_F(StatusTest, HdstatOtherThanOneSkipsOnline)
+{
+    fake::set_hdstat("node2", 2);
+    now = 1234;
+    beat(peer);
+    EXPECT_TRUE(published().empty());
+    EXPECT_EQ(peer->stat, SHMNM_SVSTAT_OFFLINE);
+    EXPECT_EQ(peer->lastrecv, 1234u);
+    EXPECT_TRUE(fake::has_log(HB_KIND_CNTHB, " *** lan1/node(node2(2)) : ONLINE SKIP hdstat=2 ***"));
+    EXPECT_EQ(fake::count_log(HB_KIND_LANHB, "ONLINE SKIP"), 0);
+
+    fake::fail("shmnm_gethdstat", 5); // unreadable counts as 1
+    beat(peer);
+    EXPECT_EQ(peer->stat, SHMNM_SVSTAT_ONLINE);
+    EXPECT_TRUE(fake::has_log(HB_KIND_CNTHB, "shmnm_gethdstat(lan1/node(node2(2))) failed(ret:5)"));
+}
+
+TEST_F(StatusTest, DownPacketTakesNodeOfflineUnlessItAlreadyIs)
+{
+    lanhb_hbdata(list.get(), rsc, peer, pkt(down));
+    EXPECT_TRUE(published().empty());
+    EXPECT_EQ(fake::count_log(HB_KIND_LANHB, "DOWNPACKET"), 0);
+
+    beat(own);
+    beat(peer);
+    fake::clear_calls();
+    now = 5000;
+    std::memcpy(pkt(down)->tag, "hbdownX", 7); // only six bytes count
+    lanhb_hbdata(list.get(), rsc, peer, pkt(down));
+    EXPECT_TRUE(lanlog("DOWNPACKET recv(lan1,node2(2))"));
+    const std::vector<std::string> want = {"shmnm_setrscsvstat(lanhb,lan1,2,2)", "shmnm_setrscstat(lanhb,lan1,3)",
+                                           "sem_set_statchange()"};
+    EXPECT_EQ(published(), want);
+    EXPECT_EQ(peer->lastrecv, 1000u);
+}
+
+TEST_F(StatusTest, PathRule)
+{
+    constexpr int32_t ON = SHMNM_SVSTAT_ONLINE, OFF = SHMNM_SVSTAT_OFFLINE, UNK = SHMNM_SVSTAT_UNKNOWN,
+                      UNUSED = SHMNM_SVSTAT_UNUSED;
+    struct Case {
+        int32_t own, peer, peerpri, path;
+    };
+    const Case cases[] = {
+        {ON, UNUSED, 2, SHMNM_RSCSTAT_NORMAL},  {ON, ON, 2, SHMNM_RSCSTAT_NORMAL},
+        {OFF, OFF, 2, SHMNM_RSCSTAT_ERROR},     {UNK, ON, 2, SHMNM_RSCSTAT_ERROR},
+        {ON, OFF, 2, SHMNM_RSCSTAT_CAUTION},    {ON, UNK, -1, SHMNM_RSCSTAT_CAUTION},
+        {UNUSED, UNUSED, 2, SHMNM_RSCSTAT_UNUSED}, {0, 0, 2, SHMNM_RSCSTAT_UNKNOWN},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.own) + "/" + std::to_string(c.peer));
+        own->stat = c.own;
+        peer->stat = c.peer;
+        peer->pri = c.peerpri;
+        lanhb_setrscstat(list.get(), rsc);
+        EXPECT_EQ(rsc->stat, c.path);
+        EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan1"), c.path);
+    }
+}
+
+struct TimeoutTest : StatusTest {
+    void online(lanhb_node *n, hbtick_t at)
+    {
+        now = at;
+        beat(n);
+        fake::clear_calls();
+    }
+};
+
+TEST_F(TimeoutTest, LimitIsExclusiveAndScaledByRatio)
+{
+    struct Case {
+        std::function<void()> ratio;
+        hbtick_t silent; // longest silence that is still tolerated
+    };
+    const Case cases[] = {
+        {[] { fake::set_ratio(1); }, 9000},
+        {[] { fake::set_ratio(3); }, 27000},
+        {[] { fake::set_ratio(0); }, 9000},
+        {[] { fake::fail("shmcm_getratio", 8); }, 9000},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.silent);
+        fake::reset();
+        c.ratio();
+        online(peer, 100);
+        const int before = fake::statchange_count();
+        now = 100 + c.silent;
+        lanhb_hbcheck(list.get());
+        EXPECT_EQ(peer->stat, SHMNM_SVSTAT_ONLINE);
+        now = 100 + c.silent + 1;
+        lanhb_hbcheck(list.get());
+        EXPECT_EQ(peer->stat, SHMNM_SVSTAT_OFFLINE);
+        EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_OFFLINE);
+        EXPECT_EQ(fake::statchange_count() - before, 1);
+    }
+}
+
+TEST_F(TimeoutTest, TimeoutLineAndCounterWrap)
+{
+    online(peer, ULLONG_MAX - 99); // the counter wraps 100 ticks later
+    now = 8900;
+    lanhb_hbcheck(list.get());
+    EXPECT_EQ(peer->stat, SHMNM_SVSTAT_ONLINE);
+    now = 8901;
+    lanhb_hbcheck(list.get());
+    EXPECT_EQ(peer->stat, SHMNM_SVSTAT_OFFLINE);
+    EXPECT_TRUE(lanlog("**TIMEOUT(cur:0x000022c5,last:0xffffff9c,diff:9001,hbto:90,tck:100/sec)"));
+    EXPECT_TRUE(lanlog(" *** lan1/node(node2(2)) : OFFLINE ***"));
+}
+
+TEST_F(TimeoutTest, SeveralTimeoutsInOnePassWakeOnce)
+{
+    fake::reset();
+    loginit();
+    cluster();
+    fake::add_rsc(HB_KIND_LANHB, "lan2", 11);
+    fake::set_key("/root/heartbeat/lanhb@lan2/device", "1");
+    fake::set_key("/root/server@node2/device@1/info", "198.18.1.2");
+    list = load();
+    ASSERT_TRUE(list);
+    rsc = lanhb_getrsc(list.get(), 0);
+    online(lanhb_getnode(list.get(), 0, 1), 0);
+    rsc = lanhb_getrsc(list.get(), 1);
+    online(lanhb_getnode(list.get(), 1, 1), 0);
+    lanhb_getnode(list.get(), 1, 0)->stat = SHMNM_SVSTAT_UNUSED; // never tested
+    const int before = fake::statchange_count();
+    now = 100000;
+    lanhb_hbcheck(list.get());
+    EXPECT_EQ(fake::count_log(HB_KIND_LANHB, ") : OFFLINE ***"), 2);
+    EXPECT_EQ(fake::count("shmnm_setrscstat"), 2);
+    EXPECT_EQ(fake::statchange_count() - before, 1);
+    EXPECT_EQ(lanhb_getnode(list.get(), 1, 0)->stat, SHMNM_SVSTAT_UNUSED);
+}
+
+} // namespace
