@@ -1,0 +1,140 @@
+// The datagram's bytes as they go on the wire, and which received datagrams
+// are accepted for which node entry. Addresses here are only compared as
+// text and binary; nothing is sent.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <vector>
+
+#include "lanhb_test.h"
+
+using namespace lanhbtest;
+
+namespace {
+
+struct PacketTest : LanTest {};
+
+std::vector<unsigned char> build(lanhb_list *list, bool named)
+{
+    std::vector<unsigned char> buf(lanhb_pktlen(list->maxnode), 0xEE);
+    auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
+    lanhb_pktinit(pkt, list, LANHB_TAG_HB);
+    lanhb_pktnodeinf(pkt, list, named);
+    lanhb_pktrsc(pkt, lanhb_getrsc(list, 0));
+    return buf;
+}
+
+TEST_F(PacketTest, GoldenImage)
+{
+    cluster();
+    fake::set_nodestat("node1", 3);
+    fake::fail_on("shmnm_getnodestat", "node2", 7);
+    list_ptr list = load();
+    ASSERT_TRUE(list);
+    std::vector<unsigned char> want(576, 0);
+    auto put = [&](size_t off, std::initializer_list<unsigned char> bytes) {
+        std::copy(bytes.begin(), bytes.end(), want.begin() + static_cast<long>(off));
+    };
+    put(0, {'l', 'a', 'n', 'h', 'b'});
+    put(8, {'E', '1'});
+    put(24, {'1', '.', '0'});
+    put(300, {0, 0, 0, 1});  // nodepri
+    put(304, {0, 0, 0, 10}); // rscpri
+    put(308, {0, 0, 0, 4});  // rscstat: ERROR, this node not yet heard
+    put(316, {0, 0, 1, 0});  // nodelen 256
+    put(320, {0, 0, 0, 1, 0, 0, 0, 3});
+    put(328, {0, 0, 0, 2, 0, 0, 0, 9}); // state unreadable
+    EXPECT_EQ(build(list.get(), true), want);
+    EXPECT_TRUE(lanlog("shmnm_getnodestat() failed(ret:7)"));
+
+    // An unreadable priority: -1 and 9, named only by the sender.
+    fake::fail_on("shmnm_getnodepri", "node2", 6);
+    for (bool named : {true, false}) {
+        std::vector<unsigned char> got = build(list.get(), named);
+        EXPECT_EQ(std::vector<unsigned char>(got.begin() + 328, got.begin() + 336),
+                  (std::vector<unsigned char>{0xff, 0xff, 0xff, 0xff, 0, 0, 0, 9}));
+    }
+    EXPECT_TRUE(lanlog("shmnm_getnodepri(node2) failed(ret:6)"));
+    EXPECT_TRUE(lanlog("shmnm_getnodepri() failed(ret:6)"));
+
+    // Never more entries than maxnode.
+    list->maxnode = 1;
+    std::vector<unsigned char> small = build(list.get(), true);
+    ASSERT_EQ(small.size(), 328u);
+    EXPECT_EQ(small[319], 8); // nodelen
+}
+
+sockaddr_storage addr(const char *text)
+{
+    sockaddr_storage ss{};
+    if (std::strchr(text, ':') != nullptr) {
+        auto *sa = reinterpret_cast<sockaddr_in6 *>(&ss);
+        sa->sin6_family = AF_INET6;
+        EXPECT_EQ(inet_pton(AF_INET6, text, &sa->sin6_addr), 1);
+    } else {
+        auto *sa = reinterpret_cast<sockaddr_in *>(&ss);
+        sa->sin_family = AF_INET;
+        EXPECT_EQ(inet_pton(AF_INET, text, &sa->sin_addr), 1);
+    }
+    return ss;
+}
+
+TEST_F(PacketTest, Acceptance)
+{
+    cluster("127.0.0.1", "192.0.2.7");
+    fake::add_node("node3", 3);
+    fake::add_node("node4", 4);
+    fake::set_key("/root/server@node3/device@0/info", "FE80:0:0:0:0:0:0:1%net0");
+    fake::set_key("/root/server@node4/device@0/info", "2001:db8::4/64");
+    list_ptr list = load();
+    ASSERT_TRUE(list);
+    struct Case {
+        const char *tag;
+        int shorter;
+        int32_t rscpri, nodepri;
+        const char *from;
+        bool v6, accepted;
+    };
+    const Case cases[] = {
+        {"lanhb", 0, 10, 2, "192.0.2.7", false, true},
+        {"lanhbX", 0, 10, 2, "192.0.2.7", false, true},
+        {"hbdownX", 0, 10, 2, "192.0.2.7", false, true},
+        {"LANHB", 0, 10, 2, "192.0.2.7", false, false},
+        {"hbdow", 0, 10, 2, "192.0.2.7", false, false},
+        {"lanhb", 1, 10, 2, "192.0.2.7", false, false},
+        {"lanhb", 0, 11, 2, "192.0.2.7", false, false},
+        {"lanhb", 0, 10, 9, "192.0.2.7", false, false},
+        {"lanhb", 0, 10, 2, "192.0.2.8", false, false},
+        {"lanhb", 0, 10, 2, "::ffff:192.0.2.7", true, true},
+        {"lanhb", 0, 10, 3, "fe80::1", true, true},
+        {"lanhb", 0, 10, 3, "fe80::2", true, false},
+        {"lanhb", 0, 10, 4, "2001:db8::4", true, true},
+        {"lanhb", 0, 10, 4, "2001:db8::4", false, false}, // IPv6 address, IPv4 receiver
+        {"lanhb", 0, 10, 1, "127.0.0.1", false, true},
+        {"lanhb", 0, 10, 1, "::ffff:127.0.0.1", true, true},
+    };
+    const size_t len = lanhb_pktlen(list->maxnode);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.tag) + " " + std::to_string(c.nodepri) + " " + c.from);
+        std::vector<unsigned char> buf(len);
+        auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
+        lanhb_pktinit(pkt, list.get(), "");
+        std::memcpy(pkt->tag, c.tag, std::strlen(c.tag));
+        pkt->rscpri = static_cast<int32_t>(htonl(c.rscpri));
+        pkt->nodepri = static_cast<int32_t>(htonl(c.nodepri));
+        const sockaddr_storage from = addr(c.from);
+        lanhb_rsc *rsc = nullptr;
+        lanhb_node *node = nullptr;
+        const bool ok = lanhb_accept(list.get(), pkt, static_cast<ssize_t>(len) - c.shorter, len,
+                                     reinterpret_cast<const sockaddr *>(&from), c.v6, &rsc, &node);
+        EXPECT_EQ(ok, c.accepted);
+        if (ok) {
+            EXPECT_EQ(rsc, lanhb_getrsc(list.get(), 0));
+            EXPECT_EQ(node->pri, c.nodepri);
+            EXPECT_EQ(pkt->nodelen, 256); // converted in place
+        }
+    }
+}
+
+} // namespace
