@@ -4,7 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <memory>
 #include <string>
 
@@ -65,5 +71,56 @@ inline list_ptr load(int32_t expect = 0)
 }
 
 inline bool lanlog(const std::string &text) { return fake::has_log(HB_KIND_LANHB, text); }
+
+// A UDP port that was free a moment ago, for both IPv4 and IPv6.
+inline uint16_t freeport()
+{
+    const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+    int off = 0;
+    setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    sockaddr_in6 sa{};
+    sa.sin6_family = AF_INET6;
+    socklen_t len = sizeof sa;
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len);
+    close(fd);
+    return ntohs(sa.sin6_port);
+}
+
+inline pthread_t start(void *(*entry)(void *), lanhb_list *list)
+{
+    pthread_t th{};
+    EXPECT_EQ(pthread_create(&th, nullptr, entry, list), 0);
+    return th;
+}
+
+// How a thread ended: "canceled" or its exit text.
+inline std::string join(pthread_t th)
+{
+    void *ret = nullptr;
+    EXPECT_EQ(pthread_join(th, &ret), 0);
+    return ret == PTHREAD_CANCELED ? "canceled" : ret == nullptr ? "(null)" : static_cast<const char *>(ret);
+}
+
+// Polls a condition for up to 30 seconds.
+template <class F> bool waitfor(F cond)
+{
+    for (int i = 0; i < 1500; ++i) {
+        if (cond())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return cond();
+}
+
+inline bool recvready()
+{
+    return waitfor([] {
+        pthread_mutex_lock(&lanhb_rmutex);
+        const bool ready = lanhb_rready != 0;
+        pthread_mutex_unlock(&lanhb_rmutex);
+        return ready;
+    });
+}
 
 } // namespace lanhbtest
