@@ -116,6 +116,7 @@ def crash_and_measure(cluster, victim, ratio):
     assert pid
     t0 = time.time()
     os.kill(pid, signal.SIGKILL)
+    assert wait_until(lambda: not zemcluster.proc_running(pid), 5), f"daemon {pid} survived SIGKILL"
     scaled = HBTO_S * ratio
     times = {}
     for obs in observers:
@@ -123,7 +124,8 @@ def crash_and_measure(cluster, victim, ratio):
         times.update(offline_times([obs], victim, paths, t0, scaled + 10))
     print_times(f"crash of {victim.name}, ratio {ratio}: detection after the kill", times)
     expected = {(o.name, p) for o in observers for p in paths_seen_by(o, victim)}
-    assert set(times) == expected, f"no OFFLINE record for {expected - set(times)}"
+    assert set(times) == expected, (f"no OFFLINE record for {expected - set(times)}; "
+                                    f"states: {[o.status() for o in observers]}")
     low, high = scaled - HBINT - SLACK, scaled + HBINT + 1
     for key, dt in times.items():
         assert low <= dt <= high, f"{key} detected after {dt:.2f} s, not in [{low}, {high}]"

@@ -44,8 +44,11 @@ PATH_PRI = {LAN4: 0, LAN6: 1, CNT: 0}
 RECV_PORT = 29002
 MAXNODE = 32
 
-# Where the bridges' own addresses sit: an outsider on both wires.
-OUTSIDER4 = "198.18.0.254"
+# Where the bridges' own addresses sit: an outsider on both wires. The
+# receiver matches an IPv4 peer inside the IPv4-mapped text of the source
+# address as a substring, so the outsider's address must not contain a node's
+# (198.18.0.254 would pass for 198.18.0.2).
+OUTSIDER4 = "198.18.0.99"
 OUTSIDER6 = "2001:db8::fe"
 
 
@@ -92,8 +95,8 @@ def proc_running(pid):
     return stat[stat.rindex(")") + 2:].split()[0] != "Z"
 
 
-def proc_children(ppid):
-    """Global ids of the live processes whose parent is ppid."""
+def proc_children(ppid, zombies=False):
+    """Global ids of the processes whose parent is ppid (zombies only if asked)."""
     out = []
     for entry in os.listdir("/proc"):
         if not entry.isdigit():
@@ -104,7 +107,7 @@ def proc_children(ppid):
         except OSError:
             continue
         fields = stat[stat.rindex(")") + 2:].split()
-        if fields[0] != "Z" and int(fields[1]) == ppid:
+        if (zombies or fields[0] != "Z") and int(fields[1]) == ppid:
             out.append(int(entry))
     return sorted(out)
 
@@ -254,10 +257,11 @@ class Node:
         daemon = os.path.basename(self.cluster.daemon)
         if init is None or not daemon:
             return None
-        kids = proc_children(init)
+        # A supervisor that has just died is a zombie whose child is not yet adopted.
+        kids = proc_children(init, zombies=True)
         for pid in list(kids):
             kids += proc_children(pid)
-        return next((p for p in kids if proc_exe(p) == daemon), None)
+        return next((p for p in kids if proc_exe(p) == daemon and proc_running(p)), None)
 
     def running(self):
         return self.proc is not None and self.proc.poll() is None
@@ -538,7 +542,7 @@ class Cluster:
         """What destroy() should have removed but is still there."""
         left = [ns for ns in _netns_list() if ns.startswith(self.prefix + "-")]
         left += [f"process {p}" for p in self.pids if proc_running(p)]
-        if os.path.exists(self.dir):
+        if os.path.exists(self.dir) and not os.environ.get("ZEM_SYSTEM_KEEP"):
             left.append(self.dir)
         return left
 
