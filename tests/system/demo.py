@@ -29,8 +29,8 @@ class Table:
         self.last = {}
 
     def header(self):
-        print("  O = ONLINE, x = OFFLINE, ? = UNKNOWN, - = UNUSED: node1 node2 node3, "
-              "then the path's state")
+        print("  O = ONLINE, x = OFFLINE, ? = UNKNOWN, - = UNUSED for node1 node2 node3,")
+        print(f"  then the path's state; {CNT} only between node1 and node2, which share it")
         print(f"  {'time':>7}  {'view of':8} " + "".join(f"{p:18}" for p in PATHS))
 
     def view(self, node):
@@ -46,7 +46,12 @@ class Table:
             if p is None:
                 cells.append("")
                 continue
-            marks = " ".join(MARK.get(p["nodes"].get(n.name), "?") for n in self.cluster.nodes)
+            shown = [n for n in self.cluster.nodes if path != CNT or n.idx <= 2]
+            if path == CNT and node not in shown:
+                cells.append("(own area)")
+                continue
+            marks = " ".join(MARK.get(p["nodes"].get(n.name), "?") if n in shown else " "
+                             for n in self.cluster.nodes)
             cells.append(f"{marks}  {p['stat']}")
         return cells
 
@@ -97,22 +102,30 @@ def offline_everywhere(cluster, victim, paths_for):
     return done
 
 
-def report(cluster, victim, since, paths_for, extra):
-    """Times of the OFFLINE records of victim on every observer, with their cause."""
+def report(cluster, victim, since, paths_for):
+    """When every observer took victim OFFLINE, and why: the TIMEOUT or down
+    notice record that goes with its OFFLINE record."""
     rows = []
     for obs in cluster.nodes:
         if obs is victim or not obs.running():
             continue
         for path in paths_for(obs):
-            ev = events(obs, log_kind(path), node_line(path, victim) + "OFFLINE ***", since)
-            if not ev:
+            kind = log_kind(path)
+            lines = events(obs, kind, "", since)
+            off = node_line(path, victim) + "OFFLINE ***"
+            at = next((i for i, (_, line) in enumerate(lines) if off in line), None)
+            if at is None:
                 rows.append(f"    {obs.name} {path:5} still not OFFLINE")
                 continue
-            t, _ = ev[0]
-            cause = [line for tt, line in events(obs, log_kind(path), extra(path), since)
-                     if tt <= t]
-            why = cause[-1].split(": ", 1)[-1] if cause else ""
-            rows.append(f"    {obs.name} {path:5} OFFLINE after {t - since:5.2f} s   {why}")
+            notice = f"DOWNPACKET {'read' if path == CNT else 'recv'}({path},{victim.name}({victim.pri}))"
+            why = ""
+            for _, line in reversed(lines[:at]):
+                if notice in line or "**TIMEOUT(" in line:
+                    why = line.split(": ", 1)[-1].strip()
+                    break
+                if " : OFFLINE ***" in line:
+                    break
+            rows.append(f"    {obs.name} {path:5} OFFLINE after {lines[at][0] - since:5.2f} s   {why}")
     return rows
 
 
@@ -155,7 +168,8 @@ def main():
         if t_conv is None:
             print("the cluster did not converge within 20 s:", zemcluster.problems(c))
             return 1
-        summary.append(f"all nodes ONLINE, all paths NORMAL {t_conv - t0:.1f} s after the start")
+        summary.append(f"converged {t_conv - t0:.1f} s after the start: every node ONLINE on "
+                       f"{LAN4} and {LAN6}, node1 and node2 on {CNT}, all NORMAL")
 
         victim = c[2]
         print(f"\n== crash: SIGKILL to {victim.name}'s daemon")
@@ -163,7 +177,7 @@ def main():
         table.t0 = t1
         os.kill(victim.daemon_pid(), signal.SIGKILL)
         table.follow(offline_everywhere(c, victim, pair(victim)), 15, after=0.5)
-        rows = report(c, victim, t1, pair(victim), lambda path: "**TIMEOUT(")
+        rows = report(c, victim, t1, pair(victim))
         print("\n".join(rows))
         summary.append(f"crash of {victim.name} detected by time-out:")
         summary += rows
@@ -180,8 +194,7 @@ def main():
         table.t0 = t2
         victim.stop()
         table.follow(offline_everywhere(c, victim, pair(victim)), 15, after=0.5)
-        rows = report(c, victim, t2, pair(victim),
-                      lambda path: "DOWNPACKET read(" if path == CNT else "DOWNPACKET recv(")
+        rows = report(c, victim, t2, pair(victim))
         print("\n".join(rows))
         summary.append(f"orderly stop of {victim.name} announced by down packets:")
         summary += rows
