@@ -59,14 +59,24 @@ void lanhb_canceloff()
     setcancel(PTHREAD_CANCEL_DISABLE, "pthread_setcancelstate(DISABLE) failed(ret:%d,errno:%d)");
 }
 
-void lanhb_sleepms(int32_t ms)
+void lanhb_testcancel()
 {
-    struct timespec ts = {ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
     lanhb_cancelon();
     pthread_testcancel();
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-    }
     lanhb_canceloff();
+}
+
+void lanhb_sleepms(int32_t ms)
+{
+    for (int32_t left = ms;; left -= LANHB_WAITSLICE_MS) {
+        lanhb_testcancel();
+        if (left <= 0)
+            return;
+        const int32_t slice = std::min(left, LANHB_WAITSLICE_MS);
+        struct timespec ts = {slice / 1000, static_cast<long>(slice % 1000) * 1000000L};
+        while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+        }
+    }
 }
 
 int32_t lanhb_hbcheck(lanhb_list *list)
@@ -108,9 +118,7 @@ void *lanhb_hbwatch(void *arg)
     hbtick_t maxloop = 0;
     for (;;) {
         const hbtick_t t0 = hbtick_now();
-        lanhb_cancelon();
-        pthread_testcancel();
-        lanhb_canceloff();
+        lanhb_testcancel();
         if (bsigrecv.load() != 0)
             break;
         lanhb_sleepms(list->hbint);

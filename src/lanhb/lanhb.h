@@ -206,5 +206,12 @@ bool lanhb_pacestep(lanhb_pace *pace, hbtick_t t0, hbtick_t *maxloop);
 // Cancellation switches of the heartbeat threads; failures are logged.
 void lanhb_cancelon();
 void lanhb_canceloff();
-// Sleeps with cancellation enabled only for the sleep itself.
+// The one place where a pending cancellation takes effect: enabled just for
+// pthread_testcancel. Waits call it between slices of at most
+// LANHB_WAITSLICE_MS, so a thread is never unwound from inside a blocking
+// call (whose interceptors, e.g. the thread sanitizer's, cannot follow it);
+// a stop thus lands within one slice.
+void lanhb_testcancel();
+inline constexpr int32_t LANHB_WAITSLICE_MS = 50;
+// Sleeps ms milliseconds, open to cancellation throughout.
 void lanhb_sleepms(int32_t ms);

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -122,6 +123,23 @@ void signalready()
         HBLOG(HBLOG_LAN, 1, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
 }
 
+// select until the socket is readable, at most ms milliseconds, in slices
+// with a cancellation test before each; select's result.
+int waitreadable(int fd, int32_t ms)
+{
+    for (int64_t left = ms;; left -= LANHB_WAITSLICE_MS) {
+        lanhb_testcancel();
+        const int64_t slice = std::clamp<int64_t>(left, 0, LANHB_WAITSLICE_MS);
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(fd, &rd);
+        struct timeval tv = {static_cast<time_t>(slice / 1000), static_cast<suseconds_t>(slice % 1000) * 1000};
+        const int n = select(fd + 1, &rd, nullptr, nullptr, &tv);
+        if (n != 0 || left <= LANHB_WAITSLICE_MS)
+            return n;
+    }
+}
+
 char *hbrecv(lanhb_list *list)
 {
     lanhb_canceloff();
@@ -149,9 +167,7 @@ char *hbrecv(lanhb_list *list)
 
     for (;;) {
         const hbtick_t t0 = hbtick_now();
-        lanhb_cancelon();
-        pthread_testcancel();
-        lanhb_canceloff();
+        lanhb_testcancel();
         if (bsigrecv.load() != 0) {
             HBLOG(HBLOG_LAN, 1, "SIGUSR1 already received");
             pkt.reset();
@@ -161,14 +177,8 @@ char *hbrecv(lanhb_list *list)
             return RET_OK;
         }
 
-        fd_set rd;
-        FD_ZERO(&rd);
-        FD_SET(s.fd, &rd);
-        struct timeval tv = {list->hbint / 1000, static_cast<suseconds_t>(list->hbint % 1000) * 1000};
-        lanhb_cancelon();
-        const int n = select(s.fd + 1, &rd, nullptr, nullptr, &tv);
+        const int n = waitreadable(s.fd, list->hbint);
         const int err = errno;
-        lanhb_canceloff();
         if (n < 0) {
             HBLOG(HBLOG_LAN, 1, "select() failed(errno:%d)", err);
             if (lanhb_bwatchth.load() == 0)

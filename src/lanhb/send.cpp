@@ -275,9 +275,7 @@ char *hbsend(lanhb_list *list)
             lanhb_pktnodeinf(pkt.get(), list, true);
             HBLOG(HBLOG_LAN, 8, "currsc=%d", list->currsc);
             sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, true);
-            lanhb_cancelon();
-            pthread_testcancel();
-            lanhb_canceloff();
+            lanhb_testcancel();
             if (stopseen())
                 break;
             if (lanhb_pacestep(&pace, t0, &maxloop))
