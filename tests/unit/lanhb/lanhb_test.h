@@ -1,18 +1,17 @@
 // Shared set-up of the LAN heartbeat tests: logs open, a known clock rate,
-// and the frame's globals put back after every test.
+// the frame's globals put back after every test, and loopback helpers.
 #pragma once
 
 #include <gtest/gtest.h>
-
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <thread>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
@@ -29,23 +28,13 @@ inline hbtick_t fakenow() { return now.load(); }
 inline hbtick_t (*const realclock)() = hbtick_source;
 
 struct LanTest : ::testing::Test {
-    void SetUp() override
-    {
-        tckconf = 100;
-        loginit();
-    }
+    void SetUp() override { tckconf = 100, loginit(); }
     void TearDown() override
     {
         logterm();
         hbtick_source = realclock;
-        bsigrecv = 0;
-        lanhb_bhbsend = 0;
-        lanhb_bwatchth = 1;
-        brestart = 0;
-        lanhb_warnrate = 80;
-        thstacksz = 0;
-        lanhb_bsocknbio = 1;
-        lanhb_rready = 0;
+        bsigrecv = 0, lanhb_bhbsend = 0, lanhb_bwatchth = 1, lanhb_rready = 0;
+        brestart = 0, lanhb_warnrate = 80, thstacksz = 0, lanhb_bsocknbio = 1;
     }
 };
 
@@ -63,17 +52,18 @@ inline void cluster(const char *ip1 = "127.0.0.1", const char *ip2 = "198.18.0.2
         fake::set_key("/root/server@node2/device@0/info", ip2);
 }
 
-inline list_ptr load(int32_t expect = 0)
+inline list_ptr load()
 {
     lanhb_list *list = nullptr;
-    EXPECT_EQ(lanhb_loadinfo(&list), expect);
+    EXPECT_EQ(lanhb_loadinfo(&list), 0);
     return list_ptr(list, lanhb_freelist);
 }
 
 inline bool lanlog(const std::string &text) { return fake::has_log(HB_KIND_LANHB, text); }
 
-// A UDP port that was free a moment ago, for both IPv4 and IPv6.
-inline uint16_t freeport()
+// A UDP port that was free a moment ago, for IPv4 and IPv6; the socket is
+// left bound when `keep` is given.
+inline uint16_t freeport(int *keep = nullptr)
 {
     const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
     int off = 0;
@@ -83,7 +73,7 @@ inline uint16_t freeport()
     socklen_t len = sizeof sa;
     EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
     getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len);
-    close(fd);
+    keep != nullptr ? void(*keep = fd) : void(close(fd));
     return ntohs(sa.sin6_port);
 }
 
@@ -99,17 +89,14 @@ inline std::string join(pthread_t th)
 {
     void *ret = nullptr;
     EXPECT_EQ(pthread_join(th, &ret), 0);
-    return ret == PTHREAD_CANCELED ? "canceled" : ret == nullptr ? "(null)" : static_cast<const char *>(ret);
+    return ret == PTHREAD_CANCELED ? "canceled" : static_cast<const char *>(ret);
 }
 
 // Polls a condition for up to 30 seconds.
 template <class F> bool waitfor(F cond)
 {
-    for (int i = 0; i < 1500; ++i) {
-        if (cond())
-            return true;
+    for (int i = 0; i < 1500 && !cond(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     return cond();
 }
 

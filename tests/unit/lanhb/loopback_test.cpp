@@ -77,13 +77,8 @@ TEST_F(LoopTest, StopBeforeStartSendsNothing)
 
 TEST_F(LoopTest, PortInUseEndsReceiver)
 {
-    const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
-    int off = 0;
-    setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    sockaddr_in6 sa{};
-    sa.sin6_family = AF_INET6;
-    sa.sin6_port = htons(port);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
+    int fd = -1;
+    list->recvport = freeport(&fd); // and kept bound
     EXPECT_EQ(join(start(lanhb_hbrecv, list.get())), "2");
     close(fd);
     EXPECT_TRUE(lanlog("bind(INET6) failed(errno:98)"));
