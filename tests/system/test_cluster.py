@@ -37,6 +37,7 @@ def cluster(tools):
     finally:
         c.destroy()
     assert not c.remains(), f"left behind: {c.remains()}"
+    assert not c.reports, "\n".join(c.reports)
 
 
 @pytest.fixture

@@ -29,6 +29,7 @@ def slow(tools):
     finally:
         c.destroy()
     assert not c.remains(), f"left behind: {c.remains()}"
+    assert not c.reports, "\n".join(c.reports)
 
 
 def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):

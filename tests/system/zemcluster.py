@@ -382,6 +382,7 @@ class Cluster:
             os.makedirs(node.root, mode=0o700)
         self.namespaces = []
         self.pids = set()           # node processes seen at destroy(), for remains()
+        self.reports = []           # sanitizer findings, kept by destroy()
         self.destroyed = False
         with _lock:
             _live.append(self)
@@ -546,6 +547,20 @@ class Cluster:
             left.append(self.dir)
         return left
 
+    def sanitizer_reports(self):
+        """Sanitizer findings the daemons and zemctl printed (sanitizer builds)."""
+        marks = ("AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime error:")
+        found = []
+        for node in self.nodes:
+            for i in range(1, node.runs + 1):
+                try:
+                    with open(os.path.join(node.root, f"run{i}.out"), errors="replace") as f:
+                        found += [f"{node.name} run {i}: {line.strip()}" for line in f
+                                  if any(m in line for m in marks)]
+                except OSError:
+                    pass
+        return found
+
     def destroy(self):
         if self.destroyed:
             return
@@ -553,6 +568,7 @@ class Cluster:
         for node in self.nodes:
             self.pids.update(p for p in (node.init_pid(), node.supervisor_pid(), node.daemon_pid()) if p)
             node.kill()
+        self.reports = self.sanitizer_reports()
         for ns in reversed(self.namespaces):
             _kill_netns(ns)
         if not os.environ.get("ZEM_SYSTEM_KEEP"):
