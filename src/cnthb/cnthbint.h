@@ -39,7 +39,7 @@ void cnthb_statchange();
 // holds statlock and signals the change.
 void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node);
 
-// Pauses ms milliseconds (nothing for 0 or less); a cancellation point.
+// Pauses ms milliseconds (nothing for 0 or less).
 void cnthb_sleepms(int32_t ms);
 // Switches the calling thread's cancellation; a failure is logged.
 void cnthb_cancelstate(int state);

@@ -1,5 +1,6 @@
 // Pauses, cancellation switches and the bookkeeping of the detached workers
 // that make the firmware calls, so that a hanging controller blocks only them.
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -9,6 +10,8 @@
 namespace {
 
 constexpr int32_t CNTHB_FAST_POLL_MS = 500;
+// How often a pausing poller looks for its cancellation.
+constexpr int64_t CNTHB_CANCEL_STEP_MS = 20;
 // How often a worker waiting for rwmutex looks for its cancellation.
 constexpr long CNTHB_RWWAIT_NS = 10L * 1000 * 1000;
 
@@ -62,9 +65,29 @@ void cnthb_cancelpoint()
 
 void cnthb_cancelsleep(int32_t ms)
 {
-    cnthb_cancelstate(PTHREAD_CANCEL_ENABLE);
-    cnthb_sleepms(ms);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    // The pause itself runs with cancellation off, in short steps, and the
+    // cancellation is taken between them at pthread_testcancel. Acted on
+    // inside a blocking call, it would unwind through frames of the C library
+    // and of instrumentation layers, not all of which run their own clean-up;
+    // from pthread_testcancel only the daemon's own frames unwind.
+    struct timespec until;
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += ms / 1000;
+    until.tv_nsec += static_cast<long>(ms % 1000) * 1000 * 1000;
+    if (until.tv_nsec >= 1000L * 1000 * 1000) {
+        until.tv_nsec -= 1000L * 1000 * 1000;
+        ++until.tv_sec;
+    }
+    for (;;) {
+        cnthb_cancelpoint();
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const int64_t left = (static_cast<int64_t>(until.tv_sec) - now.tv_sec) * 1000 +
+                             (until.tv_nsec - now.tv_nsec) / (1000 * 1000);
+        if (left <= 0)
+            break;
+        cnthb_sleepms(static_cast<int32_t>(std::min<int64_t>(left, CNTHB_CANCEL_STEP_MS)));
+    }
 }
 
 void cnthb_pollpause(cnthb_pollpace *pace, int32_t hbint, const char *which)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -91,12 +92,45 @@ inline bool waitfor(const std::function<bool()> &cond, int seconds = 20)
     return true;
 }
 
+// A controller call that hangs until the test lets it go. It takes a
+// cancellation only at pthread_testcancel, between short sleeps made with
+// cancellation off: a worker cancelled here unwinds through frames that all
+// run their clean-up, which a cancellation inside the sleep itself would not
+// guarantee under ThreadSanitizer.
+class Hang {
+public:
+    void wait()
+    {
+        ++entered_;
+        ++waiting_;
+        struct Leave {
+            std::atomic<int> &n;
+            ~Leave() { --n; }
+        } leave{waiting_};
+        while (!opened_) {
+            pthread_testcancel();
+            int old = 0;
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            pthread_setcancelstate(old, &old);
+        }
+    }
+    void open() { opened_ = true; }
+    int waiting() const { return waiting_; } // threads inside wait() now
+    int entered() const { return entered_; } // threads that ever entered
+
+private:
+    std::atomic<bool> opened_{false};
+    std::atomic<int> waiting_{0};
+    std::atomic<int> entered_{0};
+};
+
 // A record with the given tag and stamp, as a peer would have written it.
 inline cnthb_hbinf record(const char *tag, const char *stamp)
 {
     cnthb_hbinf rec{};
-    std::strncpy(rec.tag, tag, sizeof rec.tag);
-    std::strncpy(rec.stamp, stamp, sizeof rec.stamp);
+    std::memcpy(rec.tag, tag, strnlen(tag, sizeof rec.tag));
+    std::memcpy(rec.stamp, stamp, strnlen(stamp, sizeof rec.stamp));
     return rec;
 }
 
