@@ -161,6 +161,7 @@ def main():
         table = Table(c, t0)
         table.header()
         c.start_all()
+
         def converged():
             return not zemcluster.problems(c)
 
