@@ -9,14 +9,11 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <memory>
-#include <string>
 #include <thread>
 
 #include "cnthb/cnthb.h"
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
-#include "services/services.h"
 
 namespace cnthbtest {
 
@@ -41,73 +38,62 @@ struct CntTest : ::testing::Test {
     {
         logterm();
         hbtick_source = realclock;
-        bsigrecv = 0;
-        cnthb_bhbwrite = 0;
-        cnthb_bwatchth = 0;
-        brestart = 0;
-        cnthb_mycntno = 0;
+        bsigrecv = cnthb_bhbwrite = cnthb_bwatchth = 0;
+        brestart = thstacksz = cnthb_mycntno = 0;
         cnthb_warnrate = 80;
-        thstacksz = 0;
         cnthb_dpthwait = 20;
         cnthb_dpthretry = 100;
         cnthb_ctimedummy = 0;
     }
+    // A clean platform with node1 (pri 1) and node2 (pri 2) on the paths
+    // cnt1, cnt2, ...
+    static void cluster(int paths = 1)
+    {
+        fake::reset();
+        loginit();
+        fake::add_node("node1", 1);
+        fake::add_node("node2", 2);
+        for (int i = 1; i <= paths; ++i)
+            fake::add_rsc(HB_KIND_CNTHB, "cnt" + std::to_string(i), 10 + i);
+    }
+    // A table as the host `host` with controller number `cntno`.
+    static list_ptr load(const char *host = "node1", uint8_t cntno = 0)
+    {
+        fake::set_hostname(host);
+        cnthb_mycntno = cntno;
+        cnthb_list *list = nullptr;
+        EXPECT_EQ(cnthb_loadinfo(&list), 0);
+        return list_ptr(list);
+    }
 };
-
-// node1 (pri 1) and node2 (pri 2) on the controller paths cnt1, cnt2, ...;
-// this host is node1 unless the test says otherwise.
-inline void cluster(int paths = 1)
-{
-    fake::add_node("node1", 1);
-    fake::add_node("node2", 2);
-    for (int i = 1; i <= paths; ++i)
-        fake::add_rsc(HB_KIND_CNTHB, "cnt" + std::to_string(i), 10 + i);
-}
-
-// Builds a table as the host `host` with controller number `cntno`.
-inline list_ptr load(const char *host = "node1", uint8_t cntno = 0, int32_t expect = 0)
-{
-    fake::set_hostname(host);
-    cnthb_mycntno = cntno;
-    cnthb_list *list = nullptr;
-    EXPECT_EQ(cnthb_loadinfo(&list), expect);
-    return list_ptr(list);
-}
 
 inline bool cntlog(const std::string &text) { return fake::has_log(HB_KIND_CNTHB, text); }
 inline int cntcount(const std::string &part) { return fake::count_log(HB_KIND_CNTHB, part); }
-
 inline int32_t nodestat(cnthb_node *node) { return std::atomic_ref<int32_t>(node->stat).load(); }
-inline int32_t svstat(const char *rsc, int32_t nodeid) { return fake::svstat(HB_KIND_CNTHB, rsc, nodeid); }
+inline int32_t svstat(const char *rsc, int32_t id) { return fake::svstat(HB_KIND_CNTHB, rsc, id); }
 
-// Waits up to `seconds` for cond; true when it came.
-inline bool waitfor(const std::function<bool()> &cond, int seconds = 20)
+inline bool waitfor(const std::function<bool()> &cond)
 {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > until)
-            return false;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!cond() && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return cond();
 }
 
-// A controller call that hangs until the test lets it go. It takes a
-// cancellation only at pthread_testcancel, between short sleeps made with
-// cancellation off: a worker cancelled here unwinds through frames that all
-// run their clean-up, which a cancellation inside the sleep itself would not
-// guarantee under ThreadSanitizer.
-class Hang {
-public:
+// A controller call that hangs until opened. Cancellation is taken only at
+// pthread_testcancel: inside the sleep, ThreadSanitizer would lose track.
+struct Hang {
+    std::atomic<bool> opened{false};
+    std::atomic<int> waiting{0}, entered{0};
     void wait()
     {
-        ++entered_;
-        ++waiting_;
+        ++entered;
+        ++waiting;
         struct Leave {
             std::atomic<int> &n;
             ~Leave() { --n; }
-        } leave{waiting_};
-        while (!opened_) {
+        } leave{waiting};
+        while (!opened) {
             pthread_testcancel();
             int old = 0;
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
@@ -115,17 +101,8 @@ public:
             pthread_setcancelstate(old, &old);
         }
     }
-    void open() { opened_ = true; }
-    int waiting() const { return waiting_; } // threads inside wait() now
-    int entered() const { return entered_; } // threads that ever entered
-
-private:
-    std::atomic<bool> opened_{false};
-    std::atomic<int> waiting_{0};
-    std::atomic<int> entered_{0};
 };
 
-// A record with the given tag and stamp, as a peer would have written it.
 inline cnthb_hbinf record(const char *tag, const char *stamp)
 {
     cnthb_hbinf rec{};
