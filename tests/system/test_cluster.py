@@ -171,6 +171,8 @@ def test_orderly_stop_announces_the_down_at_once(healthy):
     assert victim.stop() == 0
     assert any(line.startswith("child ") and line.endswith("exit:0")
                for line in victim.init_status()), victim.init_status()
+    assert events(victim, "lanhb", "send downpacket : YES", t0)
+    assert events(victim, "cnthb", "write downpacket : YES", t0)
     times = offline_times(observers, victim, LAN_PATHS, t0, 5)
     times.update(offline_times([healthy[1]], victim, [CNT], t0, 5))
     print_times("orderly stop of node2 with down notification", times)
@@ -193,6 +195,8 @@ def test_orderly_stop_without_down_waits_for_the_timeout(healthy):
     observers = [healthy[1], healthy[3]]
     t0 = time.time()
     assert victim.stop() == 0
+    assert events(victim, "lanhb", "send downpacket : NO", t0)
+    assert events(victim, "cnthb", "write downpacket : NO", t0)
     times = offline_times(observers, victim, LAN_PATHS, t0, HBTO_S + 10)
     times.update(offline_times([healthy[1]], victim, [CNT], t0, HBTO_S + 10))
     print_times("orderly stop of node2 with --no-down", times)
