@@ -68,7 +68,7 @@ struct CntTest : ::testing::Test {
 };
 
 inline bool cntlog(const std::string &text) { return fake::has_log(HB_KIND_CNTHB, text); }
-inline int cntcount(const std::string &part) { return fake::count_log(HB_KIND_CNTHB, part); }
+inline int cntcount(const std::string &text) { return fake::count_log(HB_KIND_CNTHB, text); }
 inline int32_t nodestat(cnthb_node *node) { return std::atomic_ref<int32_t>(node->stat).load(); }
 inline int32_t svstat(const char *rsc, int32_t id) { return fake::svstat(HB_KIND_CNTHB, rsc, id); }
 
