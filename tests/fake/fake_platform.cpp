@@ -71,7 +71,6 @@ struct State {
     std::vector<fake::Call> calls;
     std::vector<fake::LogRecord> logs;
     std::map<std::string, Log *> handles;
-    int logterms = 0;
 };
 
 std::mutex mtx;
@@ -293,18 +292,6 @@ int32_t nonvolstat()
     return st.nonvol;
 }
 
-void set_edition(const std::string &text)
-{
-    std::lock_guard lk(mtx);
-    st.edition = text;
-}
-
-void set_version(const std::string &text)
-{
-    std::lock_guard lk(mtx);
-    st.version = text;
-}
-
 void set_action(int32_t action)
 {
     std::lock_guard lk(mtx);
@@ -321,18 +308,6 @@ int statchange_count()
 {
     std::lock_guard lk(mtx);
     return st.statchanges;
-}
-
-void set_downnotify(int32_t result)
-{
-    std::lock_guard lk(mtx);
-    st.downnotify = result;
-}
-
-void set_cntno(uint8_t cntno)
-{
-    std::lock_guard lk(mtx);
-    st.cntno = cntno;
 }
 
 std::string slot(int index)
@@ -396,16 +371,6 @@ std::vector<Call> calls()
 {
     std::lock_guard lk(mtx);
     return st.calls;
-}
-
-std::vector<Call> calls_of(const std::string &op)
-{
-    std::lock_guard lk(mtx);
-    std::vector<Call> out;
-    for (const auto &c : st.calls)
-        if (c.op == op)
-            out.push_back(c);
-    return out;
 }
 
 int count(const std::string &op)
@@ -475,12 +440,6 @@ std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log)
     if (it == st.handles.end())
         return std::nullopt;
     return std::make_pair(it->second->level, it->second->size);
-}
-
-int log_term_count()
-{
-    std::lock_guard lk(mtx);
-    return st.logterms;
 }
 
 } // namespace fake
@@ -849,7 +808,6 @@ int32_t log_write(log_hdl *handle, int32_t level, int32_t msgno, const char *fil
 int32_t log_term(log_hdl *handle)
 {
     std::lock_guard lk(mtx);
-    ++st.logterms;
     return enter("log_term", "", handle ? reinterpret_cast<Log *>(handle)->name : "(null)");
 }
 

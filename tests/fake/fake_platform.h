@@ -74,17 +74,13 @@ void set_waitstat(int32_t stat);
 int32_t nonvolstat(); // -1 until set
 
 // ---- cluster manager -------------------------------------------------------
-void set_edition(const std::string &text);
-void set_version(const std::string &text);
 void set_action(int32_t action);
 void set_ratio(int32_t ratio);
 
 // ---- semaphores --------------------------------------------------------------
 int statchange_count();
-void set_downnotify(int32_t result); // what sem_wait_downnotify returns
 
 // ---- storage -------------------------------------------------------------------
-void set_cntno(uint8_t cntno);
 // The heartbeat area: ZEMFW_HBSLOTS slots of ZEMFW_HBINF_SIZE bytes.
 std::string slot(int index);
 void set_slot(int index, const void *rec);
@@ -115,7 +111,6 @@ private:
 
 // ---- call record ----------------------------------------------------------------
 std::vector<Call> calls();
-std::vector<Call> calls_of(const std::string &op);
 int count(const std::string &op);
 void clear_calls();
 
@@ -129,6 +124,5 @@ int count_log(const std::string &log, const std::string &substring);
 std::optional<LogRecord> find_log(const std::string &log, const std::string &substring);
 // Level and size given to log_init for a log; nullopt when never opened.
 std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log);
-int log_term_count();
 
 } // namespace fake
