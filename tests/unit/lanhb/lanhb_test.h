@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,7 +15,6 @@
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
 #include "lanhb/lanhb.h"
-#include "services/services.h"
 
 namespace lanhbtest {
 
@@ -45,10 +43,9 @@ inline void cluster(const char *ip1 = "127.0.0.1", const char *ip2 = "198.18.0.2
     fake::add_node("node2", 2);
     fake::add_rsc(HB_KIND_LANHB, "lan1", 10);
     fake::set_key("/root/heartbeat/lanhb@lan1/device", "0");
-    if (ip1 != nullptr)
-        fake::set_key("/root/server@node1/device@0/info", ip1);
-    if (ip2 != nullptr)
-        fake::set_key("/root/server@node2/device@0/info", ip2);
+    for (auto [node, ip] : {std::pair{"node1", ip1}, {"node2", ip2}})
+        if (ip != nullptr)
+            fake::set_key(std::string("/root/server@") + node + "/device@0/info", ip);
 }
 
 inline list_ptr load()
@@ -103,7 +100,7 @@ inline std::string join(pthread_t th)
     return ret == PTHREAD_CANCELED ? "canceled" : static_cast<const char *>(ret);
 }
 
-template <class F> bool waitfor(F cond)
+template <class F> bool waitfor(F cond) // up to 30 seconds
 {
     for (int i = 0; i < 1500 && !cond(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));

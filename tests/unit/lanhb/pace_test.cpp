@@ -13,13 +13,13 @@ pid_t parent = 4711;
 
 struct PaceTest : LanTest {
     lanhb_pace pace;
-    void SetUp() override
+    void init(int32_t hbint)
     {
-        LanTest::SetUp();
-        slept.clear(), parent = 4711;
+        slept.clear();
+        pace = lanhb_pace{};
         pace.sleepms = [](int32_t ms) { slept.push_back(ms); };
         pace.ppid = [] { return parent; };
-        lanhb_paceinit(&pace, 3000);
+        lanhb_paceinit(&pace, hbint);
     }
     // The step that asks for the self down, or 0.
     int stepsuntildown(int limit, pid_t ppid)
@@ -32,24 +32,21 @@ struct PaceTest : LanTest {
     }
 };
 
-TEST_F(PaceTest, SelfDownLimits)
-{
-    const int32_t cases[][3] = {{3000, 18, 3}, {1000, 60, 10}, {20000, 18, 3}, {100, 600, 100}};
-    for (const auto &c : cases) {
-        lanhb_paceinit(&pace, c[0]);
-        EXPECT_EQ(std::make_pair(pace.countover1, pace.countover2), std::make_pair(c[1], c[2])) << c[0];
-    }
-}
-
 TEST_F(PaceTest, ParentGoneDuringStartUp)
 {
-    EXPECT_EQ(stepsuntildown(100, 1), 18);
-    EXPECT_EQ(slept, std::vector<int32_t>(18, 500));
+    // interval, start-up polls and interval polls without a parent
+    for (auto [hbint, over1, over2] : {std::tuple{3000, 18, 3}, {1000, 60, 10}, {20000, 18, 3}, {100, 600, 100}}) {
+        init(hbint);
+        EXPECT_EQ(std::make_pair(pace.countover1, pace.countover2), std::make_pair(over1, over2)) << hbint;
+        EXPECT_EQ(stepsuntildown(1000, 1), over1);
+        EXPECT_EQ(slept, std::vector<int32_t>(size_t(over1), 500));
+    }
     EXPECT_TRUE(lanlog("lanhb self down. countover1=18"));
 }
 
 TEST_F(PaceTest, StartUpStretchThenIntervalThenSelfDown)
 {
+    init(3000);
     EXPECT_EQ(stepsuntildown(1203, 4711), 0);
     ASSERT_EQ(slept.size(), 1203u);
     EXPECT_EQ(slept[1200], 500); // 1201 start-up polls
