@@ -1,15 +1,9 @@
 // hblog routing and text, loginit settings.
-#include <gtest/gtest.h>
+#include "frame_test.h"
 
-#include <string>
-#include <vector>
-
-#include "fake/fake_platform.h"
-#include "frame/frame.h"
+using namespace frametest;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 const char *volatile null_text = nullptr; // hidden from the compiler's null "%s" check
 
@@ -24,7 +18,6 @@ TEST_F(Hblog, OpensLogsWithTheirSettingsAndRoutesByModule)
     loginit();
     EXPECT_EQ(fake::log_settings("lanhb"), std::make_pair(8, 1000000));
     EXPECT_EQ(fake::log_settings("cnthb"), std::make_pair(4, 1000000));
-
     hblog(1, 8, "a.cpp", 11, "fa", "to lan");
     hblog(2, 2, "b.cpp", 22, "fb", "to cnt");
     hblog(3, 4, "c.cpp", 33, "fc", "to both");
@@ -37,10 +30,9 @@ TEST_F(Hblog, OpensLogsWithTheirSettingsAndRoutesByModule)
     EXPECT_EQ(all[2].log, "lanhb"); // module 3: the LAN log first
     EXPECT_EQ(std::tie(all[3].level, all[3].msgno, all[3].file, all[3].line, all[3].func),
               std::make_tuple(4, 0, std::string("c.cpp"), 33, std::string("fc")));
-}
 
-TEST_F(Hblog, WritesOnlyToOpenLogs)
-{
+    // Only to open logs: one failed to open, then none after logterm.
+    logterm(), fake::reset();
     HBLOG(3, 1, "before loginit");
     fake::fail_on("log_init", "lanhb", 1);
     loginit();

@@ -1,41 +1,24 @@
 // Time-out limits, delay warnings and the loop and operation timers.
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <climits>
-#include <string>
-#include <vector>
 
-#include "fake/fake_platform.h"
-#include "frame/frame.h"
+#include "frame_test.h"
+
+using namespace frametest;
 
 namespace {
 
-using Texts = std::vector<std::string>;
 std::atomic<hbtick_t> test_now{0};
 
-struct Delay : ::testing::Test {
+struct Delay : LogTest {
+    hbtick_t (*saved_source)() = hbtick_source;
     void SetUp() override
     {
-        tckconf = 100;
-        lanhb_warnrate = cnthb_warnrate = 80;
+        tckconf = 100, lanhb_warnrate = cnthb_warnrate = 80;
         hbtick_source = [] { return test_now.load(); };
-        loginit();
+        LogTest::SetUp();
     }
-    void TearDown() override
-    {
-        logterm();
-        hbtick_source = saved_source;
-    }
-    // Texts of the catalogued records of one log.
-    static Texts records(const char *log)
-    {
-        Texts out;
-        for (const auto &r : fake::logs_of(log))
-            if (r.level == LOG_LEVEL_CATALOG)
-                out.push_back(r.text);
-        return out;
-    }
+    void TearDown() override { LogTest::TearDown(), hbtick_source = saved_source; }
     // Records one check adds to the log of its kind.
     static size_t warned(int kind, hbtick_t elapsed, int32_t msgno, int32_t hbto = 10000)
     {
@@ -44,7 +27,6 @@ struct Delay : ::testing::Test {
         delaywarn(kind, "p1", "n2", 5000, 5000 + elapsed, hbto, msgno);
         return records(log).size() - before;
     }
-    hbtick_t (*saved_source)() = hbtick_source;
 };
 
 TEST_F(Delay, WarnsFromTheThresholdAndWritesOverTimeOnlyForOwnOperations)
@@ -61,39 +43,27 @@ TEST_F(Delay, WarnsFromTheThresholdAndWritesOverTimeOnlyForOwnOperations)
     for (const auto &c : cases)
         EXPECT_EQ(warned(c.kind, c.elapsed, c.msgno), c.written) << c.kind << "/" << c.elapsed << "/" << c.msgno;
     EXPECT_EQ(records("lanhb").front(), "delay(72) rsc=p1 node=n2 hbto=10s tck=100 elapsed=800 rate=80%");
-    const auto lan = fake::logs_of("lanhb");
-    EXPECT_EQ(lan[0].func, "delaywarn");
-    EXPECT_NE(lan[1].line, lan[2].line); // warning and over-time are separate calls
 }
 
 TEST_F(Delay, RateRatioAndSaturation)
 {
-    lanhb_warnrate = 150; // above 100: the threshold is the limit
-    EXPECT_EQ(warned(1, 999, 72), 0u);
-    EXPECT_EQ(warned(1, 1000, 72), 1u);
-    lanhb_warnrate = 0;
-    EXPECT_EQ(warned(1, 0, 72), 1u);
-    lanhb_warnrate = 80;
-    tckconf = 7; // the limit of 70 is divided by 100 first: threshold 0
-    EXPECT_EQ(warned(1, 10, 72), 1u);
-    tckconf = 100;
-
-    fake::set_ratio(2); // 500 ms counts as 1 s: limit 200, threshold 160
-    EXPECT_EQ(warned(1, 159, 72, 500), 0u);
-    EXPECT_EQ(warned(1, 160, 72, 500), 1u);
-    fake::set_ratio(-3);
-    EXPECT_EQ(warned(1, 800, 72), 1u);
-    fake::set_ratio(5);
-    fake::fail("shmcm_getratio", 6, 2); // unreadable: ratio 1
-    EXPECT_EQ(warned(1, 800, 72), 1u);
+    // rate, ticks per second, ratio (0: unreadable), time-out, elapsed, written
+    const int32_t cases[][6] = {{150, 100, 1, 10000, 999, 0}, {150, 100, 1, 10000, 1000, 1}, // rate over 100: the limit
+                                {0, 100, 1, 10000, 0, 1},     {80, 7, 1, 10000, 10, 1}, // limit 70 divided first: 0
+                                {80, 100, 2, 500, 159, 0},    {80, 100, 2, 500, 160, 1}, // 500 ms counts as 1 s
+                                {80, 100, -3, 10000, 800, 1}, {80, 100, 0, 10000, 800, 1}};
+    for (const auto &c : cases) {
+        lanhb_warnrate = c[0], tckconf = c[1];
+        c[2] != 0 ? fake::set_ratio(c[2]) : fake::fail("shmcm_getratio", 6, 2);
+        EXPECT_EQ(warned(1, hbtick_t(c[4]), 72, c[3]), size_t(c[5])) << c[0] << "/" << c[1] << "/" << c[2] << "/" << c[4];
+    }
     warned(2, 0, 75);
-    EXPECT_EQ(fake::texts("lanhb"), Texts{"shmcm_getratio() failed(ret:6)"});
-    EXPECT_EQ(fake::texts("cnthb"), Texts{"shmcm_getratio() failed(ret:6)"});
+    for (const char *log : {"lanhb", "cnthb"})
+        EXPECT_EQ(fake::texts(log), Texts{"shmcm_getratio() failed(ret:6)"});
 
     fake::set_ratio(1000);
     delaywarn(1, "p1", "n2", UINT64_MAX - 99, INT32_MAX - 100, INT32_MAX, 72); // across a counter wrap
-    EXPECT_EQ(records("lanhb").back(),
-              "delay(72) rsc=p1 node=n2 hbto=2147483647s tck=100 elapsed=2147483647 rate=80%");
+    EXPECT_EQ(records("lanhb").back(), "delay(72) rsc=p1 node=n2 hbto=2147483647s tck=100 elapsed=2147483647 rate=80%");
     tckconf = 1000;
     int32_t scaled = 0;
     EXPECT_EQ(hbtimeout_limit(INT32_MAX, 1, &scaled), static_cast<hbtick_t>(INT32_MAX));
@@ -103,8 +73,8 @@ TEST_F(Delay, RateRatioAndSaturation)
 
 TEST_F(Delay, TimersKeepTheLongestAndReportOperations)
 {
-    for (auto timer : {lanhb_thslooptime, lanhb_thrlooptime, lanhb_thwlooptime, cnthb_thmlooptime,
-                       cnthb_thrlooptime, cnthb_thwlooptime}) {
+    for (auto timer : {lanhb_thslooptime, lanhb_thrlooptime, lanhb_thwlooptime, cnthb_thmlooptime, cnthb_thrlooptime,
+                       cnthb_thwlooptime}) {
         hbtick_t max = 0;
         for (auto [start, now] : {std::pair<hbtick_t, hbtick_t>{100, 150}, {100, 120}, {UINT64_MAX - 59, 40}})
             test_now = now, timer(start, &max);

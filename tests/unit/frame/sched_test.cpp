@@ -1,45 +1,32 @@
 // setsched's keys, the stack-size key check and setstacksz.
-#include <gtest/gtest.h>
-
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
+#include "frame_test.h"
 
-#include "fake/fake_platform.h"
-#include "frame/frame.h"
+using namespace frametest;
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
-struct Sched : ::testing::Test {
+struct Sched : LogTest {
     void SetUp() override
     {
-        loginit();
+        LogTest::SetUp();
         // setsched applies the nice value to this very process: keep it.
         fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
     }
-    void TearDown() override
-    {
-        logterm();
-        bmlock = thstacksz = 0;
-        lanhb_bwatchth = 1;
-    }
+    void TearDown() override { LogTest::TearDown(), bmlock = thstacksz = 0, lanhb_bwatchth = 1; }
 };
 
 TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
 {
-    bmlock = 1;
-    lanhb_bwatchth = 0;
+    bmlock = 1, lanhb_bwatchth = 0;
     EXPECT_EQ(setsched(), 0);
-    EXPECT_EQ(bmlock, 0);
-    EXPECT_EQ(lanhb_bwatchth.load(), 1);
-    EXPECT_EQ(fake::texts("lanhb"), (Texts{"xmllib_get_value(/root/heartbeat/mlock) failed(ret:2)",
-                                           "xmllib_get_value(/root/heartbeat/sched/schedule) failed(ret:2)",
-                                           "xmllib_get_value(/root/heartbeat/sched/priority) failed(ret:2)",
-                                           "xmllib_get_value(/root/lanhb/watchth) failed(ret:2)"}));
+    EXPECT_EQ(std::make_pair(bmlock, lanhb_bwatchth.load()), std::make_pair(0, 1));
+    Texts want;
+    for (const char *key : {"heartbeat/mlock", "heartbeat/sched/schedule", "heartbeat/sched/priority", "lanhb/watchth"})
+        want.push_back(std::string("xmllib_get_value(/root/") + key + ") failed(ret:2)");
+    EXPECT_EQ(fake::texts("lanhb"), want);
     EXPECT_TRUE(fake::loaded_policies().empty());
 
     fake::set_key("/root/lanhb/watchth", "0");
@@ -47,16 +34,14 @@ TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
         fake::set_key("/root/heartbeat/mlock", text);
         bmlock = 1 - locked;
         setsched();
-        EXPECT_EQ(bmlock, locked) << '"' << text << '"';
-        EXPECT_EQ(lanhb_bwatchth.load(), 0);
+        EXPECT_EQ(std::make_pair(bmlock, lanhb_bwatchth.load()), std::make_pair(locked, 0)) << '"' << text << '"';
     }
-}
 
-TEST_F(Sched, MissingPolicyReturns9AndChangesNothing)
-{
+    // A missing policy: code 9, no key read, nothing changed.
+    fake::reset(), logterm(), loginit();
     fake::fail_on("xmllib_load_policy", "lanhb", 7);
     fake::set_key("/root/heartbeat/mlock", "yes");
-    fake::set_key("/root/lanhb/watchth", "0");
+    bmlock = 0, lanhb_bwatchth = 1;
     fake::clear_calls();
     EXPECT_EQ(setsched(), 9);
     EXPECT_EQ(fake::texts("lanhb"), Texts{"xmllib_load_policy(lanhb) failed(ret:7)"});
@@ -108,7 +93,7 @@ TEST_F(Sched, SetstackszAppliesTheSizeAndSurvivesARefusal)
     ASSERT_EQ(pthread_attr_init(&attr), 0);
     size_t dflt = 0, size = 0;
     pthread_attr_getstacksize(&attr, &dflt);
-    setstacksz(&attr);
+    setstacksz(&attr); // size 0: the default kept
     pthread_attr_getstacksize(&attr, &size);
     EXPECT_EQ(size, dflt);
     thstacksz = 262144;
