@@ -57,14 +57,4 @@ TEST_F(LoopTest, StopBeforeStartSendsNothing)
     EXPECT_TRUE(ownis(SHMNM_SVSTAT_OFFLINE));
 }
 
-TEST_F(LoopTest, PortInUseEndsReceiver)
-{
-    int fd = -1;
-    list->recvport = freeport(&fd); // and kept bound
-    EXPECT_EQ(join(start(lanhb_hbrecv, list.get())), "2");
-    close(fd);
-    EXPECT_TRUE(lanlog("bind(INET6) failed(errno:98)"));
-    EXPECT_TRUE(lanlog("<<< EXIT >>> : 0x00000007"));
-}
-
 } // namespace

@@ -1,7 +1,6 @@
 // Heartbeats and down packets into node and path states, and time-outs.
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "lanhb_test.h"
@@ -111,25 +110,18 @@ TEST_F(StatusTest, PathRule)
 
 TEST_F(StatusTest, TimeoutLimitIsExclusiveScaledByRatioAndWraps)
 {
-    const struct {
-        std::function<void()> ratio;
-        hbtick_t last, tolerated;
-    } cases[] = {
-        {[] { fake::set_ratio(1); }, 100, 9000},
-        {[] { fake::set_ratio(3); }, 100, 27000},
-        {[] { fake::set_ratio(0); }, 100, 9000},
-        {[] { fake::fail("shmcm_getratio", 8); }, 100, 9000},
-        {[] {}, ULLONG_MAX - 99, 9000}, // the counter wraps 100 ticks later
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.tolerated);
+    // ratio (-1: unreadable), last heartbeat, ticks tolerated
+    const hbtick_t cases[][3] = {{1, 100, 9000}, {3, 100, 27000}, {0, 100, 9000}, {hbtick_t(-1), 100, 9000},
+                                 {1, ULLONG_MAX - 99, 9000}}; // the counter wraps 100 ticks later
+    for (const auto &[ratio, last, tolerated] : cases) {
+        SCOPED_TRACE(tolerated);
         reload();
-        c.ratio();
-        online(peer, c.last);
-        now = c.last + c.tolerated;
+        ratio == hbtick_t(-1) ? fake::fail("shmcm_getratio", 8) : fake::set_ratio(int32_t(ratio));
+        online(peer, last);
+        now = last + tolerated;
         lanhb_hbcheck(list.get());
         EXPECT_EQ(peer->stat, SHMNM_SVSTAT_ONLINE);
-        now = c.last + c.tolerated + 1;
+        now = last + tolerated + 1;
         lanhb_hbcheck(list.get());
         EXPECT_EQ(peer->stat, SHMNM_SVSTAT_OFFLINE);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_OFFLINE);
