@@ -2,12 +2,15 @@
 //
 // Without arguments it plays the daemon under "zemctl run": it tells its
 // parent it is up (SIGUSR1), waits for SIGUSR2 and then SIGUSR1, asks the
-// platform whether down notices are wanted, and ends as HELPER_MODE says:
-// "crash" kills itself, "early" exits 12 before signalling; otherwise it
-// exits with HELPER_EXIT (default 0). Each step is printed on stdout.
+// platform twice whether down notices are wanted, and ends as HELPER_MODE
+// says: "crash" kills itself, "early" exits 12 before signalling; otherwise
+// it exits with HELPER_EXIT (default 0). Each step is printed on stdout.
 //
 // "exchange TEXT SLOT EXPECT" writes a heartbeat record with stamp TEXT into
 // this node's controller slot and waits until slot SLOT shows EXPECT.
+//
+// "wait SEEN" waits without a time limit for a state change post after the
+// count SEEN and prints the count it woke on.
 #include <signal.h>
 #include <unistd.h>
 
@@ -16,16 +19,14 @@
 #include <cstring>
 #include <ctime>
 
-#include "services/services.h"
+#include "plat.h"
 
 namespace {
 
-int fake_daemon()
+int fake_daemon(const char *mode)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    const char *mode = getenv("HELPER_MODE");
-    const char *code = getenv("HELPER_EXIT");
-    if (mode != nullptr && strcmp(mode, "early") == 0) {
+    if (strcmp(mode, "early") == 0) {
         printf("early exit\n");
         return 12;
     }
@@ -37,40 +38,33 @@ int fake_daemon()
     kill(getppid(), SIGUSR1);
     printf("up\n");
     int sig = 0;
-    sigwait(&set, &sig);
-    if (sig == SIGUSR2) {
+    for (sigwait(&set, &sig); sig == SIGUSR2; sigwait(&set, &sig)) {
         printf("usr2\n");
         sigdelset(&set, SIGUSR2);
-        sigwait(&set, &sig);
     }
     printf("usr1\n");
     int32_t r = sem_attach();
     printf("sem_attach=%d down=%d down-again=%d\n", r, sem_wait_downnotify(0), sem_wait_downnotify(0));
-    if (mode != nullptr && strcmp(mode, "crash") == 0)
+    if (strcmp(mode, "crash") == 0)
         raise(SIGKILL);
-    return code != nullptr ? atoi(code) : 0;
+    return getenv("HELPER_EXIT") != nullptr ? atoi(getenv("HELPER_EXIT")) : 0;
 }
 
 int exchange(const char *text, int slot, const char *expect)
 {
     uint8_t cntno = 0;
-    if (int32_t r = zemstorage_init(&cntno); r != 0) {
-        printf("zemstorage_init failed(ret:%d)\n", r);
-        return 2;
-    }
     char rec[ZEMFW_HBINF_SIZE] = "cnthb";
     strncpy(rec + 8, text, ZEMFW_HBINF_SIZE - 9);
-    if (int32_t r = zemfw_sethbinf(cntno, rec); r != 0) {
-        printf("zemfw_sethbinf failed(ret:%d)\n", r);
+    if (zemstorage_init(&cntno) != 0 || zemfw_sethbinf(cntno, rec) != 0) {
+        printf("cannot write slot %d\n", cntno);
         return 2;
     }
     static char area[ZEMFW_HBSLOTS * ZEMFW_HBINF_SIZE];
+    const char *got = area + slot * ZEMFW_HBINF_SIZE;
     for (int i = 0; i < 6000; i++) { // 60 s at most
-        if (zemfw_gethbinf(area) == 0 && strcmp(area + slot * ZEMFW_HBINF_SIZE, "cnthb") == 0 &&
-            strncmp(area + slot * ZEMFW_HBINF_SIZE + 8, expect, ZEMFW_HBINF_SIZE - 8) == 0) {
+        if (zemfw_gethbinf(area) == 0 && strcmp(got, "cnthb") == 0 && strncmp(got + 8, expect, ZEMFW_HBINF_SIZE - 8) == 0) {
             printf("slot %d: %s\n", slot, expect);
-            zemstorage_term();
-            return 0;
+            return zemstorage_term() == 0 ? 0 : 3;
         }
         struct timespec ts {0, 10000000};
         nanosleep(&ts, nullptr);
@@ -84,9 +78,13 @@ int exchange(const char *text, int slot, const char *expect)
 int main(int argc, char **argv)
 {
     if (argc == 1)
-        return fake_daemon();
+        return fake_daemon(getenv("HELPER_MODE") != nullptr ? getenv("HELPER_MODE") : "");
+    if (argc == 3 && strcmp(argv[1], "wait") == 0 && sem_attach() == 0) {
+        printf("woke on %u\n", plat_statchange_wait(static_cast<uint32_t>(atol(argv[2])), -1));
+        return 0;
+    }
     if (argc == 5 && strcmp(argv[1], "exchange") == 0)
         return exchange(argv[2], atoi(argv[3]), argv[4]);
-    fprintf(stderr, "usage: %s [exchange TEXT SLOT EXPECT]\n", argv[0]);
+    fprintf(stderr, "usage: %s [exchange TEXT SLOT EXPECT | wait SEEN]\n", argv[0]);
     return 2;
 }

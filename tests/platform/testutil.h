@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -25,16 +24,14 @@ namespace ptest {
 
 inline std::string slurp(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
-inline void spit(const std::string &path, const std::string &text)
+inline bool has(const std::string &text, const std::string &part)
 {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
+    return text.find(part) != std::string::npos;
 }
 
 // A fresh platform root, made the process's ZEM_ROOT for the test's length.
@@ -56,54 +53,49 @@ protected:
         std::filesystem::remove_all(root, ec);
     }
     std::string at(const std::string &rel) const { return root + "/" + rel; }
-    void put(const std::string &rel, const std::string &text) const { spit(at(rel), text); }
+    void put(const std::string &rel, const std::string &text) const
+    {
+        std::filesystem::create_directories(std::filesystem::path(at(rel)).parent_path());
+        std::ofstream(at(rel), std::ios::binary) << text;
+    }
 };
 
-// A child with stdout and stderr in one file and its own ZEM_ROOT.
-struct child {
-    pid_t pid = -1;
-    std::string out;
-};
-
-inline child spawn(const std::vector<std::string> &args, const std::string &root, const std::string &out,
-                   const std::vector<std::string> &extra_env = {})
+// A child with stdout and stderr in the file out and root as its ZEM_ROOT.
+inline pid_t spawn(std::vector<std::string> args, const std::string &root, const std::string &out,
+                   std::vector<std::string> env = {})
 {
-    std::vector<std::string> env;
     for (char **e = environ; *e != nullptr; e++)
         if (strncmp(*e, "ZEM_ROOT=", 9) != 0)
             env.emplace_back(*e);
     env.push_back("ZEM_ROOT=" + root);
-    for (const std::string &e : extra_env)
-        env.push_back(e);
     std::vector<char *> argv, envp;
-    for (const std::string &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
+    for (std::string &a : args)
+        argv.push_back(a.data());
+    for (std::string &e : env)
+        envp.push_back(e.data());
     argv.push_back(nullptr);
-    for (const std::string &e : env)
-        envp.push_back(const_cast<char *>(e.c_str()));
     envp.push_back(nullptr);
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    child c;
-    c.out = out;
-    if (posix_spawn(&c.pid, args[0].c_str(), &fa, nullptr, argv.data(), envp.data()) != 0)
-        c.pid = -1;
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), envp.data()) != 0)
+        pid = -1;
     posix_spawn_file_actions_destroy(&fa);
-    return c;
+    return pid;
 }
 
 // Exit status (128 + signal when killed), or -1 when it did not end within
-// the limit (it is then killed).
-inline int finish(const child &c, int limit_s = 60)
+// a generous limit (it is then killed).
+inline int finish(pid_t pid)
 {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     int st = 0;
-    while (waitpid(c.pid, &st, WNOHANG) == 0) {
+    while (waitpid(pid, &st, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() > end) {
-            kill(c.pid, SIGKILL);
-            waitpid(c.pid, &st, 0);
+            kill(pid, SIGKILL);
+            waitpid(pid, &st, 0);
             return -1;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -111,27 +103,13 @@ inline int finish(const child &c, int limit_s = 60)
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
-// Runs to the end and returns the exit status; the output is in *text.
-inline int run(const std::vector<std::string> &args, const std::string &root, std::string *text,
-               const std::vector<std::string> &extra_env = {})
-{
-    std::string out = root + "/.out." + std::to_string(getpid()) + "." + std::to_string(rand());
-    int rc = finish(spawn(args, root, out, extra_env));
-    if (text != nullptr)
-        *text = slurp(out);
-    unlink(out.c_str());
-    return rc;
-}
-
 // Waits (generously) until the file contains the text.
-inline bool await_text(const std::string &path, const std::string &text, int limit_s = 60)
+inline bool await_text(const std::string &path, const std::string &text)
 {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
-    while (std::chrono::steady_clock::now() < end) {
-        if (slurp(path).find(text) != std::string::npos)
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        if (has(slurp(path), text))
             return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return false;
 }
 
