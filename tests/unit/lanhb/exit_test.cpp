@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "cnthb/cnthb.h"
 #include "lanhb_test.h"
@@ -12,35 +13,28 @@ using namespace lanhbtest;
 
 namespace {
 
-struct ExitTest : LanTest {
-    list_ptr list{nullptr, lanhb_freelist};
-    uint16_t port = 0;
-};
+using ExitTest = LoopTest;
 
 TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
 {
     list = looplist(nullptr, &port);
-    const struct {
-        std::function<void()> script;
-        int32_t code, dpint, dpretry;
-        const char *message;
-    } cases[] = {
+    const std::tuple<std::function<void()>, int32_t, int32_t, int32_t, const char *> cases[] = {
         {[] { fake::set_key("/root/cluster/downpacket/interval", "500"); }, 0, 500, 5, "invalid DPRETRY(-2). set to 5."},
         {[] { fake::set_key("/root/cluster/downpacket/retry", "7"); }, 0, 0, 7,
          "xmllib_get_value(/root/cluster/downpacket/interval) failed(ret:2)"},
         {[] { fake::fail("xmllib_load_config", 3); }, 12, 123, 9, "dpint:"},
         {[] { fake::fail_on("xmllib_load_policy", "cluster", 4); }, 9, 123, 9, "xmllib_load_policy(cluster) failed(ret:4)"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.code);
+    for (const auto &[script, code, dpint, dpretry, message] : cases) {
+        SCOPED_TRACE(code);
         reload();
         fake::set_key("/root/cluster/downpacket/retry", "-2");
-        c.script();
+        script();
         list->dpint = 123, list->dpretry = 9;
-        EXPECT_EQ(lanhb_loadexit(list.get()), c.code);
-        EXPECT_EQ(std::make_pair(list->dpint, list->dpretry), std::make_pair(c.dpint, c.dpretry));
-        EXPECT_EQ(lanlog(c.message), c.code != 12);
-        EXPECT_EQ(fake::config_loaded(), c.code == 9); // left to the main line's teardown
+        EXPECT_EQ(lanhb_loadexit(list.get()), code);
+        EXPECT_EQ(std::make_pair(list->dpint, list->dpretry), std::make_pair(dpint, dpretry));
+        EXPECT_EQ(lanlog(message), code != 12);
+        EXPECT_EQ(fake::config_loaded(), code == 9); // left to the main line's teardown
         EXPECT_TRUE(fake::loaded_policies().empty());
     }
 }

@@ -85,6 +85,11 @@ inline list_ptr looplist(const char *ip2, uint16_t *port)
     return load();
 }
 
+struct LoopTest : LanTest {
+    list_ptr list{nullptr, lanhb_freelist};
+    uint16_t port = 0;
+};
+
 inline pthread_t start(void *(*entry)(void *), lanhb_list *list)
 {
     pthread_t th{};

@@ -1,6 +1,7 @@
 // Building the LAN table: corrected settings, addresses, first states in
 // fresh and resume mode, and the failures that stop loading.
 #include <functional>
+#include <tuple>
 
 #include "lanhb_test.h"
 
@@ -73,21 +74,18 @@ TEST_F(LoadTest, PathWithoutDeviceOrOwnAddress)
 
 TEST_F(LoadTest, FreshModeResetsAndResumeModeKeeps)
 {
-    // mode, own state stored, brestart: resume by action or by the wait status
-    const struct {
-        int32_t action, ownstat, restart;
-        bool resume;
-        int wakeups;
-    } cases[] = {{0, SHMNM_SVSTAT_UNUSED, 0, false, 0},
-                 {SHMCM_ACTION_RESUME_B, SHMNM_SVSTAT_UNUSED, 0, true, 1},
-                 {-1, SHMNM_SVSTAT_OFFLINE, 1, true, 0}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.action);
+    // action (-1: unreadable), own state stored, brestart, resumed, wake-ups; the
+    // UNUSED own state is corrected to OFFLINE, which a resume must announce.
+    const int32_t cases[][5] = {{0, SHMNM_SVSTAT_UNUSED, 0, 0, 0},
+                                {SHMCM_ACTION_RESUME_B, SHMNM_SVSTAT_UNUSED, 0, 1, 1},
+                                {-1, SHMNM_SVSTAT_OFFLINE, 1, 1, 0}};
+    for (const auto &[action, ownstat, restart, resume, wakeups] : cases) {
+        SCOPED_TRACE(action);
         reload();
         cluster();
-        brestart = c.restart;
-        c.action < 0 ? fake::fail("shmcm_getaction", 3) : fake::set_action(c.action);
-        fake::set_svstat(HB_KIND_LANHB, "lan1", 1, c.ownstat);
+        brestart = restart;
+        action < 0 ? fake::fail("shmcm_getaction", 3) : fake::set_action(action);
+        fake::set_svstat(HB_KIND_LANHB, "lan1", 1, ownstat);
         fake::set_svstat(HB_KIND_LANHB, "lan1", 2, SHMNM_SVSTAT_ONLINE);
         hbtick_source = fakenow;
         now = 4242;
@@ -95,22 +93,18 @@ TEST_F(LoadTest, FreshModeResetsAndResumeModeKeeps)
         ASSERT_TRUE(list);
         lanhb_node *peer = lanhb_getnode(list.get(), 0, 1);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_OFFLINE);
-        EXPECT_EQ(peer->stat, c.resume ? SHMNM_SVSTAT_ONLINE : SHMNM_SVSTAT_OFFLINE);
+        EXPECT_EQ(peer->stat, resume ? SHMNM_SVSTAT_ONLINE : SHMNM_SVSTAT_OFFLINE);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), peer->stat);
-        EXPECT_EQ(peer->lastrecv, c.resume ? 4242u : 0u);
-        EXPECT_EQ(fake::statchange_count(), c.wakeups);
-        EXPECT_EQ(lancount("change mode to resume(act:0x0200000"), c.resume ? 1 : 0);
+        EXPECT_EQ(peer->lastrecv, resume ? 4242u : 0u);
+        EXPECT_EQ(fake::statchange_count(), wakeups);
+        EXPECT_EQ(lancount("change mode to resume(act:0x0200000"), resume ? 1 : 0);
     }
     EXPECT_TRUE(lanlog("change mode to resume(act:0x02000000)"));
 }
 
 TEST_F(LoadTest, FailuresStopLoadingWithTheirCode)
 {
-    const struct {
-        std::function<void()> script;
-        int32_t code;
-        const char *message;
-    } cases[] = {
+    const std::tuple<std::function<void()>, int32_t, const char *> cases[] = {
         {[] { fake::fail_on("xmllib_load_policy", "cluster", 4); }, 9, "xmllib_load_policy(nm) failed(ret:4)"},
         {[] { fake::fail_on("xmllib_load_policy", "lanhb", 4); }, 9, "xmllib_load_policy(lanhb) failed(ret:4)"},
         {[] { fake::fail("shmnm_enumrsc", 6); }, 10, "shmnm_enumrsc() failed(ret:6)"},
@@ -119,15 +113,15 @@ TEST_F(LoadTest, FailuresStopLoadingWithTheirCode)
         {[] { fake::fail("xmllib_gethostname", 6); }, 16, "xmllib_gethostname() failed(errno:"},
         {[] { fake::set_hostname("stranger"); }, 15, "shmnm_getnodepri() failed(ret:2)"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.message);
+    for (const auto &[script, code, message] : cases) {
+        SCOPED_TRACE(message);
         reload();
         cluster();
-        c.script();
+        script();
         lanhb_list *list = nullptr;
-        EXPECT_EQ(lanhb_loadinfo(&list), c.code);
+        EXPECT_EQ(lanhb_loadinfo(&list), code);
         EXPECT_EQ(list, nullptr);
-        EXPECT_EQ(lancount(c.message), 1);
+        EXPECT_EQ(lancount(message), 1);
     }
 }
 

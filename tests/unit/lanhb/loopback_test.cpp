@@ -7,9 +7,7 @@ using namespace lanhbtest;
 
 namespace {
 
-struct LoopTest : LanTest {
-    list_ptr list{nullptr, lanhb_freelist};
-    uint16_t port = 0;
+struct ThreadTest : LoopTest {
     void SetUp() override
     {
         LanTest::SetUp();
@@ -21,7 +19,7 @@ struct LoopTest : LanTest {
     static bool ownis(int32_t stat) { return fake::svstat(HB_KIND_LANHB, "lan1", 1) == stat; }
 };
 
-TEST_F(LoopTest, OwnHeartbeatComesAndGoes)
+TEST_F(ThreadTest, OwnHeartbeatComesAndGoes)
 {
     lanhb_bhbsend = 1;
     const pthread_t recv = start(lanhb_hbrecv, list.get());
@@ -42,7 +40,7 @@ TEST_F(LoopTest, OwnHeartbeatComesAndGoes)
         EXPECT_TRUE(lanlog(std::string("lanhb_hb") + th + "() exit")) << th;
 }
 
-TEST_F(LoopTest, StopBeforeStartSendsNothing)
+TEST_F(ThreadTest, StopBeforeStartSendsNothing)
 {
     const pthread_t recv = start(lanhb_hbrecv, list.get());
     ASSERT_TRUE(recvready());

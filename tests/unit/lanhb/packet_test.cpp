@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "lanhb_test.h"
@@ -75,12 +76,8 @@ TEST_F(PacketTest, Acceptance)
     fake::set_key("/root/server@node4/device@0/info", "2001:db8::4/64");
     list_ptr list = load();
     ASSERT_TRUE(list);
-    const struct {
-        const char *tag;
-        int shorter, rscpri, nodepri;
-        const char *from;
-        bool v6, accepted;
-    } cases[] = {
+    // tag, bytes short of the length, path and node numbers, source, IPv6 mode, accepted
+    const std::tuple<const char *, int, int32_t, int32_t, const char *, bool, bool> cases[] = {
         {"lanhb", 0, 10, 2, "192.0.2.7", false, true},        {"lanhbX", 0, 10, 2, "192.0.2.7", false, true},
         {"hbdownX", 0, 10, 2, "192.0.2.7", false, true},      {"LANHB", 0, 10, 2, "192.0.2.7", false, false},
         {"hbdow", 0, 10, 2, "192.0.2.7", false, false},       {"lanhb", 1, 10, 2, "192.0.2.7", false, false},
@@ -92,23 +89,23 @@ TEST_F(PacketTest, Acceptance)
         {"lanhb", 0, 10, 1, "::ffff:127.0.0.1", true, true},
     };
     const size_t len = lanhb_pktlen(list->maxnode);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.tag) + " " + std::to_string(c.nodepri) + " " + c.from + " " + std::to_string(c.shorter));
+    for (const auto &[tag, shorter, rscpri, nodepri, from_, v6, accepted] : cases) {
+        SCOPED_TRACE(std::string(tag) + " " + std::to_string(nodepri) + " " + from_ + " " + std::to_string(shorter));
         bytes buf(len + 1);
         auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
         lanhb_pktinit(pkt, list.get(), "");
-        std::memcpy(pkt->tag, c.tag, std::strlen(c.tag));
-        pkt->rscpri = static_cast<int32_t>(htonl(c.rscpri));
-        pkt->nodepri = static_cast<int32_t>(htonl(c.nodepri));
-        const sockaddr_storage from = addr(c.from);
+        std::memcpy(pkt->tag, tag, std::strlen(tag));
+        pkt->rscpri = static_cast<int32_t>(htonl(rscpri));
+        pkt->nodepri = static_cast<int32_t>(htonl(nodepri));
+        const sockaddr_storage from = addr(from_);
         lanhb_rsc *rsc = nullptr;
         lanhb_node *node = nullptr;
-        const bool ok = lanhb_accept(list.get(), pkt, static_cast<ssize_t>(len) - c.shorter, len,
-                                     reinterpret_cast<const sockaddr *>(&from), c.v6, &rsc, &node);
-        EXPECT_EQ(ok, c.accepted);
+        const bool ok = lanhb_accept(list.get(), pkt, static_cast<ssize_t>(len) - shorter, len,
+                                     reinterpret_cast<const sockaddr *>(&from), v6, &rsc, &node);
+        EXPECT_EQ(ok, accepted);
         if (ok) {
             EXPECT_EQ(rsc, lanhb_getrsc(list.get(), 0));
-            EXPECT_EQ(node->pri, c.nodepri);
+            EXPECT_EQ(node->pri, nodepri);
             EXPECT_EQ(pkt->nodelen, 256); // converted in place
         }
     }
