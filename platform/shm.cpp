@@ -172,6 +172,83 @@ long futex(uint32_t *addr, int op, uint32_t val, const struct timespec *ts)
     return syscall(SYS_futex, addr, op, val, ts, nullptr, 0);
 }
 
+template <class T> int32_t detach(std::atomic<T *> &slot)
+{
+    slot.store(nullptr);
+    return 0;
+}
+
+// Runs f on the attached layout, or answers PLAT_ENOTREADY.
+template <class T, class F> int32_t with(std::atomic<T *> &slot, F f)
+{
+    T *m = slot.load();
+    return m == nullptr ? static_cast<int32_t>(PLAT_ENOTREADY) : f(m);
+}
+
+// Reads into *out the word that locate finds (null: no such entry).
+template <class T, class L> int32_t get_at(std::atomic<T *> &slot, int32_t *out, L locate, bool args_ok = true)
+{
+    return with(slot, [&](T *m) -> int32_t {
+        if (out == nullptr || !args_ok)
+            return PLAT_EINVAL;
+        const int32_t *w = locate(m);
+        if (w == nullptr)
+            return PLAT_ENOENT;
+        *out = ld(*w);
+        return 0;
+    });
+}
+
+template <class T, class L> int32_t set_at(std::atomic<T *> &slot, int32_t v, L locate, bool args_ok = true)
+{
+    return with(slot, [&](T *m) -> int32_t {
+        if (!args_ok)
+            return PLAT_EINVAL;
+        int32_t *w = locate(m);
+        if (w == nullptr)
+            return PLAT_ENOENT;
+        st(*w, v);
+        return 0;
+    });
+}
+
+// Locators for get_at and set_at.
+auto node_word(const char *node, int32_t nm_node::*field)
+{
+    return [=](nm_layout *m) -> int32_t * {
+        int i = find_node(m, node);
+        return i < 0 ? nullptr : &(m->node[i].*field);
+    };
+}
+auto rsc_word(const char *kind, const char *rsc, int32_t nm_rsc::*field)
+{
+    return [=](nm_layout *m) -> int32_t * {
+        const nm_rsc *r = find_rsc(m, kind, rsc);
+        return r == nullptr ? nullptr : &(const_cast<nm_rsc *>(r)->*field);
+    };
+}
+auto svstat_word(const char *kind, const char *rsc, int32_t nodeid)
+{
+    return [=](nm_layout *m) -> int32_t * {
+        const nm_rsc *r = find_rsc(m, kind, rsc);
+        int i = find_nodeid(m, nodeid);
+        return r == nullptr || i < 0 ? nullptr : &const_cast<nm_rsc *>(r)->svstat[i];
+    };
+}
+template <class T> auto word(int32_t T::*field)
+{
+    return [=](T *m) { return &(m->*field); };
+}
+
+int32_t copy_text(char *out, const char (&text)[SHMCM_TEXT_SIZE])
+{
+    if (out == nullptr)
+        return PLAT_EINVAL;
+    memcpy(out, text, SHMCM_TEXT_SIZE);
+    out[SHMCM_TEXT_SIZE - 1] = '\0';
+    return 0;
+}
+
 } // namespace
 
 int plat_kind(const char *kind)
@@ -194,205 +271,94 @@ int32_t shmnm_attach(void)
 
 int32_t shmnm_detach(void)
 {
-    g_nm.store(nullptr);
-    return 0;
+    return detach(g_nm);
 }
 
 int32_t shmnm_getwaitstat(int32_t *waitstat)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (waitstat == nullptr)
-        return PLAT_EINVAL;
-    *waitstat = ld(m->waitstat);
-    return 0;
+    return get_at(g_nm, waitstat, word(&nm_layout::waitstat));
 }
 
 int32_t shmnm_enumrsc(const char *kind, char *buf, int32_t *size)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    int k = plat_kind(kind);
-    if (k < 0)
-        return PLAT_EINVAL;
-    return enum_names(m->nrsc[k], [&](int i) { return m->rsc[k][i].name; }, buf, size);
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        int k = plat_kind(kind);
+        if (k < 0)
+            return PLAT_EINVAL;
+        return enum_names(m->nrsc[k], [&](int i) { return m->rsc[k][i].name; }, buf, size);
+    });
 }
 
 int32_t shmnm_enumnode(char *buf, int32_t *size)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    return enum_names(m->nnode, [&](int i) { return m->node[i].name; }, buf, size);
+    return with(g_nm, [&](nm_layout *m) {
+        return enum_names(m->nnode, [&](int i) { return m->node[i].name; }, buf, size);
+    });
 }
 
 int32_t shmnm_getnodepri(const char *node, int32_t *pri)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (pri == nullptr)
-        return PLAT_EINVAL;
-    int i = find_node(m, node);
-    if (i < 0)
-        return PLAT_ENOENT;
-    *pri = m->node[i].pri;
-    return 0;
+    return get_at(g_nm, pri, node_word(node, &nm_node::pri));
 }
 
 int32_t shmnm_getnodestat(const char *node, int32_t *stat)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (stat == nullptr)
-        return PLAT_EINVAL;
-    int i = find_node(m, node);
-    if (i < 0)
-        return PLAT_ENOENT;
-    *stat = ld(m->node[i].nodestat);
-    return 0;
+    return get_at(g_nm, stat, node_word(node, &nm_node::nodestat));
 }
 
 int32_t shmnm_getrscpri(const char *kind, const char *rsc, int32_t *pri)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (pri == nullptr || plat_kind(kind) < 0)
-        return PLAT_EINVAL;
-    const nm_rsc *r = find_rsc(m, kind, rsc);
-    if (r == nullptr)
-        return PLAT_ENOENT;
-    *pri = r->pri;
-    return 0;
+    return get_at(g_nm, pri, rsc_word(kind, rsc, &nm_rsc::pri), plat_kind(kind) >= 0);
 }
 
 int32_t shmnm_getrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t *stat)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (stat == nullptr || plat_kind(kind) < 0)
-        return PLAT_EINVAL;
-    const nm_rsc *r = find_rsc(m, kind, rsc);
-    int i = find_nodeid(m, nodeid);
-    if (r == nullptr || i < 0)
-        return PLAT_ENOENT;
-    *stat = ld(r->svstat[i]);
-    return 0;
+    return get_at(g_nm, stat, svstat_word(kind, rsc, nodeid), plat_kind(kind) >= 0);
 }
 
 int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t stat)
 {
-    nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (plat_kind(kind) < 0)
-        return PLAT_EINVAL;
-    nm_rsc *r = const_cast<nm_rsc *>(find_rsc(m, kind, rsc));
-    int i = find_nodeid(m, nodeid);
-    if (r == nullptr || i < 0)
-        return PLAT_ENOENT;
-    st(r->svstat[i], stat);
-    return 0;
+    return set_at(g_nm, stat, svstat_word(kind, rsc, nodeid), plat_kind(kind) >= 0);
 }
 
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 {
-    nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (plat_kind(kind) < 0)
-        return PLAT_EINVAL;
-    nm_rsc *r = const_cast<nm_rsc *>(find_rsc(m, kind, rsc));
-    if (r == nullptr)
-        return PLAT_ENOENT;
-    st(r->stat, stat);
-    return 0;
+    return set_at(g_nm, stat, rsc_word(kind, rsc, &nm_rsc::stat), plat_kind(kind) >= 0);
 }
 
 int32_t shmnm_gethdstat(const char *node, int32_t *hdstat)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (hdstat == nullptr)
-        return PLAT_EINVAL;
-    int i = find_node(m, node);
-    if (i < 0)
-        return PLAT_ENOENT;
-    *hdstat = ld(m->node[i].hdstat);
-    return 0;
+    return get_at(g_nm, hdstat, node_word(node, &nm_node::hdstat));
 }
 
 int32_t shmnm_setnonvolstat(int32_t stat)
 {
-    nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    st(m->nonvol, stat);
-    return 0;
+    return set_at(g_nm, stat, word(&nm_layout::nonvol));
 }
 
 int32_t plat_getrscstat(const char *kind, const char *rsc, int32_t *stat)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (stat == nullptr || plat_kind(kind) < 0)
-        return PLAT_EINVAL;
-    const nm_rsc *r = find_rsc(m, kind, rsc);
-    if (r == nullptr)
-        return PLAT_ENOENT;
-    *stat = ld(r->stat);
-    return 0;
+    return get_at(g_nm, stat, rsc_word(kind, rsc, &nm_rsc::stat), plat_kind(kind) >= 0);
 }
 
 int32_t plat_setwaitstat(int32_t v)
 {
-    nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    st(m->waitstat, v);
-    return 0;
+    return set_at(g_nm, v, word(&nm_layout::waitstat));
 }
 
 int32_t plat_getnonvol(int32_t *v)
 {
-    const nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (v == nullptr)
-        return PLAT_EINVAL;
-    *v = ld(m->nonvol);
-    return 0;
+    return get_at(g_nm, v, word(&nm_layout::nonvol));
 }
 
 int32_t plat_sethdstat(const char *node, int32_t v)
 {
-    nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    int i = find_node(m, node);
-    if (i < 0)
-        return PLAT_ENOENT;
-    st(m->node[i].hdstat, v);
-    return 0;
+    return set_at(g_nm, v, node_word(node, &nm_node::hdstat));
 }
 
 int32_t plat_setnodestat(const char *node, int32_t v)
 {
-    nm_layout *m = g_nm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    int i = find_node(m, node);
-    if (i < 0)
-        return PLAT_ENOENT;
-    st(m->node[i].nodestat, v);
-    return 0;
+    return set_at(g_nm, v, node_word(node, &nm_node::nodestat));
 }
 
 // ---- cluster manager ------------------------------------------------------------------
@@ -404,75 +370,41 @@ int32_t shmcm_attach(void)
 
 int32_t shmcm_detach(void)
 {
-    g_cm.store(nullptr);
-    return 0;
+    return detach(g_cm);
 }
 
 int32_t shmcm_getedition(char *edition)
 {
-    const cm_layout *m = g_cm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (edition == nullptr)
-        return PLAT_EINVAL;
-    memcpy(edition, m->edition, SHMCM_TEXT_SIZE);
-    edition[SHMCM_TEXT_SIZE - 1] = '\0';
-    return 0;
+    return with(g_cm, [&](cm_layout *m) { return copy_text(edition, m->edition); });
 }
 
 int32_t shmcm_getversion(char *version)
 {
-    const cm_layout *m = g_cm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (version == nullptr)
-        return PLAT_EINVAL;
-    memcpy(version, m->version, SHMCM_TEXT_SIZE);
-    version[SHMCM_TEXT_SIZE - 1] = '\0';
-    return 0;
+    return with(g_cm, [&](cm_layout *m) { return copy_text(version, m->version); });
 }
 
 // The action area is the caller's and is left untouched.
 int32_t shmcm_getaction(int32_t *action, void *, void *)
 {
-    const cm_layout *m = g_cm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (action == nullptr)
-        return PLAT_EINVAL;
-    *action = ld(m->action);
-    return 0;
+    return get_at(g_cm, action, word(&cm_layout::action));
 }
 
 int32_t shmcm_getratio(int32_t *ratio, int32_t *second)
 {
-    const cm_layout *m = g_cm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    if (ratio == nullptr)
-        return PLAT_EINVAL;
-    *ratio = ld(m->ratio);
-    if (second != nullptr)
+    int32_t r = get_at(g_cm, ratio, word(&cm_layout::ratio));
+    if (r == 0 && second != nullptr)
         *second = 0;
-    return 0;
+    return r;
 }
 
 int32_t plat_setaction(int32_t v)
 {
-    cm_layout *m = g_cm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    st(m->action, v);
-    return 0;
+    return set_at(g_cm, v, word(&cm_layout::action));
 }
 
 int32_t plat_setratio(int32_t v)
 {
-    cm_layout *m = g_cm.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    st(m->ratio, v);
-    return 0;
+    return set_at(g_cm, v, word(&cm_layout::ratio));
 }
 
 // ---- semaphores -------------------------------------------------------------------------
@@ -484,40 +416,29 @@ int32_t sem_attach(void)
 
 int32_t sem_detach(void)
 {
-    g_sem.store(nullptr);
-    return 0;
+    return detach(g_sem);
 }
 
 // Every post bumps the counter and wakes all waiters, so no post is lost
 // and every watching process sees it.
 int32_t sem_set_statchange(void)
 {
-    sem_layout *m = g_sem.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    std::atomic_ref<uint32_t>(m->statchange).fetch_add(1);
-    if (futex(&m->statchange, FUTEX_WAKE, INT_MAX, nullptr) < 0)
-        return PLAT_EIO;
-    return 0;
+    return with(g_sem, [](sem_layout *m) -> int32_t {
+        std::atomic_ref<uint32_t>(m->statchange).fetch_add(1);
+        return futex(&m->statchange, FUTEX_WAKE, INT_MAX, nullptr) < 0 ? PLAT_EIO : 0;
+    });
 }
 
 // Asks without waiting and consumes nothing: the answer stays 0 while the
 // down notification is set, whatever the argument.
 int32_t sem_wait_downnotify(int32_t)
 {
-    const sem_layout *m = g_sem.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    return ld(m->downnotify) != 0 ? 0 : 1;
+    return with(g_sem, [](sem_layout *m) { return ld(m->downnotify) != 0 ? 0 : 1; });
 }
 
 int32_t plat_setdownnotify(int32_t on)
 {
-    sem_layout *m = g_sem.load();
-    if (m == nullptr)
-        return PLAT_ENOTREADY;
-    st(m->downnotify, on != 0 ? 1 : 0);
-    return 0;
+    return set_at(g_sem, on != 0 ? 1 : 0, word(&sem_layout::downnotify));
 }
 
 uint32_t plat_statchange_count()
