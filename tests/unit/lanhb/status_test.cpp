@@ -114,7 +114,7 @@ TEST_F(StatusTest, TimeoutLimitIsExclusiveScaledByRatioAndWraps)
     const hbtick_t cases[][3] = {{1, 100, 9000}, {3, 100, 27000}, {0, 100, 9000}, {hbtick_t(-1), 100, 9000},
                                  {1, ULLONG_MAX - 99, 9000}}; // the counter wraps 100 ticks later
     for (const auto &[ratio, last, tolerated] : cases) {
-        SCOPED_TRACE(tolerated);
+        SCOPED_TRACE(std::to_string(ratio) + " " + std::to_string(last));
         reload();
         ratio == hbtick_t(-1) ? fake::fail("shmcm_getratio", 8) : fake::set_ratio(int32_t(ratio));
         online(peer, last);
