@@ -122,27 +122,15 @@ bool keep(int32_t configured, int32_t level)
     return level == LOG_LEVEL_CATALOG || level <= configured;
 }
 
-const char *catalog_what(int32_t msgno)
-{
-    switch (msgno) {
-    case LOG_MSG_HBGAP:
-        return "heartbeat gap";
-    case LOG_MSG_LANSEND:
-        return "LAN send";
-    case LOG_MSG_LANRECV:
-        return "LAN receive";
-    case LOG_MSG_CNTWRITE:
-        return "controller write";
-    case LOG_MSG_CNTREAD:
-        return "controller read";
-    default:
-        return nullptr;
-    }
-}
+constexpr std::pair<int32_t, const char *> catalog_whats[] = {
+    {LOG_MSG_HBGAP, "heartbeat gap"},       {LOG_MSG_LANSEND, "LAN send"},
+    {LOG_MSG_LANRECV, "LAN receive"},       {LOG_MSG_CNTWRITE, "controller write"},
+    {LOG_MSG_CNTREAD, "controller read"},
+};
 
 void catalog_text(char *buf, size_t size, int32_t msgno, va_list ap)
 {
-    const char *what = catalog_what(msgno);
+    const char *what = plat_name_of(catalog_whats, msgno);
     if (what == nullptr) {
         snprintf(buf, size, "catalogued record %d", msgno);
         return;

@@ -6,9 +6,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "services/services.h"
+
+// The name of a value in a table of (value, name) pairs; null when absent.
+template <size_t N> const char *plat_name_of(const std::pair<int32_t, const char *> (&table)[N], int32_t v)
+{
+    for (const auto &[k, name] : table)
+        if (k == v)
+            return name;
+    return nullptr;
+}
 
 // Result codes of every platform operation (0 = success).
 enum : int32_t {
@@ -52,6 +62,8 @@ struct plat_local {
 // PLAT_ENOENT never: a missing local.xml gives the defaults. Fails with a
 // message naming file, line and element when the file is broken.
 int32_t plat_load_local(plat_local &out, std::string &err);
+// The same, with the message made the last error.
+int32_t plat_load_local(plat_local &out);
 
 struct plat_node {
     std::string name;

@@ -68,12 +68,8 @@ int32_t zemstorage_init(uint8_t *cntno)
     if (cntno == nullptr)
         return PLAT_EINVAL;
     plat_local loc;
-    std::string err;
-    int32_t r = plat_load_local(loc, err);
-    if (r != 0) {
-        plat_seterror(err);
+    if (int32_t r = plat_load_local(loc); r != 0)
         return r;
-    }
     int fd = open(loc.area.c_str(), O_RDWR | O_DSYNC | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         int e = errno;

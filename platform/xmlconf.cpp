@@ -240,28 +240,28 @@ int32_t xmllib_unload_config(void)
     return 0;
 }
 
-int32_t xmllib_load_policy(const char *policy)
+// Counts a policy in (+1) or out (-1); a count never goes below zero.
+static int32_t policy_count(const char *policy, int delta)
 {
     int i = policy_index(policy);
     if (i < 0)
         return PLAT_EINVAL;
     std::unique_lock lk(cfgmx);
-    if (!cfg)
+    int &n = policyloads[static_cast<size_t>(i)];
+    if (!cfg || n + delta < 0)
         return PLAT_ENOTREADY;
-    policyloads[static_cast<size_t>(i)]++;
+    n += delta;
     return 0;
+}
+
+int32_t xmllib_load_policy(const char *policy)
+{
+    return policy_count(policy, 1);
 }
 
 int32_t xmllib_unload_policy(const char *policy)
 {
-    int i = policy_index(policy);
-    if (i < 0)
-        return PLAT_EINVAL;
-    std::unique_lock lk(cfgmx);
-    if (!cfg || policyloads[static_cast<size_t>(i)] == 0)
-        return PLAT_ENOTREADY;
-    policyloads[static_cast<size_t>(i)]--;
-    return 0;
+    return policy_count(policy, -1);
 }
 
 // Kind 1: *len must be at least 4 and becomes 4. Kind 0: *len is the
@@ -304,12 +304,8 @@ int32_t xmllib_gethostname(char *buf, int32_t size)
     if (buf == nullptr || size < 1)
         return PLAT_EINVAL;
     plat_local loc;
-    std::string err;
-    int32_t r = plat_load_local(loc, err);
-    if (r != 0) {
-        plat_seterror(err);
+    if (int32_t r = plat_load_local(loc); r != 0)
         return r;
-    }
     if (loc.hostname.size() + 1 > static_cast<size_t>(size))
         return PLAT_ESPACE;
     memcpy(buf, loc.hostname.c_str(), loc.hostname.size() + 1);
@@ -317,6 +313,15 @@ int32_t xmllib_gethostname(char *buf, int32_t size)
 }
 
 // ---- local.xml ------------------------------------------------------------------
+
+int32_t plat_load_local(plat_local &out)
+{
+    std::string err;
+    int32_t r = plat_load_local(out, err);
+    if (r != 0)
+        plat_seterror(err);
+    return r;
+}
 
 int32_t plat_load_local(plat_local &out, std::string &err)
 {
@@ -408,6 +413,19 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
     auto at = [&](const pugi::xml_node &n, const std::string &key) {
         return f.path + ":" + std::to_string(f.line(n)) + ": " + key + ": ";
     };
+    // An entry's <priority>: present, from 0 to max and not used twice.
+    auto check_pri = [&](const pugi::xml_node &n, const std::string &key, int32_t max, const std::string &range,
+                         std::set<int32_t> &used) {
+        pugi::xml_node p = n.child("priority");
+        int32_t pri = -1;
+        if (!p)
+            errors.push_back(at(n, key + "/priority") + "missing");
+        else if (!plat_parse_i32(p.child_value(), &pri) || pri < 0 || pri > max)
+            errors.push_back(at(p, key + "/priority") + range);
+        else if (!used.insert(pri).second)
+            errors.push_back(at(p, key + "/priority") + "priority " + std::to_string(pri) + " used twice");
+        return pri;
+    };
     for (const char *key : int_keys) {
         pugi::xml_node n = key_find(f.doc, key);
         int32_t v;
@@ -436,14 +454,8 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
         }
         if (!names.insert(name).second)
             errors.push_back(at(s, key) + "server defined twice");
-        pugi::xml_node p = s.child("priority");
-        int32_t pri = -1;
-        if (!p)
-            errors.push_back(at(s, key + "/priority") + "missing");
-        else if (!plat_parse_i32(p.child_value(), &pri) || pri < 0 || pri >= NM_MAXNODE)
-            errors.push_back(at(p, key + "/priority") + "not an integer from 0 to " + std::to_string(NM_MAXNODE - 1));
-        else if (!pris.insert(pri).second)
-            errors.push_back(at(p, key + "/priority") + "priority " + std::to_string(pri) + " used twice");
+        int32_t pri = check_pri(s, key, NM_MAXNODE - 1, "not an integer from 0 to " + std::to_string(NM_MAXNODE - 1),
+                                pris);
         for (pugi::xml_node d : s.children("device")) {
             std::string dkey = key + "/device@" + d.attribute("name").value();
             int32_t devid;
@@ -474,14 +486,7 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
             }
             if (!rnames.insert(name).second)
                 errors.push_back(at(rn, key) + "path defined twice");
-            pugi::xml_node p = rn.child("priority");
-            int32_t pri = -1;
-            if (!p)
-                errors.push_back(at(rn, key + "/priority") + "missing");
-            else if (!plat_parse_i32(p.child_value(), &pri) || pri < 0)
-                errors.push_back(at(p, key + "/priority") + "not an integer of 0 or above");
-            else if (!rpris.insert(pri).second)
-                errors.push_back(at(p, key + "/priority") + "priority " + std::to_string(pri) + " used twice");
+            int32_t pri = check_pri(rn, key, INT32_MAX, "not an integer of 0 or above", rpris);
             if (k == 0) {
                 pugi::xml_node d = rn.child("device");
                 int32_t devid;

@@ -25,38 +25,38 @@ namespace {
 constexpr int EXIT_USAGE = 2;
 constexpr const char *kinds[2] = {HB_KIND_LANHB, HB_KIND_CNTHB};
 
+constexpr std::pair<int32_t, const char *> svstat_names[] = {
+    {SHMNM_SVSTAT_ONLINE, "ONLINE"},
+    {SHMNM_SVSTAT_OFFLINE, "OFFLINE"},
+    {SHMNM_SVSTAT_UNKNOWN, "UNKNOWN"},
+    {SHMNM_SVSTAT_UNUSED, "UNUSED"},
+};
+constexpr std::pair<int32_t, const char *> rscstat_names[] = {
+    {SHMNM_RSCSTAT_NORMAL, "NORMAL"},   {SHMNM_RSCSTAT_CAUTION, "CAUTION"}, {SHMNM_RSCSTAT_ERROR, "ERROR"},
+    {SHMNM_RSCSTAT_UNKNOWN, "UNKNOWN"}, {SHMNM_RSCSTAT_UNUSED, "UNUSED"},
+};
+
 const char *svstat_name(int32_t s)
 {
-    switch (s) {
-    case SHMNM_SVSTAT_ONLINE:
-        return "ONLINE";
-    case SHMNM_SVSTAT_OFFLINE:
-        return "OFFLINE";
-    case SHMNM_SVSTAT_UNKNOWN:
-        return "UNKNOWN";
-    case SHMNM_SVSTAT_UNUSED:
-        return "UNUSED";
-    default:
-        return nullptr;
-    }
+    return plat_name_of(svstat_names, s);
 }
 
 const char *rscstat_name(int32_t s)
 {
-    switch (s) {
-    case SHMNM_RSCSTAT_NORMAL:
-        return "NORMAL";
-    case SHMNM_RSCSTAT_CAUTION:
-        return "CAUTION";
-    case SHMNM_RSCSTAT_ERROR:
-        return "ERROR";
-    case SHMNM_RSCSTAT_UNKNOWN:
-        return "UNKNOWN";
-    case SHMNM_RSCSTAT_UNUSED:
-        return "UNUSED";
-    default:
-        return nullptr;
-    }
+    return plat_name_of(rscstat_names, s);
+}
+
+// A path or node: its name, priority and state (by name where it has one).
+nlohmann::ordered_json entry_json(const std::string &name, int32_t pri, const char *stat_name, int32_t stat)
+{
+    nlohmann::ordered_json j;
+    j["name"] = name;
+    j["pri"] = pri;
+    if (stat_name != nullptr)
+        j["stat"] = stat_name;
+    else
+        j["stat"] = stat;
+    return j;
 }
 
 std::string stat_text(const char *name, int32_t v)
@@ -202,24 +202,10 @@ int cmd_status(bool json)
         for (int k = 0; k < 2; k++) {
             nlohmann::ordered_json paths = nlohmann::ordered_json::array();
             for (const rsc_view &r : snap[k]) {
-                nlohmann::ordered_json p;
-                p["name"] = r.name;
-                p["pri"] = r.pri;
-                if (const char *s = rscstat_name(r.stat))
-                    p["stat"] = s;
-                else
-                    p["stat"] = r.stat;
+                nlohmann::ordered_json p = entry_json(r.name, r.pri, rscstat_name(r.stat), r.stat);
                 p["nodes"] = nlohmann::ordered_json::array();
-                for (const node_view &n : r.nodes) {
-                    nlohmann::ordered_json j;
-                    j["name"] = n.name;
-                    j["pri"] = n.pri;
-                    if (const char *s = svstat_name(n.stat))
-                        j["stat"] = s;
-                    else
-                        j["stat"] = n.stat;
-                    p["nodes"].push_back(j);
-                }
+                for (const node_view &n : r.nodes)
+                    p["nodes"].push_back(entry_json(n.name, n.pri, svstat_name(n.stat), n.stat));
                 paths.push_back(p);
             }
             out[kinds[k]] = paths;
