@@ -331,13 +331,19 @@ int cmd_watch(int count, int timeout)
 
 // ---- set --------------------------------------------------------------------------
 
+bool parse_value(const char *what, const std::string &text, int32_t *v)
+{
+    if (plat_parse_i32(text.c_str(), v))
+        return true;
+    fprintf(stderr, "zemctl: set %s: \"%s\" is not a 32-bit integer\n", what, text.c_str());
+    return false;
+}
+
 int set_value(const char *what, const std::string &text, int32_t (*attach)(), int32_t (*setter)(int32_t))
 {
     int32_t v;
-    if (!plat_parse_i32(text.c_str(), &v)) {
-        fprintf(stderr, "zemctl: set %s: \"%s\" is not a 32-bit integer\n", what, text.c_str());
+    if (!parse_value(what, text, &v))
         return EXIT_USAGE;
-    }
     if (int32_t r = attach(); r != 0)
         return attach_failed("attach", r);
     if (int32_t r = setter(v); r != 0) {
@@ -352,10 +358,8 @@ int set_node_value(const char *what, const std::string &node, const std::string 
                    int32_t (*setter)(const char *, int32_t))
 {
     int32_t v;
-    if (!plat_parse_i32(text.c_str(), &v)) {
-        fprintf(stderr, "zemctl: set %s: \"%s\" is not a 32-bit integer\n", what, text.c_str());
+    if (!parse_value(what, text, &v))
         return EXIT_USAGE;
-    }
     if (int32_t r = shmnm_attach(); r != 0)
         return attach_failed("shmnm_attach()", r);
     if (int32_t r = setter(node.c_str(), v); r != 0) {
