@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "plat.h"
 
@@ -55,21 +54,17 @@ int exchange(const char *text, int slot, const char *expect)
     uint8_t cntno = 0;
     char rec[ZEMFW_HBINF_SIZE] = "cnthb";
     strncpy(rec + 8, text, ZEMFW_HBINF_SIZE - 9);
-    if (zemstorage_init(&cntno) != 0 || zemfw_sethbinf(cntno, rec) != 0) {
-        printf("cannot write slot %d\n", cntno);
+    if (zemstorage_init(&cntno) != 0 || zemfw_sethbinf(cntno, rec) != 0)
         return 2;
-    }
     static char area[ZEMFW_HBSLOTS * ZEMFW_HBINF_SIZE];
     const char *got = area + slot * ZEMFW_HBINF_SIZE;
-    for (int i = 0; i < 6000; i++) { // 60 s at most
-        if (zemfw_gethbinf(area) == 0 && strcmp(got, "cnthb") == 0 && strncmp(got + 8, expect, ZEMFW_HBINF_SIZE - 8) == 0) {
+    for (int i = 0; i < 6000; i++, usleep(10000)) { // 60 s at most
+        if (zemfw_gethbinf(area) == 0 && strcmp(got, "cnthb") == 0 &&
+            strncmp(got + 8, expect, ZEMFW_HBINF_SIZE - 8) == 0) {
             printf("slot %d: %s\n", slot, expect);
             return zemstorage_term() == 0 ? 0 : 3;
         }
-        struct timespec ts {0, 10000000};
-        nanosleep(&ts, nullptr);
     }
-    printf("slot %d never showed %s\n", slot, expect);
     return 1;
 }
 

@@ -1,6 +1,8 @@
 // The log library: record layout, level rule, catalogued records, rotation
 // and concurrent writers, on real files.
-#include <regex>
+#include <array>
+#include <cctype>
+#include <cstring>
 #include <set>
 #include <thread>
 #include <vector>
@@ -18,19 +20,27 @@ protected:
         EXPECT_EQ(log_init(name.c_str(), &h, level, size, nullptr), 0);
         return h;
     }
-    // Every line of the file, each checked to be one whole record, split as
+    // Every line of the file, each checked to be one whole record
+    // "YYYY-MM-DD HH:MM:SS.mmm LEVL TID FILE:LINE FUNC: TEXT" and split as
     // [1] level, [2] thread id, [3] file, [4] line, [5] function, [6] text.
-    std::vector<std::smatch> records(const std::string &rel, std::vector<std::string> &store)
+    std::vector<std::array<std::string, 7>> records(const std::string &rel)
     {
-        static const std::regex rec(
-            R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ([0-9a-f]{4}) (\d+) (\S+):(\d+) ([^ :]+): (.*))");
-        store.clear();
+        std::vector<std::array<std::string, 7>> out;
         std::stringstream ss(ptest::slurp(at(rel)));
-        for (std::string l; std::getline(ss, l);)
-            store.push_back(l);
-        std::vector<std::smatch> out(store.size());
-        for (size_t i = 0; i < store.size(); i++)
-            EXPECT_TRUE(std::regex_match(store[i], out[i], rec)) << store[i];
+        for (std::string l; std::getline(ss, l);) {
+            const std::string shape = "dddd-dd-dd dd:dd:dd.ddd ";
+            bool ok = l.size() > shape.size();
+            for (size_t i = 0; ok && i < shape.size(); i++)
+                ok = shape[i] == 'd' ? isdigit(static_cast<unsigned char>(l[i])) != 0 : l[i] == shape[i];
+            char level[8] = "", file[256] = "", fn[256] = "";
+            unsigned long tid = 0;
+            int line = 0, end = -1;
+            ok = ok && sscanf(l.c_str() + shape.size(), "%7[0-9a-f] %lu %255[^: ]:%d %255[^: ]:%n", level, &tid, file,
+                              &line, fn, &end) == 5;
+            size_t text = shape.size() + static_cast<size_t>(end) + 1;
+            EXPECT_TRUE(ok && strlen(level) == 4 && end > 0 && text <= l.size() && l[text - 1] == ' ') << l;
+            out.push_back({l, level, std::to_string(tid), file, std::to_string(line), fn, ok ? l.substr(text) : ""});
+        }
         return out;
     }
 };
@@ -50,11 +60,10 @@ TEST_F(Log, RecordsUpToTheLevelWithPlaceAndVerbatimText)
               int32_t{INT32_MAX}, int64_t{100}, uint64_t{800}, int32_t{80});
     EXPECT_EQ(log_term(h), 0);
     EXPECT_NE(log_write(h, 1, 0, "f", 1, "fn", "after term"), 0);
-    std::vector<std::string> s;
-    auto r = records("log/lanhb.log", s);
+    auto r = records("log/lanhb.log");
     ASSERT_EQ(r.size(), 4u);
-    EXPECT_EQ(r[0][1].str() + " " + r[1][1].str() + " " + r[2][1].str(), "0001 0004 8000");
-    EXPECT_EQ(r[0][3].str() + ":" + r[0][4].str() + " " + r[0][5].str(), "lanhb/recv.cpp:217 lanhb_hbrecv");
+    EXPECT_EQ(r[0][1] + " " + r[1][1] + " " + r[2][1], "0001 0004 8000");
+    EXPECT_EQ(r[0][3] + ":" + r[0][4] + " " + r[0][5], "lanhb/recv.cpp:217 lanhb_hbrecv");
     EXPECT_EQ(r[0][6], " *** %s/node(%s(%d)) : ONLINE *** 100%%");
     EXPECT_EQ(r[1][6], "two lines");
     EXPECT_EQ(r[2][6], "over timeout(75) controller read: rsc(cnt1) node(node1) elapsed(1001 ticks) "
@@ -83,9 +92,8 @@ TEST_F(Log, RotationKeepsThreeGenerationsOfWholeRecords)
     for (const char *g : {"log/lanhb.log.3", "log/lanhb.log.2", "log/lanhb.log.1", "log/lanhb.log"}) {
         ASSERT_TRUE(std::filesystem::exists(at(g))) << g;
         EXPECT_LE(std::filesystem::file_size(at(g)), 2000u) << g;
-        std::vector<std::string> s;
-        for (const std::smatch &m : records(g, s)) {
-            int i = std::stoi(m[6].str().substr(7));
+        for (const std::array<std::string, 7> &m : records(g)) {
+            int i = std::stoi(m[6].substr(7));
             EXPECT_TRUE(next < 0 || i == next) << g << ": " << i << " after " << next - 1;
             next = i + 1;
         }
@@ -116,11 +124,10 @@ TEST_F(Log, ConcurrentWritersNeverInterleave)
         log_term(h);
         std::set<std::string> seen;
         for (const char *suffix : {".log", ".log.1", ".log.2", ".log.3"}) {
-            std::vector<std::string> s;
-            for (const std::smatch &m : records("log/" + name + suffix, s)) {
+            for (const std::array<std::string, 7> &m : records("log/" + name + suffix)) {
                 int t = 0, i = 0;
-                ASSERT_EQ(sscanf(m[6].str().c_str(), "thread %d record %d", &t, &i), 2) << m[0];
-                EXPECT_EQ(m[6], "thread " + m[4].str() + " record " + std::to_string(i) + " " + std::string(i % 50, 'x'));
+                ASSERT_EQ(sscanf(m[6].c_str(), "thread %d record %d", &t, &i), 2) << m[0];
+                EXPECT_EQ(m[6], "thread " + m[4] + " record " + std::to_string(i) + " " + std::string(i % 50, 'x'));
                 EXPECT_TRUE(seen.insert(m[6]).second) << "duplicate " << m[0];
             }
         }

@@ -86,31 +86,32 @@ inline pid_t spawn(std::vector<std::string> args, const std::string &root, const
     return pid;
 }
 
-// Exit status (128 + signal when killed), or -1 when it did not end within
-// a generous limit (it is then killed).
-inline int finish(pid_t pid)
+// Polls until done() holds, for a generous minute at most.
+template <class F> bool eventually(F done)
 {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+    return true;
+}
+
+// Exit status (128 + signal when killed), or -1 when it did not end in time
+// (it is then killed).
+inline int finish(pid_t pid)
+{
     int st = 0;
-    while (waitpid(pid, &st, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > end) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &st, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!eventually([&] { return waitpid(pid, &st, WNOHANG) != 0; })) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &st, 0);
+        return -1;
     }
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
-// Waits (generously) until the file contains the text.
 inline bool await_text(const std::string &path, const std::string &text)
 {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-        if (has(slurp(path), text))
-            return true;
-    return false;
+    return eventually([&] { return has(slurp(path), text); });
 }
 
 } // namespace ptest
