@@ -42,19 +42,6 @@ struct cnthb_free {
 };
 using cnthb_msz = std::unique_ptr<char, cnthb_free>;
 
-// Reads an integer key of the loaded policy; the default when it fails.
-int32_t cnthb_getint(const char *key, int32_t dflt)
-{
-    int32_t value = 0;
-    int32_t len = sizeof value;
-    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &value, &len);
-    if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
-        return dflt;
-    }
-    return value;
-}
-
 int32_t cnthb_loadpolicy(const char *policy, const char *name)
 {
     const int32_t r = xmllib_load_policy(policy);
@@ -122,21 +109,21 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
 {
     if (cnthb_loadpolicy("all", "all") != 0)
         return CNTHB_LOAD_POLICY;
-    hdr->maxnode = cnthb_getint("/root/all/num/server", CNTHB_DEF_MAXNODE);
-    hdr->maxrsc = cnthb_getint("/root/all/num/hbr", CNTHB_DEF_MAXRSC);
+    hdr->maxnode = hbcfg_getint(HBLOG_CNT, "/root/all/num/server", CNTHB_DEF_MAXNODE);
+    hdr->maxrsc = hbcfg_getint(HBLOG_CNT, "/root/all/num/hbr", CNTHB_DEF_MAXRSC);
     cnthb_unloadpolicy("all", "all");
 
     if (cnthb_loadpolicy("cluster", "cluster") != 0)
         return CNTHB_LOAD_POLICY;
-    (void)cnthb_getint("/root/cluster/heartbeat/mismatch", 0); // read for its message only
+    (void)hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/mismatch", 0); // read for its message only
     hdr->mismatch = 0;
 
-    hdr->hbto = cnthb_getint("/root/cluster/heartbeat/timeout", CNTHB_DEF_HBTO);
+    hdr->hbto = hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/timeout", CNTHB_DEF_HBTO);
     if (hdr->hbto < 1) {
         HBLOG(HBLOG_CNT, 1, "invalid HBTO(%d). set to %d msec.", hdr->hbto, CNTHB_DEF_HBTO);
         hdr->hbto = CNTHB_DEF_HBTO;
     }
-    hdr->hbint = cnthb_getint("/root/cluster/heartbeat/interval", CNTHB_DEF_HBINT);
+    hdr->hbint = hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/interval", CNTHB_DEF_HBINT);
     if (hdr->hbint < 0) {
         HBLOG(HBLOG_CNT, 1, "invalid HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_DEF_HBINT);
         hdr->hbint = CNTHB_DEF_HBINT;
@@ -144,13 +131,13 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
         HBLOG(HBLOG_CNT, 1, "HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_MIN_HBINT);
         hdr->hbint = CNTHB_MIN_HBINT;
     }
-    cnthb_warnrate = cnthb_getint("/root/cluster/delaywarn/heartbeat", CNTHB_DEF_WARNRATE);
+    cnthb_warnrate = hbcfg_getint(HBLOG_CNT, "/root/cluster/delaywarn/heartbeat", CNTHB_DEF_WARNRATE);
     if (cnthb_warnrate > 100)
         cnthb_warnrate = 100;
     else if (cnthb_warnrate < 0)
         cnthb_warnrate = 0;
 
-    hdr->dpint = cnthb_getint("/root/cluster/downpacket/interval", CNTHB_DEF_DPINT);
+    hdr->dpint = hbcfg_getint(HBLOG_CNT, "/root/cluster/downpacket/interval", CNTHB_DEF_DPINT);
     if (hdr->dpint < 0) {
         HBLOG(HBLOG_CNT, 1, "invalid DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
         hdr->dpint = CNTHB_DEF_DPINT;
@@ -158,7 +145,7 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
         HBLOG(HBLOG_CNT, 8, "small DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
         hdr->dpint = CNTHB_DEF_DPINT;
     }
-    hdr->dpretry = cnthb_getint("/root/cluster/downpacket/retry", CNTHB_DEF_DPRETRY);
+    hdr->dpretry = hbcfg_getint(HBLOG_CNT, "/root/cluster/downpacket/retry", CNTHB_DEF_DPRETRY);
     if (hdr->dpretry < 0) {
         HBLOG(HBLOG_CNT, 1, "invalid DPRETRY(%d). set to %d.", hdr->dpretry, CNTHB_DEF_DPRETRY);
         hdr->dpretry = CNTHB_DEF_DPRETRY;
@@ -167,7 +154,7 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
 
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
         return CNTHB_LOAD_POLICY;
-    cnthb_bwatchth.store(cnthb_getint("/root/cnthb/watchth", 0));
+    cnthb_bwatchth.store(hbcfg_getint(HBLOG_CNT, "/root/cnthb/watchth", 0));
     loadstacksz(HBLOG_CNT, "/root/cnthb/thread/stacksize");
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
     return 0;
@@ -182,17 +169,17 @@ void cnthb_loadlate(cnthb_list *list)
     list->rwlock = 0;
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
         return;
-    cnthb_dpthwait = cnthb_getint("/root/cnthb/downpacket/wait", CNTHB_DEF_DPTHWAIT);
+    cnthb_dpthwait = hbcfg_getint(HBLOG_CNT, "/root/cnthb/downpacket/wait", CNTHB_DEF_DPTHWAIT);
     if (cnthb_dpthwait < 0) {
         HBLOG(HBLOG_CNT, 1, "invalid DPTHWAIT(%d). set to %d.", cnthb_dpthwait, CNTHB_DEF_DPTHWAIT);
         cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
     }
-    cnthb_dpthretry = cnthb_getint("/root/cnthb/downpacket/retry", CNTHB_DEF_DPTHRETRY);
+    cnthb_dpthretry = hbcfg_getint(HBLOG_CNT, "/root/cnthb/downpacket/retry", CNTHB_DEF_DPTHRETRY);
     if (cnthb_dpthretry < 0) {
         HBLOG(HBLOG_CNT, 1, "invalid DPTHRETRY(%d). set to %d.", cnthb_dpthretry, CNTHB_DEF_DPTHRETRY);
         cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
     }
-    list->rwlock = cnthb_getint("/root/cnthb/rwlock", 0);
+    list->rwlock = hbcfg_getint(HBLOG_CNT, "/root/cnthb/rwlock", 0);
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
 }
 

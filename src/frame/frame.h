@@ -100,6 +100,12 @@ int32_t setstacksz(pthread_attr_t *attr);
 // corrects it; failures are logged on the given module.
 int32_t loadstacksz(int module, const char *key);
 
+// ---- configuration ---------------------------------------------------------
+
+// Reads an integer key of the loaded policy; a failed read is logged on the
+// given module and yields dflt.
+int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
+
 // ---- signals and stop -------------------------------------------------------
 
 void usr1_recv(int sig);

@@ -15,33 +15,17 @@ constexpr int32_t HB_DEFAULT_NICE = -20;
 constexpr int32_t HB_MIN_STACKSZ = 16384;
 constexpr int HB_MLOCK_TEXT_SIZE = 16;
 
-// Reads an integer key of the loaded policy; a failed read is logged on the
-// LAN log and leaves the default in *value.
-void setsched_readint(const char *key, int32_t *value, int32_t dflt)
-{
-    int32_t len = sizeof *value;
-    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, value, &len);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
-        *value = dflt;
-    }
-}
-
 } // namespace
 
 int32_t setsched()
 {
-    int32_t nice = HB_DEFAULT_NICE;
-    int32_t schedule = 0;
-    int32_t priority = 0;
-
     int32_t r = xmllib_load_policy(HB_KIND_LANHB);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
         return 9;
     }
 
-    setsched_readint("/root/heartbeat/nice", &nice, HB_DEFAULT_NICE);
+    const int32_t nice = hbcfg_getint(HBLOG_LAN, "/root/heartbeat/nice", HB_DEFAULT_NICE);
 
     char mlock[HB_MLOCK_TEXT_SIZE] = {};
     int32_t len = sizeof mlock;
@@ -55,12 +39,10 @@ int32_t setsched()
     }
 
     // Read for completeness of the configuration; this design applies neither.
-    setsched_readint("/root/heartbeat/sched/schedule", &schedule, 0);
-    setsched_readint("/root/heartbeat/sched/priority", &priority, 0);
+    (void)hbcfg_getint(HBLOG_LAN, "/root/heartbeat/sched/schedule", 0);
+    (void)hbcfg_getint(HBLOG_LAN, "/root/heartbeat/sched/priority", 0);
 
-    int32_t watch = 1;
-    setsched_readint("/root/lanhb/watchth", &watch, 1);
-    lanhb_bwatchth.store(watch);
+    lanhb_bwatchth.store(hbcfg_getint(HBLOG_LAN, "/root/lanhb/watchth", 1));
 
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)
@@ -73,12 +55,7 @@ int32_t setsched()
 
 int32_t loadstacksz(int module, const char *key)
 {
-    int32_t len = sizeof thstacksz;
-    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &thstacksz, &len);
-    if (r != 0) {
-        HBLOG(module, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
-        thstacksz = 0;
-    }
+    thstacksz = hbcfg_getint(module, key, 0);
     if (thstacksz < 0) {
         HBLOG(module, 1, "invalid STACKSIZE(%d). set to 0.", thstacksz);
         thstacksz = 0;

@@ -9,18 +9,6 @@ namespace {
 
 constexpr int32_t DEF_DPRETRY = 5;
 
-int32_t readint(const char *key, int32_t dflt)
-{
-    int32_t v = 0;
-    int32_t len = sizeof v;
-    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &v, &len);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
-        return dflt;
-    }
-    return v;
-}
-
 // Shared by both tables: only the two given fields change, and only when the
 // configuration and its policy could be loaded.
 int32_t loadexit(bool null, int32_t *dpint, int32_t *dpretry)
@@ -36,12 +24,12 @@ int32_t loadexit(bool null, int32_t *dpint, int32_t *dpretry)
         HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(cluster) failed(ret:%d)", r);
         return 9;
     }
-    int32_t interval = readint("/root/cluster/downpacket/interval", 0);
+    int32_t interval = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
     if (interval < 0) {
         HBLOG(HBLOG_LAN, 1, "invalid DPINT(%d). set to %d msec.", interval, 0);
         interval = 0;
     }
-    int32_t retry = readint("/root/cluster/downpacket/retry", DEF_DPRETRY);
+    int32_t retry = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/retry", DEF_DPRETRY);
     if (retry < 0) {
         HBLOG(HBLOG_LAN, 1, "invalid DPRETRY(%d). set to %d.", retry, DEF_DPRETRY);
         retry = DEF_DPRETRY;

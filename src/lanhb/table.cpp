@@ -37,23 +37,9 @@ struct freer {
 };
 using msz_ptr = std::unique_ptr<char, freer>;
 
-// Reads an integer key of the loaded policy; a failed read is logged and
-// leaves the default.
-int32_t readint(const char *key, int32_t dflt)
-{
-    int32_t v = 0;
-    int32_t len = sizeof v;
-    const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &v, &len);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
-        return dflt;
-    }
-    return v;
-}
-
 int32_t readport(const char *key, int32_t dflt)
 {
-    const int32_t v = readint(key, dflt);
+    const int32_t v = hbcfg_getint(HBLOG_LAN, key, dflt);
     return v < 1 || v > 65535 ? dflt : v;
 }
 
@@ -116,8 +102,8 @@ int32_t readsettings(settings *s)
         HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(all) failed(ret:%d)", r);
         return LOAD_POLICY;
     }
-    s->maxnode = readint("/root/all/num/server", DEF_MAXNODE);
-    s->maxrsc = readint("/root/all/num/hbr", DEF_MAXRSC);
+    s->maxnode = hbcfg_getint(HBLOG_LAN, "/root/all/num/server", DEF_MAXNODE);
+    s->maxrsc = hbcfg_getint(HBLOG_LAN, "/root/all/num/hbr", DEF_MAXRSC);
     r = xmllib_unload_policy("all");
     if (r != 0)
         HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(all) failed(ret:%d)", r);
@@ -128,13 +114,13 @@ int32_t readsettings(settings *s)
         return LOAD_POLICY;
     }
     // Read only so that a broken key shows in the log; the setting is off.
-    (void)readint("/root/cluster/heartbeat/mismatch", 0);
-    s->hbto = readint("/root/cluster/heartbeat/timeout", DEF_HBTO);
+    (void)hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/mismatch", 0);
+    s->hbto = hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/timeout", DEF_HBTO);
     if (s->hbto < 1) {
         HBLOG(HBLOG_LAN, 1, "invalid HBTO(%d). set to %d msec.", s->hbto, DEF_HBTO);
         s->hbto = DEF_HBTO;
     }
-    s->hbint = readint("/root/cluster/heartbeat/interval", DEF_HBINT);
+    s->hbint = hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/interval", DEF_HBINT);
     if (s->hbint < 0) {
         HBLOG(HBLOG_LAN, 1, "invalid HBINT(%d). set to %d msec.", s->hbint, DEF_HBINT);
         s->hbint = DEF_HBINT;
@@ -144,14 +130,14 @@ int32_t readsettings(settings *s)
     }
     s->recvport = readport("/root/cluster/heartbeat/port/recv", DEF_RECVPORT);
     s->sendport = readport("/root/cluster/heartbeat/port/send", 0);
-    int32_t rate = readint("/root/cluster/delaywarn/heartbeat", DEF_WARNRATE);
+    int32_t rate = hbcfg_getint(HBLOG_LAN, "/root/cluster/delaywarn/heartbeat", DEF_WARNRATE);
     lanhb_warnrate = rate <= 0 ? 0 : rate > 100 ? 100 : rate;
-    s->dpint = readint("/root/cluster/downpacket/interval", 0);
+    s->dpint = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
     if (s->dpint < 0) {
         HBLOG(HBLOG_LAN, 1, "invalid DPINT(%d). set to %d msec.", s->dpint, 0);
         s->dpint = 0;
     }
-    s->dpretry = readint("/root/cluster/downpacket/retry", DEF_DPRETRY);
+    s->dpretry = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/retry", DEF_DPRETRY);
     if (s->dpretry < 0) {
         HBLOG(HBLOG_LAN, 1, "invalid DPRETRY(%d). set to %d.", s->dpretry, DEF_DPRETRY);
         s->dpretry = DEF_DPRETRY;
@@ -166,7 +152,7 @@ int32_t readsettings(settings *s)
         return LOAD_POLICY;
     }
     loadstacksz(HBLOG_LAN, "/root/lanhb/thread/stacksize");
-    lanhb_bsocknbio = readint("/root/lanhb/socket/nbio", 1);
+    lanhb_bsocknbio = hbcfg_getint(HBLOG_LAN, "/root/lanhb/socket/nbio", 1);
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)
         HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
@@ -214,12 +200,7 @@ int32_t fillnames(lanhb_list *list)
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
         char key[128];
         std::snprintf(key, sizeof key, "/root/heartbeat/%s@%s/device", HB_KIND_LANHB, rsc->name);
-        int32_t len = sizeof rsc->devid;
-        const int32_t rr = xmllib_get_value(key, XMLLIB_KIND_INT, &rsc->devid, &len);
-        if (rr != 0) {
-            HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, rr);
-            rsc->devid = -1;
-        }
+        rsc->devid = hbcfg_getint(HBLOG_LAN, key, -1);
     }
     return 0;
 }
