@@ -37,11 +37,6 @@ constexpr int32_t CNTHB_DEF_DPTHRETRY = 100;
 constexpr int CNTHB_FREE_WAIT_STEPS = 300;
 constexpr int32_t CNTHB_FREE_WAIT_MS = 10;
 
-struct cnthb_free {
-    void operator()(void *p) const { std::free(p); }
-};
-using cnthb_msz = std::unique_ptr<char, cnthb_free>;
-
 int32_t cnthb_loadpolicy(const char *policy, const char *name)
 {
     const int32_t r = xmllib_load_policy(policy);
@@ -57,50 +52,11 @@ void cnthb_unloadpolicy(const char *policy, const char *name)
         HBLOG(HBLOG_CNT, 1, "xmllib_unload_policy(%s) failed(ret:%d)", name, r);
 }
 
-// One of the two enumerations, in the two calls of a list of unknown length.
-// The buffer gets two spare NUL bytes, so a list the platform did not close
-// still ends. Returns 0, or the loader's code for the failure (logged).
-int32_t cnthb_enum(bool rsc, cnthb_msz &out)
+// One of the two enumerations of the controller kind.
+int32_t cnthb_enum(bool rsc, hbmsz *out)
 {
-    const char *op = rsc ? "shmnm_enumrsc" : "shmnm_enumnode";
-    const int32_t code = rsc ? CNTHB_LOAD_ENUMRSC : CNTHB_LOAD_ENUMNODE;
-    int32_t size = 0;
-    int32_t r = rsc ? shmnm_enumrsc(HB_KIND_CNTHB, nullptr, &size) : shmnm_enumnode(nullptr, &size);
-    if (r != 0 || size < 1) {
-        HBLOG(HBLOG_CNT, 1, "%s() failed(ret:%d)", op, r);
-        return code;
-    }
-    cnthb_msz buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
-    if (!buf) {
-        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", size, errno);
-        return CNTHB_LOAD_NOMEM;
-    }
-    int32_t filled = size;
-    r = rsc ? shmnm_enumrsc(HB_KIND_CNTHB, buf.get(), &filled) : shmnm_enumnode(buf.get(), &filled);
-    if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "%s() failed(ret:%d)", op, r);
-        return code;
-    }
-    buf.get()[size] = '\0';
-    buf.get()[size + 1] = '\0';
-    out = std::move(buf);
-    return 0;
-}
-
-int32_t cnthb_mszcount(const char *list)
-{
-    int32_t n = 0;
-    for (const char *p = mszfirst(list); p != nullptr; p = msznext(p))
-        ++n;
-    return n;
-}
-
-// Copies at most size - 1 characters and always terminates.
-void cnthb_copytext(char *dst, size_t size, const char *src)
-{
-    const size_t len = strnlen(src, size - 1);
-    std::memcpy(dst, src, len);
-    dst[len] = '\0';
+    return hbcfg_enum(HBLOG_CNT, HB_KIND_CNTHB, rsc, rsc ? CNTHB_LOAD_ENUMRSC : CNTHB_LOAD_ENUMNODE, CNTHB_LOAD_NOMEM,
+                      out);
 }
 
 // The key settings of the header, read under the policies "all", "cluster"
@@ -227,13 +183,13 @@ struct cnthb_listfree {
 
 int32_t cnthb_fillrsc(cnthb_list *list)
 {
-    cnthb_msz names;
-    if (int32_t r = cnthb_enum(true, names))
+    hbmsz names;
+    if (int32_t r = cnthb_enum(true, &names))
         return r;
     int32_t i = 0;
     for (const char *p = mszfirst(names.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
         cnthb_rsc *rsc = cnthb_rscat(list, i);
-        cnthb_copytext(rsc->name, sizeof rsc->name, p);
+        hbcopytext(rsc->name, sizeof rsc->name, p);
         const int32_t r = shmnm_getrscpri(HB_KIND_CNTHB, rsc->name, &rsc->pri);
         if (r != 0) {
             HBLOG(HBLOG_CNT, 1, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, r);
@@ -245,8 +201,8 @@ int32_t cnthb_fillrsc(cnthb_list *list)
 
 int32_t cnthb_fillnode(cnthb_list *list)
 {
-    cnthb_msz names;
-    if (int32_t r = cnthb_enum(false, names))
+    hbmsz names;
+    if (int32_t r = cnthb_enum(false, &names))
         return r;
     const int32_t peercntno = cnthb_mycntno == 0 ? 1 : 0;
     for (int32_t i = 0; i < list->currsc; ++i) {
@@ -255,7 +211,7 @@ int32_t cnthb_fillnode(cnthb_list *list)
         int32_t j = 0;
         for (const char *p = mszfirst(names.get()); p != nullptr && j < list->curnode; p = msznext(p), ++j) {
             cnthb_node *node = cnthb_nodeat(rsc, j);
-            cnthb_copytext(node->name, sizeof node->name, p);
+            hbcopytext(node->name, sizeof node->name, p);
             const int32_t r = shmnm_getnodepri(node->name, &node->pri);
             if (r != 0) {
                 HBLOG(HBLOG_CNT, 1, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, r);
@@ -317,12 +273,12 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     int32_t r = shmcm_getedition(edition);
     if (r != 0) {
         HBLOG(HBLOG_CNT, 2, "shmcm_getedition() failed(ret:%d)", r);
-        cnthb_copytext(edition, sizeof edition, "unknown");
+        hbcopytext(edition, sizeof edition, "unknown");
     }
     r = shmcm_getversion(version);
     if (r != 0) {
         HBLOG(HBLOG_CNT, 2, "shmcm_getversion() failed(ret:%d)", r);
-        cnthb_copytext(version, sizeof version, "unknown");
+        hbcopytext(version, sizeof version, "unknown");
     }
     edition[sizeof edition - 1] = '\0';
     version[sizeof version - 1] = '\0';
@@ -333,10 +289,10 @@ int32_t cnthb_loadinfo(cnthb_list **out)
 
     int32_t counts[2] = {};
     for (int k = 0; k < 2; ++k) {
-        cnthb_msz names;
-        if (int32_t re = cnthb_enum(k == 0, names))
+        hbmsz names;
+        if (int32_t re = cnthb_enum(k == 0, &names))
             return re;
-        counts[k] = cnthb_mszcount(names.get());
+        counts[k] = mszcount(names.get());
     }
 
     std::unique_ptr<cnthb_list, cnthb_listfree> hold(cnthb_alloclist(counts[0], counts[1]));
@@ -363,7 +319,7 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     r = xmllib_get_value("/root/cluster/name", XMLLIB_KIND_TEXT, cluster, &len);
     if (r != 0) {
         HBLOG(HBLOG_CNT, 1, "xmllib_get_value(%s) failed(ret:%d)", "/root/cluster/name", r);
-        cnthb_copytext(cluster, sizeof cluster, "unknown");
+        hbcopytext(cluster, sizeof cluster, "unknown");
     }
     cluster[sizeof cluster - 1] = '\0';
 
@@ -375,10 +331,10 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     list->hbint = keys.hbint;
     list->dpint = keys.dpint;
     list->dpretry = keys.dpretry;
-    cnthb_copytext(list->hostname, sizeof list->hostname, host);
-    cnthb_copytext(list->edition, sizeof list->edition, edition);
-    cnthb_copytext(list->version, sizeof list->version, version);
-    cnthb_copytext(list->clustername, sizeof list->clustername, cluster);
+    hbcopytext(list->hostname, sizeof list->hostname, host);
+    hbcopytext(list->edition, sizeof list->edition, edition);
+    hbcopytext(list->version, sizeof list->version, version);
+    hbcopytext(list->clustername, sizeof list->clustername, cluster);
     HBLOG(HBLOG_CNT, 8, "maxnode:%d,maxrsc:%d", list->maxnode, list->maxrsc);
     HBLOG(HBLOG_CNT, 8, "currsc:%d,curnode:%d", list->currsc, list->curnode);
     HBLOG(HBLOG_CNT, 8, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,cnthb_warnrate:%d", list->hbto, list->hbint,

@@ -1,4 +1,6 @@
 // Reading the configuration: the helpers both loaders and the frame share.
+#include <cerrno>
+
 #include "frame/frame.h"
 #include "services/services.h"
 
@@ -12,4 +14,30 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt)
         return dflt;
     }
     return value;
+}
+
+int32_t hbcfg_enum(int module, const char *kind, bool rsc, int32_t failcode, int32_t nomemcode, hbmsz *out)
+{
+    const char *op = rsc ? "shmnm_enumrsc" : "shmnm_enumnode";
+    int32_t size = 0;
+    int32_t r = rsc ? shmnm_enumrsc(kind, nullptr, &size) : shmnm_enumnode(nullptr, &size);
+    if (r != 0 || size < 1) {
+        HBLOG(module, 1, "%s() failed(ret:%d)", op, r);
+        return failcode;
+    }
+    hbmsz buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
+    if (!buf) {
+        HBLOG(module, 1, "malloc(%d) failed(errno:%d)", size, errno);
+        return nomemcode;
+    }
+    int32_t filled = size;
+    r = rsc ? shmnm_enumrsc(kind, buf.get(), &filled) : shmnm_enumnode(buf.get(), &filled);
+    if (r != 0) {
+        HBLOG(module, 1, "%s() failed(ret:%d)", op, r);
+        return failcode;
+    }
+    buf.get()[size] = '\0';
+    buf.get()[size + 1] = '\0';
+    *out = std::move(buf);
+    return 0;
 }

@@ -5,7 +5,10 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 
 // ---- process-wide state ---------------------------------------------------
 
@@ -102,9 +105,21 @@ int32_t loadstacksz(int module, const char *key);
 
 // ---- configuration ---------------------------------------------------------
 
+// Owns a block from malloc/calloc.
+struct hbfree {
+    void operator()(void *p) const { std::free(p); }
+};
+using hbmsz = std::unique_ptr<char, hbfree>;
+
 // Reads an integer key of the loaded policy; a failed read is logged on the
 // given module and yields dflt.
 int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
+
+// Fetches the path list (rsc, of the given heartbeat kind) or the node list
+// in the two calls of a list of unknown length. The buffer gets two spare
+// NULs, so a list the platform did not close still ends. Returns 0, failcode
+// when a call fails or nomemcode without memory (both logged on module).
+int32_t hbcfg_enum(int module, const char *kind, bool rsc, int32_t failcode, int32_t nomemcode, hbmsz *out);
 
 // ---- signals and stop -------------------------------------------------------
 
@@ -124,6 +139,9 @@ void hbsig_waitstop();
 
 const char *mszfirst(const char *list);
 const char *msznext(const char *cur);
+int32_t mszcount(const char *list);
+// Copies at most size - 1 characters and always terminates.
+void hbcopytext(char *dst, size_t size, const char *src);
 
 // ---- main line ----------------------------------------------------------------
 

@@ -16,3 +16,18 @@ const char *msznext(const char *cur)
     const char *next = cur + std::strlen(cur) + 1;
     return *next == '\0' ? nullptr : next;
 }
+
+int32_t mszcount(const char *list)
+{
+    int32_t n = 0;
+    for (const char *p = mszfirst(list); p != nullptr; p = msznext(p))
+        ++n;
+    return n;
+}
+
+void hbcopytext(char *dst, size_t size, const char *src)
+{
+    const size_t len = strnlen(src, size - 1);
+    std::memmove(dst, src, len);
+    dst[len] = '\0';
+}

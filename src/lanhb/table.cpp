@@ -32,56 +32,16 @@ constexpr int32_t DEF_WARNRATE = 80;
 constexpr int32_t DEF_DPRETRY = 5;
 constexpr char OWN_LOOPBACK[] = "127.0.0.1";
 
-struct freer {
-    void operator()(void *p) const { std::free(p); }
-};
-using msz_ptr = std::unique_ptr<char, freer>;
-
 int32_t readport(const char *key, int32_t dflt)
 {
     const int32_t v = hbcfg_getint(HBLOG_LAN, key, dflt);
     return v < 1 || v > 65535 ? dflt : v;
 }
 
-// Fetches the path or node list. The buffer gets two spare NULs so that a
-// list without its closing empty string cannot be walked past its end.
-int32_t enumlist(bool rsc, msz_ptr *out)
+// Fetches the path or node list of the LAN kind.
+int32_t enumlist(bool rsc, hbmsz *out)
 {
-    const int32_t failcode = rsc ? LOAD_ENUMRSC : LOAD_ENUMNODE;
-    const char *failmsg = rsc ? "shmnm_enumrsc() failed(ret:%d)" : "shmnm_enumnode() failed(ret:%d)";
-    int32_t size = 0;
-    int32_t r = rsc ? shmnm_enumrsc(HB_KIND_LANHB, nullptr, &size) : shmnm_enumnode(nullptr, &size);
-    if (r != 0 || size < 1) {
-        HBLOG(HBLOG_LAN, 1, failmsg, r);
-        return failcode;
-    }
-    msz_ptr buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
-    if (!buf) {
-        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", size, errno);
-        return LOAD_NOMEM;
-    }
-    r = rsc ? shmnm_enumrsc(HB_KIND_LANHB, buf.get(), &size) : shmnm_enumnode(buf.get(), &size);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, failmsg, r);
-        return failcode;
-    }
-    *out = std::move(buf);
-    return 0;
-}
-
-int32_t mszcount(const char *list)
-{
-    int32_t n = 0;
-    for (const char *p = mszfirst(list); p != nullptr; p = msznext(p))
-        ++n;
-    return n;
-}
-
-void copytext(char *dst, size_t size, const char *src)
-{
-    const size_t n = strnlen(src, size - 1);
-    std::memmove(dst, src, n);
-    dst[n] = '\0';
+    return hbcfg_enum(HBLOG_LAN, HB_KIND_LANHB, rsc, rsc ? LOAD_ENUMRSC : LOAD_ENUMNODE, LOAD_NOMEM, out);
 }
 
 void cutat(char *text, char sep)
@@ -162,14 +122,14 @@ int32_t readsettings(settings *s)
 // Names, priorities and device ids of paths and nodes, in enumeration order.
 int32_t fillnames(lanhb_list *list)
 {
-    msz_ptr rsclist;
+    hbmsz rsclist;
     int32_t r = enumlist(true, &rsclist);
     if (r != 0)
         return r;
     int32_t i = 0;
     for (const char *p = mszfirst(rsclist.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
-        copytext(rsc->name, sizeof rsc->name, p);
+        hbcopytext(rsc->name, sizeof rsc->name, p);
         const int32_t rr = shmnm_getrscpri(HB_KIND_LANHB, rsc->name, &rsc->pri);
         if (rr != 0) {
             HBLOG(HBLOG_LAN, 1, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, rr);
@@ -177,7 +137,7 @@ int32_t fillnames(lanhb_list *list)
         }
     }
 
-    msz_ptr nodelist;
+    hbmsz nodelist;
     r = enumlist(false, &nodelist);
     if (r != 0)
         return r;
@@ -186,7 +146,7 @@ int32_t fillnames(lanhb_list *list)
         int32_t j = 0;
         for (const char *p = mszfirst(nodelist.get()); p != nullptr && j < list->curnode; p = msznext(p), ++j) {
             lanhb_node *node = lanhb_rscnode(rsc, j);
-            copytext(node->name, sizeof node->name, p);
+            hbcopytext(node->name, sizeof node->name, p);
             const int32_t rr = shmnm_getnodepri(node->name, &node->pri);
             if (rr != 0) {
                 HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, rr);
@@ -250,14 +210,14 @@ void selectaddrs(lanhb_list *list, const char *mycntname)
             node->ip[sizeof node->ip - 1] = '\0';
             HBLOG(HBLOG_LAN, 4, "  pnode[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
             if (std::strcmp(node->name, mycntname) == 0) {
-                copytext(ownip, sizeof ownip, node->ip);
-                copytext(node->ip, sizeof node->ip, OWN_LOOPBACK);
+                hbcopytext(ownip, sizeof ownip, node->ip);
+                hbcopytext(node->ip, sizeof node->ip, OWN_LOOPBACK);
                 HBLOG(HBLOG_LAN, 8, "    ---> change ip [%s] to [%s] (MYCNT)", ownip, node->ip);
             }
             cutat(node->ip, '/');
             if (node->pri == list->ownpri) {
-                copytext(rsc->myip, sizeof rsc->myip, ownip);
-                copytext(rsc->myname, sizeof rsc->myname, node->name);
+                hbcopytext(rsc->myip, sizeof rsc->myip, ownip);
+                hbcopytext(rsc->myname, sizeof rsc->myname, node->name);
                 HBLOG(HBLOG_LAN, 8, "    ownnode=%s (pri=%d ip=%s)", node->name, node->pri, rsc->myip);
             }
             HBLOG(HBLOG_LAN, 8, "    node=(%s) ip=(%s)", node->name, node->ip);
@@ -364,13 +324,13 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     int32_t r = shmcm_getedition(edition);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 2, "shmcm_getedition() failed(ret:%d)", r);
-        copytext(edition, sizeof edition, "unknown");
+        hbcopytext(edition, sizeof edition, "unknown");
     }
     edition[sizeof edition - 1] = '\0';
     r = shmcm_getversion(version);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 2, "shmcm_getversion() failed(ret:%d)", r);
-        copytext(version, sizeof version, "unknown");
+        hbcopytext(version, sizeof version, "unknown");
     }
     version[sizeof version - 1] = '\0';
 
@@ -381,7 +341,7 @@ int32_t lanhb_loadinfo(lanhb_list **out)
 
     int32_t counts[2] = {};
     for (int k = 0; k < 2; ++k) {
-        msz_ptr names;
+        hbmsz names;
         r = enumlist(k == 0, &names);
         if (r != 0)
             return r;
