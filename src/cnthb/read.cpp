@@ -10,10 +10,6 @@
 
 namespace {
 
-struct cnthb_free {
-    void operator()(void *p) const { std::free(p); }
-};
-
 // Records the read buffer holds: every slot the storage library fills, every
 // node's slot and one per node priority up to the path's highest.
 size_t cnthb_readslots(cnthb_list *list, cnthb_rsc *rsc)
@@ -93,7 +89,7 @@ void *cnthb_readthread(void *arg)
         }
         nrec = cnthb_readslots(list, rsc);
     }
-    std::unique_ptr<cnthb_hbinf, cnthb_free> buf(static_cast<cnthb_hbinf *>(std::calloc(nrec, sizeof(cnthb_hbinf))));
+    std::unique_ptr<cnthb_hbinf, hbfree> buf(static_cast<cnthb_hbinf *>(std::calloc(nrec, sizeof(cnthb_hbinf))));
     if (!buf) {
         HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(nrec * sizeof(cnthb_hbinf)), errno);
         run.finish("read");

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstddef>
@@ -183,6 +184,19 @@ bool lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buf
 // `bindok_level` is the level of the bind-address lookup's success line.
 void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt, size_t len,
                     const char *from_port, const char *to_port, int bindok_level);
+
+// A thread's socket, closed on every way out, cancellation unwinding included.
+struct lanhb_sockfd {
+    int fd = -1;
+    lanhb_sockfd() = default;
+    lanhb_sockfd(const lanhb_sockfd &) = delete;
+    lanhb_sockfd &operator=(const lanhb_sockfd &) = delete;
+    ~lanhb_sockfd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
 
 // The sender's pacing: 1201 start-up polls of 500 ms, then polls of hbint,
 // counting polls in which the parent process has gone.

@@ -24,24 +24,11 @@ char RET_NOSOCK[] = "1";
 char RET_NOBIND[] = "2";
 char RET_NOMEM[] = "3";
 
-// Closes on every way out, cancellation unwinding included.
-struct sockfd {
-    int fd = -1;
-    ~sockfd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
-struct freer {
-    void operator()(void *p) const { std::free(p); }
-};
 
 void exitlog(long code) { HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", code); }
 
 // Opens and binds the receive socket; returns null or the exit text.
-char *opensock(const lanhb_list *list, const char *port, sockfd *s, bool *v6mode)
+char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *v6mode)
 {
     addrinfo hints{};
     hints.ai_family = AF_INET6;
@@ -148,13 +135,13 @@ char *hbrecv(lanhb_list *list)
     char port[8];
     std::snprintf(port, sizeof port, "%d", list->recvport);
 
-    sockfd s;
+    lanhb_sockfd s;
     bool v6mode = false;
     if (char *ret = opensock(list, port, &s, &v6mode))
         return ret;
 
     const size_t len = lanhb_pktlen(list->maxnode);
-    std::unique_ptr<lanhb_packet, freer> pkt(static_cast<lanhb_packet *>(std::malloc(len)));
+    std::unique_ptr<lanhb_packet, hbfree> pkt(static_cast<lanhb_packet *>(std::malloc(len)));
     if (!pkt) {
         HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
         exitlog(5);

@@ -28,20 +28,7 @@ struct addrfree {
 };
 using addr_ptr = std::unique_ptr<addrinfo, addrfree>;
 
-// Closes on every way out, cancellation unwinding included.
-struct sockfd {
-    int fd = -1;
-    ~sockfd()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
-
-struct freer {
-    void operator()(void *p) const { std::free(p); }
-};
-using pkt_ptr = std::unique_ptr<lanhb_packet, freer>;
+using pkt_ptr = std::unique_ptr<lanhb_packet, hbfree>;
 
 int lookup(const char *host, const char *service, addr_ptr *out)
 {
@@ -109,7 +96,7 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     HBLOG(HBLOG_LAN, 8, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", node->ip, rsc->name, node->name);
 
     const addrinfo *to = dst.get();
-    sockfd s;
+    lanhb_sockfd s;
     s.fd = socket(to->ai_family, to->ai_socktype, to->ai_protocol);
     if (s.fd < 0) {
         HBLOG(HBLOG_LAN, 1, "socket(family:%d) failed rsc=%s node=%s errno=%d", to->ai_family, rsc->name, node->name,
