@@ -70,12 +70,13 @@ extern const cnthb_wkind CNTHB_WK_READ;
 extern const cnthb_wkind CNTHB_WK_WRITE;
 extern const cnthb_wkind CNTHB_WK_DPWRITE;
 
-// One attribute object per path for one cycle of worker starts; null with the
-// failure logged when the memory is not there. Free with std::free.
-pthread_attr_t *cnthb_allocattrs(cnthb_list *list);
 // Starts a detached worker of the given kind on the path unless one still
 // runs there.
 void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &kind);
+// One cycle of worker starts: a worker of the given kind on every path, with
+// one attribute object per path. False (logged) when the memory for the
+// attribute objects is not there; true also for a table without paths.
+bool cnthb_startworkers(cnthb_list *list, const cnthb_wkind &kind);
 // Cancels the workers of one kind still running and marks their paths idle.
 void cnthb_cancelworkers(cnthb_list *list, bool write);
 

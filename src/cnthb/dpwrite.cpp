@@ -25,14 +25,8 @@ void *cnthb_dpwrite(void *arg)
     hbtick_t maxloop = 0;
     for (int32_t n = 0; n < list->dpretry; ++n) {
         const hbtick_t start = hbtick_now();
-        if (list->currsc > 0) {
-            pthread_attr_t *attrs = cnthb_allocattrs(list);
-            if (attrs == nullptr)
-                continue;
-            for (int32_t i = 0; i < list->currsc; ++i)
-                cnthb_startworker(cnthb_rscat(list, i), &attrs[i], CNTHB_WK_DPWRITE);
-            std::free(attrs);
-        }
+        if (!cnthb_startworkers(list, CNTHB_WK_DPWRITE))
+            continue;
         cnthb_sleepms(list->dpint);
         cnthb_thwlooptime(start, &maxloop);
     }

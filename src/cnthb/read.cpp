@@ -43,18 +43,12 @@ void *cnthb_hbread(void *arg)
     hbtick_t maxloop = 0;
     for (;;) {
         const hbtick_t start = hbtick_now();
-        if (list->currsc > 0) {
-            pthread_attr_t *attrs = cnthb_allocattrs(list);
-            if (attrs == nullptr) {
-                cnthb_cancelpoint();
-                if (bsigrecv.load() != 0)
-                    break;
-                cnthb_pollpause(&pace, list->hbint, "read1");
-                continue;
-            }
-            for (int32_t i = 0; i < list->currsc; ++i)
-                cnthb_startworker(cnthb_rscat(list, i), &attrs[i], CNTHB_WK_READ);
-            std::free(attrs);
+        if (!cnthb_startworkers(list, CNTHB_WK_READ)) {
+            cnthb_cancelpoint();
+            if (bsigrecv.load() != 0)
+                break;
+            cnthb_pollpause(&pace, list->hbint, "read1");
+            continue;
         }
         // Without a watcher the poller checks the time-outs, also while a
         // worker hangs in the controller.

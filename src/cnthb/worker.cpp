@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <ctime>
 
 #include "cnthb/cnthbint.h"
@@ -104,13 +105,19 @@ void cnthb_pollpause(cnthb_pollpace *pace, int32_t hbint, const char *which)
     cnthb_cancelsleep(hbint);
 }
 
-pthread_attr_t *cnthb_allocattrs(cnthb_list *list)
+bool cnthb_startworkers(cnthb_list *list, const cnthb_wkind &kind)
 {
+    if (list->currsc <= 0)
+        return true;
     const size_t size = static_cast<size_t>(list->currsc) * sizeof(pthread_attr_t);
-    auto *attrs = static_cast<pthread_attr_t *>(std::malloc(size));
-    if (attrs == nullptr)
+    std::unique_ptr<pthread_attr_t, hbfree> attrs(static_cast<pthread_attr_t *>(std::malloc(size)));
+    if (!attrs) {
         HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
-    return attrs;
+        return false;
+    }
+    for (int32_t i = 0; i < list->currsc; ++i)
+        cnthb_startworker(cnthb_rscat(list, i), &attrs.get()[i], kind);
+    return true;
 }
 
 void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &kind)

@@ -13,20 +13,14 @@ void cnthb_writecycles(cnthb_list *list, cnthb_pollpace *pace)
     hbtick_t maxloop = 0;
     for (;;) {
         const hbtick_t start = hbtick_now();
-        if (list->currsc > 0) {
-            pthread_attr_t *attrs = cnthb_allocattrs(list);
-            if (attrs == nullptr) {
-                cnthb_cancelpoint();
-                if (bsigrecv.load() != 0)
-                    return;
-                cnthb_cancelsleep(list->hbint);
-                if (bsigrecv.load() != 0)
-                    return;
-                continue;
-            }
-            for (int32_t i = 0; i < list->currsc; ++i)
-                cnthb_startworker(cnthb_rscat(list, i), &attrs[i], CNTHB_WK_WRITE);
-            std::free(attrs);
+        if (!cnthb_startworkers(list, CNTHB_WK_WRITE)) {
+            cnthb_cancelpoint();
+            if (bsigrecv.load() != 0)
+                return;
+            cnthb_cancelsleep(list->hbint);
+            if (bsigrecv.load() != 0)
+                return;
+            continue;
         }
         cnthb_cancelpoint();
         if (bsigrecv.load() != 0)
