@@ -13,15 +13,6 @@ int32_t cnthb_dpthretry = 100;
 
 namespace {
 
-enum : int32_t {
-    CNTHB_LOAD_NOMEM = 5,
-    CNTHB_LOAD_POLICY = 9,
-    CNTHB_LOAD_ENUMRSC = 10,
-    CNTHB_LOAD_ENUMNODE = 11,
-    CNTHB_LOAD_OWNPRI = 15,
-    CNTHB_LOAD_HOSTNAME = 16,
-};
-
 constexpr int32_t CNTHB_DEF_MAXNODE = 32;
 constexpr int32_t CNTHB_DEF_MAXRSC = 16;
 constexpr int32_t CNTHB_DEF_HBTO = 90000;
@@ -52,25 +43,18 @@ void cnthb_unloadpolicy(const char *policy, const char *name)
         HBLOG(HBLOG_CNT, 1, "xmllib_unload_policy(%s) failed(ret:%d)", name, r);
 }
 
-// One of the two enumerations of the controller kind.
-int32_t cnthb_enum(bool rsc, hbmsz *out)
-{
-    return hbcfg_enum(HBLOG_CNT, HB_KIND_CNTHB, rsc, rsc ? CNTHB_LOAD_ENUMRSC : CNTHB_LOAD_ENUMNODE, CNTHB_LOAD_NOMEM,
-                      out);
-}
-
 // The key settings of the header, read under the policies "all", "cluster"
 // and "cnthb" (first load). Returns 0 or 9.
 int32_t cnthb_loadkeys(cnthb_list *hdr)
 {
     if (cnthb_loadpolicy("all", "all") != 0)
-        return CNTHB_LOAD_POLICY;
+        return HBLOAD_POLICY;
     hdr->maxnode = hbcfg_getint(HBLOG_CNT, "/root/all/num/server", CNTHB_DEF_MAXNODE);
     hdr->maxrsc = hbcfg_getint(HBLOG_CNT, "/root/all/num/hbr", CNTHB_DEF_MAXRSC);
     cnthb_unloadpolicy("all", "all");
 
     if (cnthb_loadpolicy("cluster", "cluster") != 0)
-        return CNTHB_LOAD_POLICY;
+        return HBLOAD_POLICY;
     (void)hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/mismatch", 0); // read for its message only
     hdr->mismatch = 0;
 
@@ -109,7 +93,7 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
     cnthb_unloadpolicy("cluster", "nm");
 
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
-        return CNTHB_LOAD_POLICY;
+        return HBLOAD_POLICY;
     cnthb_bwatchth.store(hbcfg_getint(HBLOG_CNT, "/root/cnthb/watchth", 0));
     loadstacksz(HBLOG_CNT, "/root/cnthb/thread/stacksize");
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
@@ -184,7 +168,7 @@ struct cnthb_listfree {
 int32_t cnthb_fillrsc(cnthb_list *list)
 {
     hbmsz names;
-    if (int32_t r = cnthb_enum(true, &names))
+    if (int32_t r = hbcfg_enum(HBLOG_CNT, HB_KIND_CNTHB, true, &names))
         return r;
     int32_t i = 0;
     for (const char *p = mszfirst(names.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
@@ -202,7 +186,7 @@ int32_t cnthb_fillrsc(cnthb_list *list)
 int32_t cnthb_fillnode(cnthb_list *list)
 {
     hbmsz names;
-    if (int32_t r = cnthb_enum(false, &names))
+    if (int32_t r = hbcfg_enum(HBLOG_CNT, HB_KIND_CNTHB, false, &names))
         return r;
     const int32_t peercntno = cnthb_mycntno == 0 ? 1 : 0;
     for (int32_t i = 0; i < list->currsc; ++i) {
@@ -290,20 +274,20 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     int32_t counts[2] = {};
     for (int k = 0; k < 2; ++k) {
         hbmsz names;
-        if (int32_t re = cnthb_enum(k == 0, &names))
+        if (int32_t re = hbcfg_enum(HBLOG_CNT, HB_KIND_CNTHB, k == 0, &names))
             return re;
         counts[k] = mszcount(names.get());
     }
 
     std::unique_ptr<cnthb_list, cnthb_listfree> hold(cnthb_alloclist(counts[0], counts[1]));
     if (!hold)
-        return CNTHB_LOAD_NOMEM;
+        return HBLOAD_NOMEM;
     cnthb_list *list = hold.get();
 
     char host[XMLLIB_HOSTNAME_SIZE] = {};
     if (xmllib_gethostname(host, sizeof host) != 0) {
         HBLOG(HBLOG_CNT, 1, "xmllib_gethostname() failed(errno:%d)", errno);
-        return CNTHB_LOAD_HOSTNAME;
+        return HBLOAD_HOSTNAME;
     }
     host[sizeof host - 1] = '\0';
     if (char *dot = std::strchr(host, '.'))
@@ -311,7 +295,7 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     r = shmnm_getnodepri(host, &list->ownpri);
     if (r != 0) {
         HBLOG(HBLOG_CNT, 1, "shmnm_getnodepri() failed(ret:%d)", r);
-        return CNTHB_LOAD_OWNPRI;
+        return HBLOAD_OWNPRI;
     }
 
     char cluster[sizeof list->clustername] = {};

@@ -16,8 +16,9 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt)
     return value;
 }
 
-int32_t hbcfg_enum(int module, const char *kind, bool rsc, int32_t failcode, int32_t nomemcode, hbmsz *out)
+int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out)
 {
+    const int32_t failcode = rsc ? HBLOAD_ENUMRSC : HBLOAD_ENUMNODE;
     const char *op = rsc ? "shmnm_enumrsc" : "shmnm_enumnode";
     int32_t size = 0;
     int32_t r = rsc ? shmnm_enumrsc(kind, nullptr, &size) : shmnm_enumnode(nullptr, &size);
@@ -28,7 +29,7 @@ int32_t hbcfg_enum(int module, const char *kind, bool rsc, int32_t failcode, int
     hbmsz buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
     if (!buf) {
         HBLOG(module, 1, "malloc(%d) failed(errno:%d)", size, errno);
-        return nomemcode;
+        return HBLOAD_NOMEM;
     }
     int32_t filled = size;
     r = rsc ? shmnm_enumrsc(kind, buf.get(), &filled) : shmnm_enumnode(buf.get(), &filled);

@@ -111,15 +111,26 @@ struct hbfree {
 };
 using hbmsz = std::unique_ptr<char, hbfree>;
 
+// What the two table loaders return when they fail.
+enum : int32_t {
+    HBLOAD_NOMEM = 5,
+    HBLOAD_POLICY = 9,
+    HBLOAD_ENUMRSC = 10,
+    HBLOAD_ENUMNODE = 11,
+    HBLOAD_OWNPRI = 15,
+    HBLOAD_HOSTNAME = 16,
+};
+
 // Reads an integer key of the loaded policy; a failed read is logged on the
 // given module and yields dflt.
 int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
 
 // Fetches the path list (rsc, of the given heartbeat kind) or the node list
 // in the two calls of a list of unknown length. The buffer gets two spare
-// NULs, so a list the platform did not close still ends. Returns 0, failcode
-// when a call fails or nomemcode without memory (both logged on module).
-int32_t hbcfg_enum(int module, const char *kind, bool rsc, int32_t failcode, int32_t nomemcode, hbmsz *out);
+// NULs, so a list the platform did not close still ends. Returns 0,
+// HBLOAD_ENUMRSC or HBLOAD_ENUMNODE when a call fails, or HBLOAD_NOMEM
+// (failures logged on module).
+int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out);
 
 // ---- signals and stop -------------------------------------------------------
 

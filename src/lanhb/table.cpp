@@ -13,15 +13,6 @@ int32_t lanhb_bsocknbio = 1;
 
 namespace {
 
-enum : int32_t {
-    LOAD_NOMEM = 5,
-    LOAD_POLICY = 9,
-    LOAD_ENUMRSC = 10,
-    LOAD_ENUMNODE = 11,
-    LOAD_OWNPRI = 15,
-    LOAD_HOSTNAME = 16,
-};
-
 constexpr int32_t DEF_MAXNODE = 32;
 constexpr int32_t DEF_MAXRSC = 128;
 constexpr int32_t DEF_HBTO = 90000;
@@ -36,12 +27,6 @@ int32_t readport(const char *key, int32_t dflt)
 {
     const int32_t v = hbcfg_getint(HBLOG_LAN, key, dflt);
     return v < 1 || v > 65535 ? dflt : v;
-}
-
-// Fetches the path or node list of the LAN kind.
-int32_t enumlist(bool rsc, hbmsz *out)
-{
-    return hbcfg_enum(HBLOG_LAN, HB_KIND_LANHB, rsc, rsc ? LOAD_ENUMRSC : LOAD_ENUMNODE, LOAD_NOMEM, out);
 }
 
 void cutat(char *text, char sep)
@@ -60,7 +45,7 @@ int32_t readsettings(settings *s)
     int32_t r = xmllib_load_policy("all");
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(all) failed(ret:%d)", r);
-        return LOAD_POLICY;
+        return HBLOAD_POLICY;
     }
     s->maxnode = hbcfg_getint(HBLOG_LAN, "/root/all/num/server", DEF_MAXNODE);
     s->maxrsc = hbcfg_getint(HBLOG_LAN, "/root/all/num/hbr", DEF_MAXRSC);
@@ -71,7 +56,7 @@ int32_t readsettings(settings *s)
     r = xmllib_load_policy("cluster");
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(nm) failed(ret:%d)", r);
-        return LOAD_POLICY;
+        return HBLOAD_POLICY;
     }
     // Read only so that a broken key shows in the log; the setting is off.
     (void)hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/mismatch", 0);
@@ -109,7 +94,7 @@ int32_t readsettings(settings *s)
     r = xmllib_load_policy(HB_KIND_LANHB);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
-        return LOAD_POLICY;
+        return HBLOAD_POLICY;
     }
     loadstacksz(HBLOG_LAN, "/root/lanhb/thread/stacksize");
     lanhb_bsocknbio = hbcfg_getint(HBLOG_LAN, "/root/lanhb/socket/nbio", 1);
@@ -123,7 +108,7 @@ int32_t readsettings(settings *s)
 int32_t fillnames(lanhb_list *list)
 {
     hbmsz rsclist;
-    int32_t r = enumlist(true, &rsclist);
+    int32_t r = hbcfg_enum(HBLOG_LAN, HB_KIND_LANHB, true, &rsclist);
     if (r != 0)
         return r;
     int32_t i = 0;
@@ -138,7 +123,7 @@ int32_t fillnames(lanhb_list *list)
     }
 
     hbmsz nodelist;
-    r = enumlist(false, &nodelist);
+    r = hbcfg_enum(HBLOG_LAN, HB_KIND_LANHB, false, &nodelist);
     if (r != 0)
         return r;
     for (i = 0; i < list->currsc; ++i) {
@@ -342,7 +327,7 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     int32_t counts[2] = {};
     for (int k = 0; k < 2; ++k) {
         hbmsz names;
-        r = enumlist(k == 0, &names);
+        r = hbcfg_enum(HBLOG_LAN, HB_KIND_LANHB, k == 0, &names);
         if (r != 0)
             return r;
         counts[k] = mszcount(names.get());
@@ -355,12 +340,12 @@ int32_t lanhb_loadinfo(lanhb_list **out)
                                                              [](lanhb_list *l) { std::free(l); });
     if (!list) {
         HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
-        return LOAD_NOMEM;
+        return HBLOAD_NOMEM;
     }
     r = xmllib_gethostname(hostname, XMLLIB_HOSTNAME_SIZE);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "xmllib_gethostname() failed(errno:%d)", errno);
-        return LOAD_HOSTNAME;
+        return HBLOAD_HOSTNAME;
     }
     hostname[sizeof hostname - 1] = '\0';
     cutat(hostname, '.');
@@ -368,7 +353,7 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     r = shmnm_getnodepri(hostname, &ownpri);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri() failed(ret:%d)", r);
-        return LOAD_OWNPRI;
+        return HBLOAD_OWNPRI;
     }
 
     lanhb_list *l = list.get();
@@ -405,7 +390,7 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     r = xmllib_gethostname(mycntname, XMLLIB_HOSTNAME_SIZE);
     if (r != 0) {
         HBLOG(HBLOG_LAN, 1, "xmllib_gethostname failed(%#x).", static_cast<unsigned>(r));
-        return LOAD_ENUMNODE;
+        return HBLOAD_ENUMNODE;
     }
     mycntname[sizeof mycntname - 1] = '\0';
     HBLOG(HBLOG_LAN, 8, "### mycntname=%s ###", mycntname);
