@@ -29,15 +29,7 @@ SLACK = 0.1
 
 @pytest.fixture(scope="module")
 def cluster(tools):
-    c = zemcluster.Cluster(3, tag="main", hbint=int(HBINT * 1000), hbto=HBTO_S * 1000)
-    try:
-        c.setup()
-        c.start_all()
-        yield c
-    finally:
-        c.destroy()
-    assert not c.remains(), f"left behind: {c.remains()}"
-    assert not c.reports, "\n".join(c.reports)
+    yield from zemcluster.started(3, tag="main", hbint=int(HBINT * 1000), hbto=HBTO_S * 1000)
 
 
 @pytest.fixture

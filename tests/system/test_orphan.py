@@ -21,15 +21,7 @@ SLACK = 0.1
 
 @pytest.fixture(scope="module")
 def slow(tools):
-    c = zemcluster.Cluster(2, tag="orph", hbint=3000, hbto=10000)
-    try:
-        c.setup()
-        c.start_all()
-        yield c
-    finally:
-        c.destroy()
-    assert not c.remains(), f"left behind: {c.remains()}"
-    assert not c.reports, "\n".join(c.reports)
+    yield from zemcluster.started(2, tag="orph", hbint=3000, hbto=10000)
 
 
 def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):

@@ -583,6 +583,23 @@ class Cluster:
 LOG_TIME_RE = re.compile(r"^(\d{4}-\d{2}-\d{2}[ T]\d{2}:\d{2}:\d{2}\.\d{3})")
 
 
+def started(n, **kwargs):
+    """Yields a set-up and started cluster of n nodes, destroys it afterwards,
+    and fails when anything it made was left behind or one of its processes
+    printed a sanitizer report."""
+    c = Cluster(n, **kwargs)
+    try:
+        c.setup()
+        c.start_all()
+        yield c
+    finally:
+        c.destroy()
+    if c.remains():
+        raise HarnessError(f"left behind: {c.remains()}")
+    if c.reports:
+        raise HarnessError("\n".join(c.reports))
+
+
 def log_time(line):
     """Wall-clock time (seconds since the epoch) of one log record, or None."""
     m = LOG_TIME_RE.match(line)
