@@ -39,6 +39,30 @@ void cnthb_statchange();
 // holds statlock and signals the change.
 void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node);
 
+// One pass under statlock over every ONLINE node of every path: takes
+// offline those for which gone(rsc, node) holds, and signals once when any
+// changed. A record evaluated in between can therefore not be overwritten
+// by a decision taken on older data.
+template <class Gone> void cnthb_offlinepass(cnthb_list *list, Gone gone)
+{
+    bool changed = false;
+    {
+        cnthb_statguard hold(list);
+        for (int32_t i = 0; i < list->currsc; ++i) {
+            cnthb_rsc *rsc = cnthb_rscat(list, i);
+            for (int32_t j = 0; j < list->curnode; ++j) {
+                cnthb_node *node = cnthb_nodeat(rsc, j);
+                if (cnthb_get(node->stat) == SHMNM_SVSTAT_ONLINE && gone(rsc, node)) {
+                    cnthb_takeoffline(list, rsc, node);
+                    changed = true;
+                }
+            }
+        }
+    }
+    if (changed)
+        cnthb_statchange();
+}
+
 // Pauses ms milliseconds (nothing for 0 or less).
 void cnthb_sleepms(int32_t ms);
 // Switches the calling thread's cancellation; a failure is logged.

@@ -158,22 +158,9 @@ int32_t cnthb_seterrstat(cnthb_list *list, int32_t kind)
 {
     if (kind != CNTHB_ERR_READ && kind != CNTHB_ERR_WRITE)
         return 0;
-    cnthb_statguard hold(list);
-    bool changed = false;
-    for (int32_t i = 0; i < list->currsc; ++i) {
-        cnthb_rsc *rsc = cnthb_rscat(list, i);
-        for (int32_t j = 0; j < list->curnode; ++j) {
-            cnthb_node *node = cnthb_nodeat(rsc, j);
-            if (cnthb_get(node->stat) != SHMNM_SVSTAT_ONLINE)
-                continue;
-            // A failed write concerns only the slot this node writes: its own.
-            if (kind == CNTHB_ERR_WRITE && node->cntno != list->mycntno)
-                continue;
-            cnthb_takeoffline(list, rsc, node);
-            changed = true;
-        }
-    }
-    if (changed)
-        cnthb_statchange();
+    // A failed write concerns only the slot this node writes: its own.
+    cnthb_offlinepass(list, [&](cnthb_rsc *, cnthb_node *node) {
+        return kind == CNTHB_ERR_READ || node->cntno == list->mycntno;
+    });
     return 0;
 }

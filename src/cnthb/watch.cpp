@@ -14,31 +14,16 @@ int32_t cnthb_hbcheck(cnthb_list *list)
     int32_t scaled = 0;
     const hbtick_t limit = hbtimeout_limit(list->hbto, ratio, &scaled);
 
-    bool changed = false;
-    {
-        // Under the lock a record read in between cannot be overwritten by a
-        // time-out decided on the older lastread.
-        cnthb_statguard hold(list);
-        for (int32_t i = 0; i < list->currsc; ++i) {
-            cnthb_rsc *rsc = cnthb_rscat(list, i);
-            for (int32_t j = 0; j < list->curnode; ++j) {
-                cnthb_node *node = cnthb_nodeat(rsc, j);
-                if (cnthb_get(node->stat) != SHMNM_SVSTAT_ONLINE)
-                    continue;
-                const hbtick_t now = hbtick_now();
-                const hbtick_t silence = now - node->lastread;
-                if (silence <= limit)
-                    continue;
-                HBLOG(HBLOG_CNT, 1, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
-                      static_cast<unsigned>(now), static_cast<unsigned>(node->lastread), static_cast<int>(silence),
-                      scaled, static_cast<int>(tckconf));
-                cnthb_takeoffline(list, rsc, node);
-                changed = true;
-            }
-        }
-    }
-    if (changed)
-        cnthb_statchange();
+    cnthb_offlinepass(list, [&](cnthb_rsc *, cnthb_node *node) {
+        const hbtick_t now = hbtick_now();
+        const hbtick_t silence = now - node->lastread;
+        if (silence <= limit)
+            return false;
+        HBLOG(HBLOG_CNT, 1, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
+              static_cast<unsigned>(now), static_cast<unsigned>(node->lastread), static_cast<int>(silence), scaled,
+              static_cast<int>(tckconf));
+        return true;
+    });
     return 0;
 }
 
