@@ -13,6 +13,7 @@
 #include <iostream>
 #include <string>
 
+#include "cnthb/cnthb.h"
 #include "frame/frame.h"
 #include "plat.h"
 #include "services/services.h"

@@ -12,6 +12,17 @@
 #include "frame/frame.h"
 #include "services/services.h"
 
+// Flags read afresh by the controller threads.
+extern std::atomic<int32_t> cnthb_bhbwrite; // 1 once SIGUSR2 came: the writer may write
+extern std::atomic<int32_t> cnthb_bwatchth; // the controller watcher runs (else the reader checks)
+inline constexpr int32_t CNTHB_DEF_BWATCHTH = 0;
+// This node's controller number, from the storage library at start-up.
+extern uint8_t cnthb_mycntno;
+
+// Puts the controller heartbeat's globals back as the process starts with
+// them; for the tests.
+void cnthb_reset();
+
 // ---- the heartbeat record ---------------------------------------------------
 
 // One controller slot: text only, so no byte order. A slot never written
@@ -125,6 +136,8 @@ inline cnthb_node *cnthb_nodeat(cnthb_rsc *rsc, int32_t j)
 // Settings of the down write's bounded wait for its workers.
 extern int32_t cnthb_dpthwait;  // msec per wait step
 extern int32_t cnthb_dpthretry; // wait steps
+inline constexpr int32_t CNTHB_DEF_DPTHWAIT = 20;
+inline constexpr int32_t CNTHB_DEF_DPTHRETRY = 100;
 
 int32_t cnthb_loadinfo(cnthb_list **out);
 // Releases a table built by cnthb_loadinfo (null is fine), once no worker

@@ -8,9 +8,6 @@
 
 #include "cnthb/cnthbint.h"
 
-int32_t cnthb_dpthwait = 20;
-int32_t cnthb_dpthretry = 100;
-
 namespace {
 
 constexpr int32_t CNTHB_DEF_MAXNODE = 32;
@@ -18,11 +15,28 @@ constexpr int32_t CNTHB_DEF_MAXRSC = 16;
 constexpr int32_t CNTHB_DEF_HBTO = 90000;
 constexpr int32_t CNTHB_DEF_HBINT = 3000;
 constexpr int32_t CNTHB_MIN_HBINT = 100; // what an interval of 0 becomes
-constexpr int32_t CNTHB_DEF_WARNRATE = 80;
 constexpr int32_t CNTHB_DEF_DPINT = 100; // also the lowest interval taken
 constexpr int32_t CNTHB_DEF_DPRETRY = 5;
-constexpr int32_t CNTHB_DEF_DPTHWAIT = 20;
-constexpr int32_t CNTHB_DEF_DPTHRETRY = 100;
+
+} // namespace
+
+std::atomic<int32_t> cnthb_bhbwrite{0};
+std::atomic<int32_t> cnthb_bwatchth{CNTHB_DEF_BWATCHTH};
+uint8_t cnthb_mycntno = 0;
+int32_t cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
+int32_t cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
+
+void cnthb_reset()
+{
+    cnthb_bhbwrite.store(0);
+    cnthb_bwatchth.store(CNTHB_DEF_BWATCHTH);
+    cnthb_mycntno = 0;
+    cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
+    cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
+    cnthb_ctimedummy.store(0);
+}
+
+namespace {
 
 // How long cnthb_freelist waits for cancelled workers to unwind.
 constexpr int CNTHB_FREE_WAIT_STEPS = 300;
@@ -71,7 +85,7 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
         HBLOG(HBLOG_CNT, 1, "HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_MIN_HBINT);
         hdr->hbint = CNTHB_MIN_HBINT;
     }
-    cnthb_warnrate = hbcfg_getint(HBLOG_CNT, "/root/cluster/delaywarn/heartbeat", CNTHB_DEF_WARNRATE);
+    cnthb_warnrate = hbcfg_getint(HBLOG_CNT, "/root/cluster/delaywarn/heartbeat", HB_DEF_WARNRATE);
     if (cnthb_warnrate > 100)
         cnthb_warnrate = 100;
     else if (cnthb_warnrate < 0)
@@ -94,7 +108,7 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
 
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
         return HBLOAD_POLICY;
-    cnthb_bwatchth.store(hbcfg_getint(HBLOG_CNT, "/root/cnthb/watchth", 0));
+    cnthb_bwatchth.store(hbcfg_getint(HBLOG_CNT, "/root/cnthb/watchth", CNTHB_DEF_BWATCHTH));
     loadstacksz(HBLOG_CNT, "/root/cnthb/thread/stacksize");
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
     return 0;

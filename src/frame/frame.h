@@ -1,5 +1,6 @@
-// The daemon frame: process-wide state, logging, timing, scheduling,
-// signals and the main line. Shared by the LAN and controller heartbeats.
+// The daemon frame: process-wide state, logging, timing, scheduling, the
+// stop and the configuration helpers. Shared by the LAN and controller
+// heartbeats; it knows neither of them.
 #pragma once
 
 #include <pthread.h>
@@ -12,33 +13,20 @@
 
 // ---- process-wide state ---------------------------------------------------
 
-// Flags written by one thread (or the stop routine) and polled by others.
-extern std::atomic<int32_t> bsigrecv;       // 1 once the stop routine has run
-extern std::atomic<int32_t> lanhb_bhbsend;  // 1 once SIGUSR2 came: LAN sender may send
-extern std::atomic<int32_t> cnthb_bhbwrite; // 1 once SIGUSR2 came: controller writer may write
-extern std::atomic<int32_t> lanhb_bwatchth; // LAN watcher thread runs (initially 1)
-extern std::atomic<int32_t> cnthb_bwatchth; // controller watcher thread runs (initially 0)
-
 // Written by main (and the loaders) before any heartbeat thread exists.
 extern int32_t brestart;  // 1 = resume mode
 extern int32_t bmlock;    // 1 = memory locking configured (and still in force)
 extern int32_t thstacksz; // stack size of every thread created; 0 = default
 extern int64_t tckconf;   // clock ticks per second
-extern uint8_t cnthb_mycntno;
-extern int32_t lanhb_warnrate; // delay-warning rate in percent of the time-out
+// Delay-warning rate in percent of the time-out, per heartbeat kind; set by
+// the loaders, read by delaywarn.
+inline constexpr int32_t HB_DEF_WARNRATE = 80;
+extern int32_t lanhb_warnrate;
 extern int32_t cnthb_warnrate;
 
-// Handles of the six heartbeat threads; 0 = not started. Atomic because the
-// stop routine reads them while main may still be starting threads.
-extern std::atomic<pthread_t> lanhb_recvpth, lanhb_sendpth, lanhb_watchpth;
-extern std::atomic<pthread_t> cnthb_readpth, cnthb_writepth, cnthb_watchpth;
-
-// The LAN receiver's readiness handshake.
-extern pthread_mutex_t lanhb_rmutex;
-extern pthread_cond_t lanhb_rcond;
-// Set to 1 by the receiver, under lanhb_rmutex, before it signals lanhb_rcond:
-// a signal given before main waits is not lost.
-extern int32_t lanhb_rready;
+// Puts the frame's state back as the process starts with it (stop flag and
+// event included); for the tests.
+void hbframe_reset();
 
 // ---- logging --------------------------------------------------------------
 
@@ -70,6 +58,8 @@ hbtick_t hbtick_now();
 // Where hbtick_now takes its ticks from; the unit tests replace it to drive
 // time-outs and counter wraps without waiting.
 extern hbtick_t (*hbtick_source)();
+// The real clock, hbtick_source's own value.
+hbtick_t hbtick_times();
 
 // Tick limit of a time-out in milliseconds: whole seconds (rounded up) times
 // the ratio (below 1 counts as 1) times tckconf, each product saturating at
@@ -97,7 +87,9 @@ int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const ch
 
 // ---- scheduling, memory lock, stacks ---------------------------------------
 
-int32_t setsched();
+// Applies the scheduling keys and reads the LAN watcher switch that sits
+// with them into *bwatchth (left alone when the policy cannot be loaded).
+int32_t setsched(int32_t *bwatchth);
 int32_t setstacksz(pthread_attr_t *attr);
 // Reads a stack-size key (its policy already loaded) into thstacksz and
 // corrects it; failures are logged on the given module.
@@ -132,19 +124,25 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
 // (failures logged on module).
 int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out);
 
-// ---- signals and stop -------------------------------------------------------
+// ---- stop ----------------------------------------------------------------------
 
-void usr1_recv(int sig);
-void usr2_recv(int sig);
-// Blocks SIGUSR1 and SIGUSR2 in the calling thread (and so in every thread it
-// creates later) and starts the thread that takes them with sigwaitinfo.
-// Called by main before it creates any other thread; returns 0 or the
-// pthread_create result.
-int32_t hbsig_start();
-// Waits until the stop routine has run to its end (by SIGUSR1 or a direct
-// call). main calls it before joining the heartbeat threads, so that no
-// thread is cancelled after it has been joined.
-void hbsig_waitstop();
+// 1 once the stop routine has run (or a thread stopped the daemon itself).
+extern std::atomic<int32_t> bsigrecv;
+// Sets bsigrecv, makes the stop event readable (waits end at once) and lets
+// hbstop_wait return. The stop routine calls it after its cancellations.
+void hbstop_raise();
+// Waits until the stop has been raised. main calls it before joining the
+// heartbeat threads, so that no thread is cancelled after it has been joined.
+void hbstop_wait();
+// Descriptor that becomes readable once the stop is raised, or -1 when none
+// could be made (waits then run their full length).
+int hbstop_fd();
+// The daemon's stop routine, for a heartbeat thread that stops the daemon
+// itself (the LAN sender's self down). main points it at usr1_recv; unset,
+// it only raises the stop.
+extern void (*hbstop_request)(int sig);
+// Clears the stop again; part of hbframe_reset.
+void hbstop_reset();
 
 // ---- multi-string lists -----------------------------------------------------
 
@@ -153,9 +151,3 @@ const char *msznext(const char *cur);
 int32_t mszcount(const char *list);
 // Copies at most size - 1 characters and always terminates.
 void hbcopytext(char *dst, size_t size, const char *src);
-
-// ---- main line ----------------------------------------------------------------
-
-int32_t attachipc();
-int32_t detachipc();
-int zemlanhb_main();

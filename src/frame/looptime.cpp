@@ -11,11 +11,15 @@ namespace {
 
 constexpr int64_t HB_TICK_LIMIT_MAX = INT32_MAX;
 
+} // namespace
+
 hbtick_t hbtick_times()
 {
     struct tms unused;
     return static_cast<hbtick_t>(times(&unused));
 }
+
+namespace {
 
 // Shared form of all timers: the duration of one cycle or operation, kept as
 // the maximum when it is the longest seen so far.

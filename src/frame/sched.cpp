@@ -1,5 +1,5 @@
-// Process priority, memory-lock setting, the LAN watcher switch, and the
-// stack size given to every thread the daemon creates.
+// Process priority, memory-lock setting, and the stack size given to every
+// thread the daemon creates.
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -17,7 +17,7 @@ constexpr int HB_MLOCK_TEXT_SIZE = 16;
 
 } // namespace
 
-int32_t setsched()
+int32_t setsched(int32_t *bwatchth)
 {
     int32_t r = xmllib_load_policy(HB_KIND_LANHB);
     if (r != 0) {
@@ -42,7 +42,7 @@ int32_t setsched()
     (void)hbcfg_getint(HBLOG_LAN, "/root/heartbeat/sched/schedule", 0);
     (void)hbcfg_getint(HBLOG_LAN, "/root/heartbeat/sched/priority", 0);
 
-    lanhb_bwatchth.store(hbcfg_getint(HBLOG_LAN, "/root/lanhb/watchth", 1));
+    *bwatchth = hbcfg_getint(HBLOG_LAN, "/root/lanhb/watchth", *bwatchth);
 
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)

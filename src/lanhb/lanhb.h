@@ -14,7 +14,22 @@
 #include "frame/frame.h"
 
 struct lanhb_list;
-struct cnthb_list;
+
+// Flags read afresh by the LAN threads.
+extern std::atomic<int32_t> lanhb_bhbsend;  // 1 once SIGUSR2 came: the sender may send
+extern std::atomic<int32_t> lanhb_bwatchth; // the LAN watcher thread runs (else the receiver checks)
+inline constexpr int32_t LANHB_DEF_BWATCHTH = 1;
+
+// The receiver's readiness handshake with main. lanhb_rready is set to 1 by
+// the receiver, under lanhb_rmutex, before it signals lanhb_rcond: a signal
+// given before main waits is not lost.
+extern pthread_mutex_t lanhb_rmutex;
+extern pthread_cond_t lanhb_rcond;
+extern int32_t lanhb_rready;
+
+// Puts the LAN heartbeat's globals back as the process starts with them; for
+// the tests.
+void lanhb_reset();
 
 int32_t lanhb_loadinfo(lanhb_list **out);
 // Releases a table built by lanhb_loadinfo (null is fine).
@@ -27,9 +42,15 @@ void *lanhb_hbsend(void *list);
 void *lanhb_hbwatch(void *list);
 void *lanhb_dpsend(void *list);
 
-// Re-reads the down-packet interval and retry into the given table.
-int32_t lanhb_loadexit(lanhb_list *list);
-int32_t lanhb_loadexit(cnthb_list *list);
+// Re-reads the down-packet interval and retry into *dpint and *dpretry; both
+// null: there is no table (logged, and success).
+int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry);
+// The same into a table of either kind (its dpint and dpretry fields), or
+// null.
+template <class Table> int32_t lanhb_loadexit(Table *table)
+{
+    return table == nullptr ? lanhb_loadexitinto(nullptr, nullptr) : lanhb_loadexitinto(&table->dpint, &table->dpretry);
+}
 
 // ---- the table ----------------------------------------------------------------
 //
@@ -103,6 +124,7 @@ inline void lanhb_st(hbtick_t &field, hbtick_t v)
 
 // Non-blocking sockets for the sender and receiver ("/root/lanhb/socket/nbio").
 extern int32_t lanhb_bsocknbio;
+inline constexpr int32_t LANHB_DEF_SOCKNBIO = 1;
 
 // ---- status evaluation and time-outs -------------------------------------------
 

@@ -1,6 +1,5 @@
 // Down-packet settings read again at an orderly stop, so that the down
 // notices use the configuration in force then, not the one at start-up.
-#include "cnthb/cnthb.h"
 #include "frame/frame.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
@@ -9,11 +8,13 @@ namespace {
 
 constexpr int32_t DEF_DPRETRY = 5;
 
+} // namespace
+
 // Shared by both tables: only the two given fields change, and only when the
 // configuration and its policy could be loaded.
-int32_t loadexit(bool null, int32_t *dpint, int32_t *dpretry)
+int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry)
 {
-    if (null) {
+    if (dpint == nullptr || dpretry == nullptr) {
         HBLOG(HBLOG_LAN, 1, "IGNORE: lanhb_plist is NULL");
         return 0;
     }
@@ -46,14 +47,3 @@ int32_t loadexit(bool null, int32_t *dpint, int32_t *dpretry)
     return 0;
 }
 
-} // namespace
-
-int32_t lanhb_loadexit(lanhb_list *list)
-{
-    return list == nullptr ? loadexit(true, nullptr, nullptr) : loadexit(false, &list->dpint, &list->dpretry);
-}
-
-int32_t lanhb_loadexit(cnthb_list *list)
-{
-    return list == nullptr ? loadexit(true, nullptr, nullptr) : loadexit(false, &list->dpint, &list->dpretry);
-}

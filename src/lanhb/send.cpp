@@ -247,7 +247,7 @@ char *hbsend(lanhb_list *list)
                 break;
             }
             if (lanhb_pacestep(&pace, 0, nullptr))
-                usr1_recv(0);
+                hbstop_request(0);
             if (lanhb_bhbsend.load() != 0)
                 break;
         }
@@ -266,7 +266,7 @@ char *hbsend(lanhb_list *list)
             if (stopseen())
                 break;
             if (lanhb_pacestep(&pace, t0, &maxloop))
-                usr1_recv(0);
+                hbstop_request(0);
             if (stopseen())
                 break;
         }

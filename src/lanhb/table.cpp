@@ -9,7 +9,20 @@
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
-int32_t lanhb_bsocknbio = 1;
+std::atomic<int32_t> lanhb_bhbsend{0};
+std::atomic<int32_t> lanhb_bwatchth{LANHB_DEF_BWATCHTH};
+pthread_mutex_t lanhb_rmutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t lanhb_rcond = PTHREAD_COND_INITIALIZER;
+int32_t lanhb_rready = 0;
+int32_t lanhb_bsocknbio = LANHB_DEF_SOCKNBIO;
+
+void lanhb_reset()
+{
+    lanhb_bhbsend.store(0);
+    lanhb_bwatchth.store(LANHB_DEF_BWATCHTH);
+    lanhb_rready = 0;
+    lanhb_bsocknbio = LANHB_DEF_SOCKNBIO;
+}
 
 namespace {
 
@@ -19,7 +32,6 @@ constexpr int32_t DEF_HBTO = 90000;
 constexpr int32_t DEF_HBINT = 3000;
 constexpr int32_t ZERO_HBINT = 100;
 constexpr int32_t DEF_RECVPORT = 29002;
-constexpr int32_t DEF_WARNRATE = 80;
 constexpr int32_t DEF_DPRETRY = 5;
 constexpr char OWN_LOOPBACK[] = "127.0.0.1";
 
@@ -75,7 +87,7 @@ int32_t readsettings(settings *s)
     }
     s->recvport = readport("/root/cluster/heartbeat/port/recv", DEF_RECVPORT);
     s->sendport = readport("/root/cluster/heartbeat/port/send", 0);
-    int32_t rate = hbcfg_getint(HBLOG_LAN, "/root/cluster/delaywarn/heartbeat", DEF_WARNRATE);
+    int32_t rate = hbcfg_getint(HBLOG_LAN, "/root/cluster/delaywarn/heartbeat", HB_DEF_WARNRATE);
     lanhb_warnrate = rate <= 0 ? 0 : rate > 100 ? 100 : rate;
     s->dpint = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
     if (s->dpint < 0) {
@@ -97,7 +109,7 @@ int32_t readsettings(settings *s)
         return HBLOAD_POLICY;
     }
     loadstacksz(HBLOG_LAN, "/root/lanhb/thread/stacksize");
-    lanhb_bsocknbio = hbcfg_getint(HBLOG_LAN, "/root/lanhb/socket/nbio", 1);
+    lanhb_bsocknbio = hbcfg_getint(HBLOG_LAN, "/root/lanhb/socket/nbio", LANHB_DEF_SOCKNBIO);
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)
         HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);

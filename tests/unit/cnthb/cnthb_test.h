@@ -25,7 +25,6 @@ using list_ptr = std::unique_ptr<cnthb_list, listfree>;
 // The clock the tests drive through hbtick_source.
 inline std::atomic<hbtick_t> now{1000};
 inline hbtick_t fakenow() { return now.load(); }
-inline hbtick_t (*const realclock)() = hbtick_source;
 
 struct CntTest : ::testing::Test {
     void SetUp() override
@@ -37,13 +36,8 @@ struct CntTest : ::testing::Test {
     void TearDown() override
     {
         logterm();
-        hbtick_source = realclock;
-        bsigrecv = cnthb_bhbwrite = cnthb_bwatchth = 0;
-        brestart = thstacksz = cnthb_mycntno = 0;
-        cnthb_warnrate = 80;
-        cnthb_dpthwait = 20;
-        cnthb_dpthretry = 100;
-        cnthb_ctimedummy = 0;
+        hbframe_reset();
+        cnthb_reset();
     }
     // A clean platform with node1 (pri 1) and node2 (pri 2) on the paths
     // cnt1, cnt2, ...

@@ -11,14 +11,13 @@ namespace {
 std::atomic<hbtick_t> test_now{0};
 
 struct Delay : LogTest {
-    hbtick_t (*saved_source)() = hbtick_source;
     void SetUp() override
     {
-        tckconf = 100, lanhb_warnrate = cnthb_warnrate = 80;
+        tckconf = 100;
         hbtick_source = [] { return test_now.load(); };
         LogTest::SetUp();
     }
-    void TearDown() override { LogTest::TearDown(), hbtick_source = saved_source; }
+    void TearDown() override { LogTest::TearDown(), hbframe_reset(); }
     // Records one check adds to the log of its kind.
     static size_t warned(int kind, hbtick_t elapsed, int32_t msgno, int32_t hbto = 10000)
     {

@@ -15,14 +15,15 @@ struct Sched : LogTest {
         // setsched applies the nice value to this very process: keep it.
         fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
     }
-    void TearDown() override { LogTest::TearDown(), bmlock = thstacksz = 0, lanhb_bwatchth = 1; }
+    void TearDown() override { LogTest::TearDown(), hbframe_reset(); }
+    int32_t watch = 7; // the LAN watcher switch as the caller hands it in
 };
 
 TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
 {
-    bmlock = 1, lanhb_bwatchth = 0;
-    EXPECT_EQ(setsched(), 0);
-    EXPECT_EQ(std::make_pair(bmlock, lanhb_bwatchth.load()), std::make_pair(0, 1));
+    bmlock = 1;
+    EXPECT_EQ(setsched(&watch), 0);
+    EXPECT_EQ(std::make_pair(bmlock, watch), std::make_pair(0, 7));
     Texts want;
     for (const char *key : {"heartbeat/mlock", "heartbeat/sched/schedule", "heartbeat/sched/priority", "lanhb/watchth"})
         want.push_back(std::string("xmllib_get_value(/root/") + key + ") failed(ret:2)");
@@ -33,20 +34,20 @@ TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
     for (auto [text, locked] : {std::pair{"YES", 1}, {"yes", 1}, {"true", 0}, {"1", 0}, {"yes ", 0}}) {
         fake::set_key("/root/heartbeat/mlock", text);
         bmlock = 1 - locked;
-        setsched();
-        EXPECT_EQ(std::make_pair(bmlock, lanhb_bwatchth.load()), std::make_pair(locked, 0)) << '"' << text << '"';
+        setsched(&watch);
+        EXPECT_EQ(std::make_pair(bmlock, watch), std::make_pair(locked, 0)) << '"' << text << '"';
     }
 
     // A missing policy: code 9, no key read, nothing changed.
     fake::reset(), logterm(), loginit();
     fake::fail_on("xmllib_load_policy", "lanhb", 7);
     fake::set_key("/root/heartbeat/mlock", "yes");
-    bmlock = 0, lanhb_bwatchth = 1;
+    bmlock = 0, watch = 1;
     fake::clear_calls();
-    EXPECT_EQ(setsched(), 9);
+    EXPECT_EQ(setsched(&watch), 9);
     EXPECT_EQ(fake::texts("lanhb"), Texts{"xmllib_load_policy(lanhb) failed(ret:7)"});
     EXPECT_EQ(fake::count("xmllib_get_value"), 0);
-    EXPECT_EQ(std::make_pair(bmlock, lanhb_bwatchth.load()), std::make_pair(0, 1));
+    EXPECT_EQ(std::make_pair(bmlock, watch), std::make_pair(0, 1));
 }
 
 // Without the nice key the process is raised to -20: done in a child.
@@ -55,7 +56,8 @@ TEST_F(Sched, MissingNiceRaisesToMinus20)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     fake::erase_key("/root/heartbeat/nice");
     auto child = [] {
-        setsched();
+        int32_t watch = 1;
+        setsched(&watch);
         // Without the privilege the refusal is logged with -20 instead.
         const bool applied = getpriority(PRIO_PROCESS, 0) == -20 || fake::count_log("lanhb", "setpriority(-20)") == 1;
         _exit(applied && fake::count_log("lanhb", "xmllib_get_value(/root/heartbeat/nice) failed") == 1 ? 0 : 1);

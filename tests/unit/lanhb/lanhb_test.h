@@ -22,16 +22,14 @@ using list_ptr = std::unique_ptr<lanhb_list, void (*)(lanhb_list *)>;
 
 inline std::atomic<hbtick_t> now{1000};
 inline hbtick_t fakenow() { return now.load(); }
-inline hbtick_t (*const realclock)() = hbtick_source;
 
 struct LanTest : ::testing::Test {
     void SetUp() override { tckconf = 100, loginit(); }
     void TearDown() override
     {
         logterm();
-        hbtick_source = realclock;
-        bsigrecv = 0, lanhb_bhbsend = 0, lanhb_bwatchth = 1, lanhb_rready = 0;
-        brestart = 0, lanhb_warnrate = 80, thstacksz = 0, lanhb_bsocknbio = 1;
+        hbframe_reset();
+        lanhb_reset();
     }
 };
 

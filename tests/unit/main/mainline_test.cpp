@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/daemon.h"
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
 

@@ -9,15 +9,15 @@
 
 #include <cerrno>
 
+#include "cnthb/cnthb.h"
+#include "daemon/daemon.h"
 #include "frame/frame.h"
+#include "lanhb/lanhb.h"
+
+std::atomic<pthread_t> lanhb_recvpth{0}, lanhb_sendpth{0}, lanhb_watchpth{0};
+std::atomic<pthread_t> cnthb_readpth{0}, cnthb_writepth{0}, cnthb_watchpth{0};
 
 namespace {
-
-// Set at the end of the stop routine; main waits for it before it joins any
-// heartbeat thread, so no thread is cancelled after it has been joined.
-pthread_mutex_t hbstop_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t hbstop_cond = PTHREAD_COND_INITIALIZER;
-bool hbstop_done = false;
 
 std::atomic<bool> usr1_started{false};
 
@@ -28,7 +28,7 @@ struct hbcancel {
     const char *failmsg;
 };
 
-// Order matters: the LAN threads first, each watcher before its workers.
+// The stop order: the LAN threads first, each watcher before its workers.
 const hbcancel HB_CANCEL_ORDER[] = {
     {&lanhb_watchpth, &lanhb_bwatchth, HBLOG_LAN, "pthread_cancel(lanhb_watchpth) failed(ret:%d,errno%d)"},
     {&lanhb_recvpth, nullptr, HBLOG_LAN, "pthread_cancel(lanhb_recvpth) failed(ret:%d,errno%d)"},
@@ -83,12 +83,9 @@ void usr1_recv(int)
         if (r != 0)
             hblog(c.module, 1, __FILE__, __LINE__, __func__, c.failmsg, r, errno);
     }
-    bsigrecv.store(1);
-
-    pthread_mutex_lock(&hbstop_mutex);
-    hbstop_done = true;
-    pthread_cond_broadcast(&hbstop_cond);
-    pthread_mutex_unlock(&hbstop_mutex);
+    // The cancellations are pending by now, so every thread woken by the
+    // stop event takes its own at once.
+    hbstop_raise();
 }
 
 void usr2_recv(int)
@@ -115,12 +112,4 @@ int32_t hbsig_start()
     r = pthread_create(&th, &attr, hbsig_thread, nullptr);
     pthread_attr_destroy(&attr);
     return r;
-}
-
-void hbsig_waitstop()
-{
-    pthread_mutex_lock(&hbstop_mutex);
-    while (!hbstop_done)
-        pthread_cond_wait(&hbstop_cond, &hbstop_mutex);
-    pthread_mutex_unlock(&hbstop_mutex);
 }

@@ -1,13 +1,18 @@
 // The stop routine, SIGUSR1/SIGUSR2 through the signal thread, and the
 // one-shot SIGUSR1. Each case runs in a child: the stop routine runs once per
 // process and the signals go to the process itself.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 
-#include "frame_test.h"
+#include "cnthb/cnthb.h"
+#include "daemon/daemon.h"
+#include "fake/fake_platform.h"
+#include "frame/frame.h"
+#include "lanhb/lanhb.h"
 
 namespace {
 
@@ -50,7 +55,7 @@ TEST_F(Signals, StopRoutineCancelsStartedThreadsOfEnabledKindsOnce)
         cnthb_readpth = read, cnthb_writepth = write, cnthb_watchpth = cntwatch;
         usr1_recv(SIGUSR1);
         CHILD_CHECK(bsigrecv.load() == 1);
-        hbsig_waitstop(); // already done: returns at once
+        hbstop_wait(); // already done: returns at once
         for (pthread_t th : {recv, read, write, cntwatch})
             CHILD_CHECK(join(th) == PTHREAD_CANCELED);
         lanhb_recvpth = start();
@@ -77,7 +82,7 @@ TEST_F(Signals, Sigusr2StartsSendingSigusr1StopsAndASecondOneEndsTheProcess)
             usleep(1000);
         CHILD_CHECK(lanhb_bhbsend.load() == 1 && cnthb_bhbwrite.load() == 1 && bsigrecv.load() == 0);
         kill(getpid(), SIGUSR1);
-        hbsig_waitstop();
+        hbstop_wait();
         CHILD_CHECK(bsigrecv.load() == 1);
         CHILD_CHECK(join(lanhb_recvpth) == PTHREAD_CANCELED);
         CHILD_CHECK(signal(SIGUSR2, SIG_IGN) == SIG_IGN && signal(SIGUSR1, SIG_DFL) == SIG_DFL);

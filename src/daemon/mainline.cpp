@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "cnthb/cnthb.h"
+#include "daemon/daemon.h"
 #include "frame/frame.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
@@ -291,7 +292,9 @@ int zemlanhb_main()
     }
     HBLOG(HBLOG_BOTH, 8, "clock:%d per sec", static_cast<int>(tckconf));
 
-    r = setsched();
+    int32_t watch = lanhb_bwatchth.load();
+    r = setsched(&watch);
+    lanhb_bwatchth.store(watch);
     if (r != 0)
         HBLOG(HBLOG_BOTH, 1, "setsched() failed(ret:%d)", r);
     if (bmlock != 0 && mlockall(MCL_CURRENT | MCL_FUTURE) != 0) {
@@ -338,8 +341,9 @@ int zemlanhb_main()
 
     // Running until SIGUSR1 (or the LAN sender's self down) has run the stop
     // routine; only then are the threads joined.
+    hbstop_request = usr1_recv;
     hbstart_threads(lanlist, cntlist);
-    hbsig_waitstop();
+    hbstop_wait();
     hbstop_lan(lanlist);
     hbstop_cnt(cntlist);
 

@@ -1,0 +1,7 @@
+// The daemon: everything happens in the main line.
+#include "daemon/daemon.h"
+
+int main()
+{
+    return zemlanhb_main();
+}

@@ -1,6 +1,0 @@
-#include "frame/frame.h"
-
-int main()
-{
-    return zemlanhb_main();
-}
