@@ -17,8 +17,10 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <systemd/sd-daemon.h>
 
 #include "plat.h"
+#include "zem_version.h"
 
 namespace {
 
@@ -457,12 +459,16 @@ int cmd_run(bool nodown, std::string daemon)
             up = true;
             printf("zemctl: %s (pid %d) is up; sending SIGUSR2 to start heartbeats\n", base, pid);
             kill(pid, SIGUSR2);
+            // Under a service manager (unit Type=notify) the start is over only
+            // now; without NOTIFY_SOCKET this does nothing.
+            sd_notifyf(0, "READY=1\nSTATUS=%s (pid %d) is up", base, pid);
         } else if (sig == SIGINT || sig == SIGTERM) {
             if (stopping) {
                 printf("zemctl: already stopping; waiting for %s (pid %d)\n", base, pid);
                 continue;
             }
             stopping = true;
+            sd_notify(0, "STOPPING=1");
             int32_t r = sem_attach();
             if (r == 0)
                 r = plat_setdownnotify(nodown ? 0 : 1);
@@ -494,6 +500,7 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0);
     CLI::App app{"zemctl: prepare, inspect and supervise a node of the stand-alone cluster platform.\n"
                  "Files live under $ZEM_ROOT (default /var/lib/zem)."};
+    app.set_version_flag("--version", ZEM_VERSION_TEXT);
     app.require_subcommand(1);
 
     app.add_subcommand("init", "check etc/cluster.xml and etc/local.xml, create or reset this node's shared "

@@ -1,12 +1,43 @@
 // zemctl end to end: the built tool on a temporary root, with this test
 // process on the same shared memory as the daemon would be, and a stand-in
 // daemon for "run".
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <nlohmann/json.hpp>
 
 #include "plat.h"
 #include "testutil.h"
 
 namespace {
+
+// A service manager's notification socket, as a Type=notify unit gives it.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string &path) : path_(path)
+    {
+        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << strerror(errno);
+    }
+    ~NotifySocket() { close(fd_); }
+    std::string env() const { return "NOTIFY_SOCKET=" + path_; }
+    // Every message received so far, each followed by "|".
+    std::string drain() const
+    {
+        std::string all;
+        char buf[512];
+        for (ssize_t n; (n = recv(fd_, buf, sizeof buf, 0)) > 0;)
+            all += std::string(buf, static_cast<size_t>(n)) + "|";
+        return all;
+    }
+
+private:
+    std::string path_;
+    int fd_;
+};
 
 class Zemctl : public ptest::TempRoot {
 protected:
@@ -138,14 +169,21 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
          {"usr2\n", "usr1\n", "sem_attach=0 down=1 down-again=1", "exited with status 5"}},
         {{"HELPER_MODE=crash"}, {}, 128 + SIGKILL, {"usr1\n", "was killed by signal 9"}},
     };
-    for (const auto &c : cases) {
+    NotifySocket notify(at("notify"));
+    for (auto c : cases) {
         std::vector<std::string> args = {ZEMCTL_PATH, "run", "--daemon", HELPER_PATH};
         args.insert(args.end(), c.args.begin(), c.args.end());
+        c.env.push_back(notify.env());
         pid_t p = ptest::spawn(args, root, at("run.out"), c.env);
         ASSERT_GT(p, 0);
         EXPECT_TRUE(ptest::await_text(at("run.out"), "usr2")) << ptest::slurp(at("run.out"));
+        // Ready is reported once the daemon is up, stopping on the stop signal.
+        std::string said;
+        EXPECT_TRUE(ptest::eventually([&] { return !(said += notify.drain()).empty(); }));
+        EXPECT_TRUE(said.starts_with("READY=1\nSTATUS=zemplat_helper (pid ")) << said;
         kill(p, SIGTERM);
         EXPECT_EQ(ptest::finish(p), c.rc);
+        EXPECT_EQ(notify.drain(), "STOPPING=1|");
         out = ptest::slurp(at("run.out"));
         size_t at_ = 0; // each in this order
         for (const std::string &s : c.said) {
@@ -153,10 +191,12 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
             ASSERT_NE(at_, std::string::npos) << s << " in order in\n" << out;
         }
     }
-    // Exit 12 is a configuration that cannot be loaded: zemctl says why.
+    // Exit 12 is a configuration that cannot be loaded: zemctl says why, and
+    // never reported the service ready.
     put("etc/cluster.xml", "<root>\n<cluster>\n</root>\n");
-    EXPECT_EQ(zemctl({"run", "--daemon", HELPER_PATH}, {"HELPER_MODE=early"}), 12) << out;
+    EXPECT_EQ(zemctl({"run", "--daemon", HELPER_PATH}, {"HELPER_MODE=early", notify.env()}), 12) << out;
     EXPECT_FALSE(ptest::has(out, "is up")) << out;
+    EXPECT_EQ(notify.drain(), "");
     EXPECT_TRUE(ptest::has(out, "exited with status 12")) << out;
     EXPECT_TRUE(ptest::has(out, "probable cause: " + at("etc/cluster.xml") + ":3:")) << out;
     EXPECT_EQ(zemctl({"run", "--daemon", at("no-such-daemon")}), 127);
