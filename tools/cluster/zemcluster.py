@@ -225,6 +225,7 @@ class Node:
         self.proc = None          # "ip netns exec ... unshare ..." (unshare's pid)
         self.statusfile = os.path.join(self.root, "init.status")
         self.runs = 0
+        self.extra_env = {}       # more environment for the node's processes
 
     def __repr__(self):
         return f"<{self.name} {self.ns}>"
@@ -233,6 +234,7 @@ class Node:
     def env(self):
         env = dict(os.environ)
         env["ZEM_ROOT"] = self.root
+        env.update(self.extra_env)
         return env
 
     # -- processes
@@ -583,14 +585,14 @@ class Cluster:
 LOG_TIME_RE = re.compile(r"^(\d{4}-\d{2}-\d{2}[ T]\d{2}:\d{2}:\d{2}\.\d{3})")
 
 
-def started(n, **kwargs):
-    """Yields a set-up and started cluster of n nodes, destroys it afterwards,
-    and fails when anything it made was left behind or one of its processes
-    printed a sanitizer report."""
+def started(n, start=Cluster.start_all, **kwargs):
+    """Yields a set-up cluster of n nodes, started by start(cluster), destroys
+    it afterwards, and fails when anything it made was left behind or one of
+    its processes printed a sanitizer report."""
     c = Cluster(n, **kwargs)
     try:
         c.setup()
-        c.start_all()
+        start(c)
         yield c
     finally:
         c.destroy()

@@ -1,0 +1,14 @@
+# Runs at install time, when the prefix is finally known (cmake --install
+# --prefix, DESTDIR, CPack): the unit names the installed zemctl and the
+# environment file by their full paths.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(ZEM_SYSCONFDIR /etc)
+else()
+  set(ZEM_SYSCONFDIR ${CMAKE_INSTALL_PREFIX}/etc)
+endif()
+set(ZEM_SBINDIR ${CMAKE_INSTALL_PREFIX}/${ZEM_SBIN_REL})
+configure_file(${ZEM_DIST_SRC}/zemlanhb.service.in ${ZEM_DIST_BIN}/zemlanhb.service @ONLY)
+file(INSTALL DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system TYPE FILE
+     FILES ${ZEM_DIST_BIN}/zemlanhb.service)
+file(INSTALL DESTINATION ${ZEM_SYSCONFDIR}/default TYPE FILE RENAME zemlanhb
+     FILES ${ZEM_DIST_SRC}/zemlanhb.default)
