@@ -38,6 +38,15 @@ void st(int32_t &w, int32_t v)
 {
     std::atomic_ref<int32_t>(w).store(v);
 }
+int64_t ld(const int64_t &w)
+{
+    return std::atomic_ref<int64_t>(const_cast<int64_t &>(w)).load();
+}
+void st(int64_t &w, int64_t v)
+{
+    std::atomic_ref<int64_t>(w).store(v);
+}
+static_assert(std::atomic_ref<int64_t>::is_always_lock_free, "64-bit words shared between processes");
 
 bool name_ok(const char *name, size_t size)
 {
@@ -98,8 +107,12 @@ template <class T> int32_t shm_map(const char *name, uint32_t magic, T **out)
     return 0;
 }
 
+// A daemon takes run/lock before it maps anything, so a refused second
+// daemon never gets to change what the first one published.
 template <class T> int32_t attach(std::atomic<T *> &slot, const char *name, uint32_t magic)
 {
+    if (int32_t r = plat_daemon_lock(); r != 0)
+        return r;
     T *m = nullptr;
     int32_t r = shm_map(name, magic, &m);
     if (r == 0)
@@ -172,10 +185,17 @@ long futex(uint32_t *addr, int op, uint32_t val, const struct timespec *ts)
     return syscall(SYS_futex, addr, op, val, ts, nullptr, 0);
 }
 
-template <class T> int32_t detach(std::atomic<T *> &slot)
+// Stores a published state and what the history keeps about it.
+void publish(int32_t &w, nm_hist &h, int32_t v)
 {
-    slot.store(nullptr);
-    return 0;
+    int64_t now = plat_now_ms();
+    int32_t old = std::atomic_ref<int32_t>(w).exchange(v);
+    if (old != v) {
+        st(h.changed_ms, now);
+        if (v == SHMNM_SVSTAT_OFFLINE && old != SHMNM_SVSTAT_UNKNOWN)
+            std::atomic_ref<int32_t>(h.downs).fetch_add(1);
+    }
+    st(h.published_ms, now);
 }
 
 // Runs f on the attached layout, or answers PLAT_ENOTREADY.
@@ -240,6 +260,15 @@ template <class T> auto word(int32_t T::*field)
     return [=](T *m) { return &(m->*field); };
 }
 
+// The lock goes with the daemon's last mapping.
+template <class T> int32_t detach(std::atomic<T *> &slot)
+{
+    slot.store(nullptr);
+    if (g_nm.load() == nullptr && g_cm.load() == nullptr && g_sem.load() == nullptr)
+        plat_daemon_unlock();
+    return 0;
+}
+
 int32_t copy_text(char *out, const char (&text)[SHMCM_TEXT_SIZE])
 {
     if (out == nullptr)
@@ -264,13 +293,24 @@ int plat_kind(const char *kind)
 
 // ---- node manager -----------------------------------------------------------------
 
+// A daemon's attach and detach are recorded for zemctl status.
 int32_t shmnm_attach(void)
 {
-    return attach(g_nm, NM_FILE, NM_MAGIC);
+    int32_t r = attach(g_nm, NM_FILE, NM_MAGIC);
+    nm_layout *m = g_nm.load();
+    if (r == 0 && !plat_is_tool()) {
+        st(m->daemon.detached_ms, int64_t{0});
+        st(m->daemon.attached_ms, plat_now_ms());
+        st(m->daemon.pid, static_cast<int32_t>(getpid()));
+    }
+    return r;
 }
 
 int32_t shmnm_detach(void)
 {
+    nm_layout *m = g_nm.load();
+    if (m != nullptr && !plat_is_tool() && ld(m->daemon.pid) == getpid())
+        st(m->daemon.detached_ms, plat_now_ms());
     return detach(g_nm);
 }
 
@@ -318,12 +358,29 @@ int32_t shmnm_getrscsvstat(const char *kind, const char *rsc, int32_t nodeid, in
 
 int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t stat)
 {
-    return set_at(g_nm, stat, svstat_word(kind, rsc, nodeid), plat_kind(kind) >= 0);
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        nm_rsc *r = const_cast<nm_rsc *>(find_rsc(m, kind, rsc));
+        int i = find_nodeid(m, nodeid);
+        if (plat_kind(kind) < 0)
+            return PLAT_EINVAL;
+        if (r == nullptr || i < 0)
+            return PLAT_ENOENT;
+        publish(r->svstat[i], r->svhist[i], stat);
+        return 0;
+    });
 }
 
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 {
-    return set_at(g_nm, stat, rsc_word(kind, rsc, &nm_rsc::stat), plat_kind(kind) >= 0);
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        nm_rsc *r = const_cast<nm_rsc *>(find_rsc(m, kind, rsc));
+        if (plat_kind(kind) < 0)
+            return PLAT_EINVAL;
+        if (r == nullptr)
+            return PLAT_ENOENT;
+        publish(r->stat, r->stathist, stat);
+        return 0;
+    });
 }
 
 int32_t shmnm_gethdstat(const char *node, int32_t *hdstat)
@@ -334,6 +391,43 @@ int32_t shmnm_gethdstat(const char *node, int32_t *hdstat)
 int32_t shmnm_setnonvolstat(int32_t stat)
 {
     return set_at(g_nm, stat, word(&nm_layout::nonvol));
+}
+
+int32_t plat_getdaemon(nm_daemon *d, int64_t *created_ms)
+{
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        if (d == nullptr || created_ms == nullptr)
+            return PLAT_EINVAL;
+        d->pid = ld(m->daemon.pid);
+        d->attached_ms = ld(m->daemon.attached_ms);
+        d->detached_ms = ld(m->daemon.detached_ms);
+        *created_ms = ld(m->created_ms);
+        return 0;
+    });
+}
+
+int32_t plat_gethist(const char *kind, const char *rsc, const char *node, nm_hist *h)
+{
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        const nm_rsc *r = find_rsc(m, kind, rsc);
+        int i = node != nullptr ? find_node(m, node) : 0;
+        if (h == nullptr)
+            return PLAT_EINVAL;
+        if (r == nullptr || i < 0)
+            return PLAT_ENOENT;
+        const nm_hist &src = node != nullptr ? r->svhist[i] : r->stathist;
+        h->changed_ms = ld(src.changed_ms);
+        h->published_ms = ld(src.published_ms);
+        h->downs = ld(src.downs);
+        return 0;
+    });
+}
+
+int64_t plat_now_ms()
+{
+    struct timespec ts {};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 int32_t plat_getrscstat(const char *kind, const char *rsc, int32_t *stat)
@@ -472,6 +566,7 @@ int32_t plat_shm_create(const plat_cluster &cl, std::string &err)
     auto nm = std::make_unique<nm_layout>();
     memset(nm.get(), 0, sizeof *nm);
     nm->head = {NM_MAGIC, SHM_VERSION, sizeof(nm_layout)};
+    nm->created_ms = plat_now_ms();
     nm->nnode = static_cast<int32_t>(cl.nodes.size());
     for (size_t i = 0; i < cl.nodes.size(); i++) {
         nm_node &n = nm->node[i];

@@ -1,7 +1,7 @@
 // A second process for the platform tests.
 //
-// Without arguments it plays the daemon under "zemctl run": it tells its
-// parent it is up (SIGUSR1), waits for SIGUSR2 and then SIGUSR1, asks the
+// Without arguments it plays the daemon under "zemctl run" (its attach
+// adopts the lock zemctl hands down): it tells its parent it is up (SIGUSR1), waits for SIGUSR2 and then SIGUSR1, asks the
 // platform twice whether down notices are wanted, and ends as HELPER_MODE
 // says: "crash" kills itself, "early" exits 12 before signalling; otherwise
 // it exits with HELPER_EXIT (default 0). Each step is printed on stdout.
@@ -11,6 +11,9 @@
 //
 // "wait SEEN" waits without a time limit for a state change post after the
 // count SEEN and prints the count it woke on.
+//
+// "hold" takes run/lock as a daemon's attach does, says so and sleeps until
+// killed. With arguments it is a tool and attaches without the lock.
 #include <signal.h>
 #include <unistd.h>
 
@@ -74,12 +77,21 @@ int main(int argc, char **argv)
 {
     if (argc == 1)
         return fake_daemon(getenv("HELPER_MODE") != nullptr ? getenv("HELPER_MODE") : "");
+    if (argc == 2 && strcmp(argv[1], "hold") == 0) {
+        int32_t r = shmnm_attach();
+        printf("hold=%d\n", r);
+        fflush(stdout);
+        if (r == 0)
+            pause();
+        return r;
+    }
+    plat_set_tool();
     if (argc == 3 && strcmp(argv[1], "wait") == 0 && sem_attach() == 0) {
         printf("woke on %u\n", plat_statchange_wait(static_cast<uint32_t>(atol(argv[2])), -1));
         return 0;
     }
     if (argc == 5 && strcmp(argv[1], "exchange") == 0)
         return exchange(argv[2], atoi(argv[3]), argv[4]);
-    fprintf(stderr, "usage: %s [exchange TEXT SLOT EXPECT | wait SEEN]\n", argv[0]);
+    fprintf(stderr, "usage: %s [exchange TEXT SLOT EXPECT | wait SEEN | hold]\n", argv[0]);
     return 2;
 }

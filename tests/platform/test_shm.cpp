@@ -3,6 +3,7 @@
 // name lists are proven through zemctl.
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 
 #include "plat.h"
 #include "testutil.h"
@@ -123,6 +124,92 @@ TEST_F(Shm, StatesAreAddressedByNodeIdAndStartUnknown)
 
 // The waiter has no time limit: only the post can end it (the test's own
 // limit kills it otherwise). A post before it waits is not lost either.
+TEST_F(Shm, OneDaemonPerRootAndADeadHolderNeverBlocks)
+{
+    // The fixture attached as a daemon: it holds the lock and is on record.
+    ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 2, SHMNM_SVSTAT_ONLINE), 0);
+    nm_daemon d{};
+    int64_t created = 0;
+    ASSERT_EQ(plat_getdaemon(&d, &created), 0);
+    EXPECT_EQ(d.pid, getpid());
+    EXPECT_GE(d.attached_ms, created);
+    EXPECT_EQ(d.detached_ms, 0);
+    EXPECT_EQ(plat_lock_holder(), getpid());
+
+    pid_t second = ptest::spawn({HELPER_PATH, "hold"}, root, at("hold.out"));
+    EXPECT_EQ(ptest::finish(second), PLAT_EBUSY);
+    EXPECT_TRUE(ptest::has(ptest::slurp(at("hold.out")), "pid " + std::to_string(getpid()) + " holds run/lock"))
+        << ptest::slurp(at("hold.out"));
+    int32_t st = 0;
+    ASSERT_EQ(shmnm_getrscsvstat("lanhb", "lan1", 2, &st), 0);
+    EXPECT_EQ(st, SHMNM_SVSTAT_ONLINE); // the refused start changed nothing
+    ASSERT_EQ(plat_getdaemon(&d, &created), 0);
+    EXPECT_EQ(d.pid, getpid());
+
+    // Detaching records the time and frees the lock.
+    shmnm_detach();
+    shmcm_detach();
+    sem_detach();
+    EXPECT_EQ(plat_lock_holder(), 0);
+    plat_set_tool();
+    ASSERT_EQ(shmnm_attach(), 0);
+    plat_set_tool(false);
+    ASSERT_EQ(plat_getdaemon(&d, &created), 0);
+    EXPECT_GE(d.detached_ms, d.attached_ms);
+    shmnm_detach();
+
+    // A holder killed outright leaves no lock behind.
+    pid_t holder = ptest::spawn({HELPER_PATH, "hold"}, root, at("hold.out"));
+    ASSERT_TRUE(ptest::await_text(at("hold.out"), "hold=0\n")) << ptest::slurp(at("hold.out"));
+    EXPECT_EQ(plat_lock_holder(), holder);
+    EXPECT_EQ(shmnm_attach(), PLAT_EBUSY);
+    kill(holder, SIGKILL);
+    EXPECT_EQ(ptest::finish(holder), 128 + SIGKILL);
+    EXPECT_EQ(plat_lock_holder(), 0);
+    ASSERT_EQ(shmnm_attach(), 0);
+    ASSERT_EQ(plat_getdaemon(&d, &created), 0);
+    EXPECT_EQ(d.pid, getpid());
+}
+
+// Each step publishes one state of node beta on lan1; whether that is a
+// change and the down count after it.
+TEST_F(Shm, HistoryKeepsLastChangeLastPublishAndDowns)
+{
+    const struct {
+        int32_t stat;
+        bool change;
+        int32_t downs;
+    } steps[] = {
+        {SHMNM_SVSTAT_OFFLINE, true, 0}, // from UNKNOWN: a start, not a loss
+        {SHMNM_SVSTAT_ONLINE, true, 0},  {SHMNM_SVSTAT_ONLINE, false, 0}, {SHMNM_SVSTAT_OFFLINE, true, 1},
+        {SHMNM_SVSTAT_OFFLINE, false, 1}, {SHMNM_SVSTAT_UNUSED, true, 1},  {SHMNM_SVSTAT_OFFLINE, true, 2},
+        {SHMNM_SVSTAT_ONLINE, true, 2},  {SHMNM_SVSTAT_OFFLINE, true, 3},
+    };
+    nm_hist before{}, after{};
+    for (size_t i = 0; i < std::size(steps); i++) {
+        ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &before), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2)); // clock in ms
+        int64_t t0 = plat_now_ms();
+        ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 2, steps[i].stat), 0);
+        ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &after), 0);
+        EXPECT_GE(after.published_ms, t0) << "step " << i;
+        EXPECT_EQ(after.changed_ms, steps[i].change ? after.published_ms : before.changed_ms) << "step " << i;
+        EXPECT_EQ(after.downs, steps[i].downs) << "step " << i;
+    }
+    // Other entries and the path's own state keep their history apart.
+    ASSERT_EQ(plat_gethist("lanhb", "lan2", "beta", &after), 0);
+    EXPECT_EQ(after.downs + after.changed_ms + after.published_ms, 0);
+    ASSERT_EQ(shmnm_setrscstat("lanhb", "lan1", SHMNM_RSCSTAT_CAUTION), 0);
+    ASSERT_EQ(plat_gethist("lanhb", "lan1", nullptr, &after), 0);
+    EXPECT_GT(after.changed_ms, 0);
+    EXPECT_EQ(plat_gethist("lanhb", "lan1", "delta", &after), PLAT_ENOENT);
+    // A reset starts the history afresh.
+    create();
+    ASSERT_EQ(shmnm_attach(), 0);
+    ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &after), 0);
+    EXPECT_EQ(after.downs, 0);
+}
+
 TEST_F(Shm, PostWakesAWaiterInAnotherProcess)
 {
     uint32_t seen = plat_statchange_count();
