@@ -35,6 +35,7 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "plat.h"
 
@@ -85,19 +86,33 @@ bool name_ok(const char *name)
     return true;
 }
 
-int open_log(const std::string &path, int64_t *cur)
+// O_NONBLOCK: a FIFO planted in place of the log fails at once instead of
+// hanging the open until someone reads it; a symlink is not followed.
+int open_log(const std::string &path, int64_t *cur, std::string *why = nullptr)
 {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
-    if (fd < 0)
-        return -1;
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640);
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        errno = EINVAL;
-        return -1;
+    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        *cur = st.st_size;
+        return fd;
     }
-    *cur = st.st_size;
-    return fd;
+    if (why != nullptr)
+        *why = fd >= 0 || errno == ENXIO ? "not a regular file"
+               : errno == ELOOP          ? "a symbolic link"
+                                         : strerror(errno);
+    if (fd >= 0)
+        close(fd);
+    return -1;
+}
+
+// Why logs of this process could not be opened: said on standard error and
+// as a record in every log that is or gets open, so a lost log is never
+// silent.
+std::vector<std::string> lost; // under regmx
+
+void record_lost(log_hdl *h, const std::string &text)
+{
+    log_write(h, 1, 0, __FILE__, __LINE__, "log_init", text.c_str());
 }
 
 // Under h->mx.
@@ -166,15 +181,23 @@ int32_t log_init(const char *name, log_hdl **handle, int32_t level, int32_t size
     if (handle == nullptr || !name_ok(name))
         return PLAT_EINVAL;
     std::string dir = plat_path("log");
-    if (mkdir(dir.c_str(), 0750) != 0 && errno != EEXIST)
-        return PLAT_EIO;
     auto *h = new log_hdl;
     h->path = dir + "/" + name + ".log";
     h->level = level;
     h->size = size;
-    h->fd = open_log(h->path, &h->cur);
+    std::string why;
+    if (mkdir(dir.c_str(), 0750) != 0 && errno != EEXIST)
+        why = dir + ": " + strerror(errno);
+    else if (h->fd = open_log(h->path, &h->cur, &why); h->fd < 0)
+        why = h->path + ": " + why;
     if (h->fd < 0) {
         delete h;
+        why = "log " + std::string(name) + " cannot be opened as a regular file (" + why + "); its records are lost";
+        fprintf(stderr, "%s: %s\n", program_invocation_short_name, why.c_str());
+        std::lock_guard lk(regmx);
+        lost.push_back(why);
+        for (log_hdl *o = reghead; o != nullptr; o = o->next)
+            record_lost(o, why);
         return PLAT_EIO;
     }
     static std::once_flag atexit_once;
@@ -183,6 +206,8 @@ int32_t log_init(const char *name, log_hdl **handle, int32_t level, int32_t size
         std::lock_guard lk(regmx);
         h->next = reghead;
         reghead = h;
+        for (const std::string &w : lost)
+            record_lost(h, w);
     }
     *handle = h;
     return 0;

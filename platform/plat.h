@@ -3,9 +3,12 @@
 // platform only through src/services/services.h.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +31,7 @@ enum : int32_t {
     PLAT_ESPACE = 4,    // the caller's buffer is too small
     PLAT_EFORMAT = 5,   // not an integer, out of range, corrupt or foreign file
     PLAT_EIO = 6,       // a system call failed
+    PLAT_EBUSY = 7,     // another daemon holds run/lock
 };
 
 // ---- files -------------------------------------------------------------------
@@ -50,6 +54,41 @@ int plat_rundir(bool create);
 // Replaces run/<name> atomically by a new file of the given bytes (mode
 // 0600); the old file, still mapped by running processes, is left to them.
 int plat_replace_file(const char *name, const void *data, size_t size, std::string &err);
+
+// Brings run/ (0700) and log/ (0750) and the files in them (0600 in run/,
+// 0640 for the heartbeat area and the logs) to their modes, owned by this
+// process's user. A path that is not what it should be (a symlink, a FIFO,
+// a file owned by someone else that cannot be taken over) is refused: err
+// names it.
+int32_t plat_fix_modes(std::string &err);
+
+// Whether text is valid UTF-8 without control characters.
+bool plat_printable(std::string_view text);
+// text with every byte plat_printable refuses shown as \xHH; a backslash
+// stays as it is, so escaping twice changes nothing.
+std::string plat_escape(std::string_view text);
+
+// ---- one daemon per root -------------------------------------------------------
+
+inline constexpr char PLAT_LOCK_FILE[] = "lock";
+inline constexpr char PLAT_LOCKFD_ENV[] = "ZEM_LOCKFD";
+
+// Marks this process as a tool: its attaches neither take the lock nor
+// write the attach record. Call before the first attach.
+void plat_set_tool(bool tool = true);
+bool plat_is_tool();
+// Takes run/lock for this process (descriptor returned, not close-on-exec
+// cleared); -1 when it cannot, with *holder the pid named in the file when
+// another process holds it (0 otherwise) and err saying why.
+int plat_lock_take(pid_t *holder, std::string &err);
+// The pid holding run/lock: 0 when nobody does, -1 when held by a process
+// that did not name itself.
+pid_t plat_lock_holder();
+// What a daemon's attach does first: adopts the lock passed down by its
+// supervisor or takes it (PLAT_EBUSY when another daemon holds it, also
+// said on standard error). A tool process does nothing.
+int32_t plat_daemon_lock();
+void plat_daemon_unlock();
 
 // ---- configuration files ------------------------------------------------------
 
@@ -93,7 +132,7 @@ inline constexpr int NM_MAXNODE = 64; // node priorities are 0 .. NM_MAXNODE-1
 inline constexpr int NM_MAXRSC = 32;  // paths per kind
 inline constexpr int NM_NODENAME = 48;
 inline constexpr int NM_RSCNAME = 32;
-inline constexpr uint32_t SHM_VERSION = 1;
+inline constexpr uint32_t SHM_VERSION = 2;
 inline constexpr uint32_t NM_MAGIC = 0x4d4e4d5a;  // "ZMNM"
 inline constexpr uint32_t CM_MAGIC = 0x4d434d5a;  // "ZMCM"
 inline constexpr uint32_t SEM_MAGIC = 0x4d45535a; // "ZSEM"
@@ -106,8 +145,9 @@ int plat_kind(const char *kind);
 
 // Layouts of the files under run/. The names, counts and priorities are
 // written once when the file is created and never change; every other field
-// is one 32-bit word read and written atomically, so there is no lock that a
-// dying process could leave held.
+// is one aligned 32- or 64-bit word read and written atomically, so there is
+// no lock that a dying process could leave held. Times are milliseconds of
+// the real-time clock; 0 means never.
 struct shm_head {
     uint32_t magic;
     uint32_t version;
@@ -120,11 +160,27 @@ struct nm_node {
     int32_t nodestat;
     int32_t pad;
 };
+// What the platform keeps about every publish of one state.
+struct nm_hist {
+    int64_t changed_ms;   // last publish of a different value
+    int64_t published_ms; // last publish
+    int32_t downs;        // changes to OFFLINE from a known state
+    int32_t pad;
+};
 struct nm_rsc {
     char name[NM_RSCNAME];
     int32_t pri;
     int32_t stat;                 // path state
     int32_t svstat[NM_MAXNODE];   // per node, by node index
+    nm_hist stathist;
+    nm_hist svhist[NM_MAXNODE];
+};
+// The daemon attached last.
+struct nm_daemon {
+    int32_t pid;          // 0: none since the file was created
+    int32_t pad;
+    int64_t attached_ms;
+    int64_t detached_ms;  // 0 while attached, or when it ended without detaching
 };
 struct nm_layout {
     shm_head head;
@@ -133,6 +189,8 @@ struct nm_layout {
     int32_t waitstat;
     int32_t nonvol;
     int32_t pad;
+    int64_t created_ms;
+    nm_daemon daemon;
     nm_node node[NM_MAXNODE];
     nm_rsc rsc[2][NM_MAXRSC];
 };
@@ -160,6 +218,10 @@ int32_t plat_shm_create(const plat_cluster &cl, std::string &err);
 int32_t plat_getrscstat(const char *kind, const char *rsc, int32_t *stat);
 int32_t plat_setwaitstat(int32_t v);
 int32_t plat_getnonvol(int32_t *v);
+int32_t plat_getdaemon(nm_daemon *d, int64_t *created_ms);
+// History of a path's state (node null) or of a node's state on it.
+int32_t plat_gethist(const char *kind, const char *rsc, const char *node, nm_hist *h);
+int64_t plat_now_ms();
 int32_t plat_sethdstat(const char *node, int32_t v);
 int32_t plat_setnodestat(const char *node, int32_t v);
 int32_t plat_setaction(int32_t v);

@@ -339,13 +339,15 @@ int32_t plat_load_local(plat_local &out, std::string &err)
         return r;
     pugi::xml_node top = f.doc.document_element();
     auto bad = [&](const pugi::xml_node &n, const char *what, std::string_view text) {
-        err = f.path + ":" + std::to_string(f.line(n)) + ": " + what + " \"" + std::string(text) + "\"";
+        err = f.path + ":" + std::to_string(f.line(n)) + ": " + what + " \"" + plat_escape(text) + "\"";
         return PLAT_EFORMAT;
     };
     if (pugi::xml_node h = top.child("hostname")) {
         std::string_view name = trim(h.child_value());
         if (name.empty() || name.size() >= XMLLIB_HOSTNAME_SIZE)
             return bad(h, "/local/hostname: empty or longer than 45 characters:", name);
+        if (!plat_printable(name))
+            return bad(h, "/local/hostname: not printable UTF-8:", name);
         out.hostname = name;
     }
     pugi::xml_node st = top.child("storage");
@@ -430,7 +432,7 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
         pugi::xml_node n = key_find(f.doc, key);
         int32_t v;
         if (n && !plat_parse_i32(n.child_value(), &v))
-            errors.push_back(at(n, key) + "not a 32-bit integer: \"" + std::string(trim(n.child_value())) + "\"");
+            errors.push_back(at(n, key) + "not a 32-bit integer: \"" + plat_escape(trim(n.child_value())) + "\"");
     }
     for (const text_key &t : text_keys) {
         pugi::xml_node n = key_find(f.doc, t.key);
@@ -443,9 +445,13 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
     std::set<int32_t> pris;
     for (pugi::xml_node s : top.children("server")) {
         std::string name = std::string(trim(s.attribute("name").value()));
-        std::string key = "/root/server@" + name;
+        std::string key = "/root/server@" + plat_escape(name);
         if (name.empty()) {
             errors.push_back(at(s, "/root/server") + "missing name attribute");
+            continue;
+        }
+        if (!plat_printable(name)) {
+            errors.push_back(at(s, key) + "name is not printable UTF-8");
             continue;
         }
         if (name.size() >= XMLLIB_HOSTNAME_SIZE || name.find('/') != std::string::npos) {
@@ -457,13 +463,13 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
         int32_t pri = check_pri(s, key, NM_MAXNODE - 1, "not an integer from 0 to " + std::to_string(NM_MAXNODE - 1),
                                 pris);
         for (pugi::xml_node d : s.children("device")) {
-            std::string dkey = key + "/device@" + d.attribute("name").value();
+            std::string dkey = key + "/device@" + plat_escape(d.attribute("name").value());
             int32_t devid;
             if (!plat_parse_i32(d.attribute("name").value(), &devid) || devid < 0)
                 errors.push_back(at(d, dkey) + "device name must be a device id (integer 0 or above)");
             if (pugi::xml_node info = d.child("info"); info && !address_ok(trim(info.child_value())))
                 errors.push_back(at(info, dkey + "/info") + "not an IPv4 or IPv6 address: \"" +
-                                 std::string(trim(info.child_value())) + "\"");
+                                 plat_escape(trim(info.child_value())) + "\"");
         }
         out.nodes.push_back({name, pri});
     }
@@ -479,9 +485,13 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
         std::set<int32_t> rpris;
         for (pugi::xml_node rn : hb.children(kind)) {
             std::string name = std::string(trim(rn.attribute("name").value()));
-            std::string key = std::string("/root/heartbeat/") + kind + "@" + name;
+            std::string key = std::string("/root/heartbeat/") + kind + "@" + plat_escape(name);
             if (name.empty() || name.size() >= NM_RSCNAME || name.find('/') != std::string::npos) {
                 errors.push_back(at(rn, key) + "name missing, longer than 31 characters or containing \"/\"");
+                continue;
+            }
+            if (!plat_printable(name)) {
+                errors.push_back(at(rn, key) + "name is not printable UTF-8");
                 continue;
             }
             if (!rnames.insert(name).second)

@@ -1,5 +1,7 @@
 // The log library: record layout, level rule, catalogued records, rotation
 // and concurrent writers, on real files.
+#include <sys/stat.h>
+
 #include <array>
 #include <cctype>
 #include <cstring>
@@ -135,16 +137,31 @@ TEST_F(Log, ConcurrentWritersNeverInterleave)
     }
 }
 
-TEST_F(Log, BadNamesAndPlantedLinksAreRefused)
+// A planted link or FIFO is neither followed nor waited on, and the loss is
+// recorded in the logs that do open.
+TEST_F(Log, BadNamesAndPlantedFilesAreRefusedAndReported)
 {
     std::filesystem::create_directories(at("log"));
     ASSERT_EQ(symlink(at("target").c_str(), at("log/cnthb.log").c_str()), 0);
-    for (const char *bad : {"", "../x", ".hidden", "a/b", "0123456789012345678901234567890123", "cnthb"}) {
+    ASSERT_EQ(mkfifo(at("log/fifo.log").c_str(), 0666), 0);
+    log_hdl *early = nullptr;
+    ASSERT_EQ(log_init("early", &early, 4, 0, nullptr), 0);
+    for (const char *bad : {"", "../x", ".hidden", "a/b", "0123456789012345678901234567890123", "cnthb", "fifo"}) {
         log_hdl *b = nullptr;
         EXPECT_NE(log_init(bad, &b, 4, 0, nullptr), 0) << bad;
         EXPECT_EQ(b, nullptr) << bad;
     }
     EXPECT_FALSE(std::filesystem::exists(at("target")));
+    log_hdl *late = nullptr;
+    ASSERT_EQ(log_init("late", &late, 4, 0, nullptr), 0);
+    for (const char *name : {"log/early.log", "log/late.log"}) {
+        std::string text = ptest::slurp(at(name));
+        EXPECT_TRUE(ptest::has(text, "log cnthb cannot be opened as a regular file (" + at("log/cnthb.log") +
+                                         ": a symbolic link)")) << text;
+        EXPECT_TRUE(ptest::has(text, "log fifo cannot be opened as a regular file")) << text;
+    }
+    log_term(early);
+    log_term(late);
 }
 
 } // namespace
