@@ -2,7 +2,10 @@
 // process on the same shared memory as the daemon would be, and a stand-in
 // daemon for "run".
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+
+#include <map>
 
 #include <nlohmann/json.hpp>
 
@@ -73,39 +76,86 @@ protected:
     }
 };
 
-TEST_F(Zemctl, StatusShowsEveryPathAndNodeAsAnotherProcessPublished)
+// Keys of an object in document order.
+std::vector<std::string> keys(const nlohmann::ordered_json &j)
+{
+    std::vector<std::string> out;
+    for (const auto &[k, v] : j.items())
+        out.push_back(k);
+    return out;
+}
+
+// The documented JSON shape, key by key, with this test process as the
+// daemon that published.
+TEST_F(Zemctl, StatusJsonCarriesEveryDocumentedKeyAndKnowsTheDaemon)
 {
     init_and_attach();
     EXPECT_TRUE(ptest::has(out, "2 servers, 2 lanhb paths, 1 cnthb paths")) << out;
     EXPECT_TRUE(std::filesystem::exists(at("run/hbarea")));
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_ONLINE), 0);
-    ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan2", 0, SHMNM_SVSTAT_OFFLINE), 0);
+    ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_OFFLINE), 0);
     ASSERT_EQ(shmnm_setrscstat("lanhb", "lan2", SHMNM_RSCSTAT_CAUTION), 0);
     ASSERT_EQ(shmnm_setrscsvstat("cnthb", "cnt1", 1, 42), 0);
     ASSERT_EQ(zemctl({"status", "--json"}), 0) << out;
-    auto node = [](const char *name, int pri, nlohmann::json stat) {
-        return nlohmann::json{{"name", name}, {"pri", pri}, {"stat", stat}};
+    auto j = nlohmann::ordered_json::parse(out);
+    using strs = std::vector<std::string>;
+    EXPECT_EQ(keys(j), (strs{"version", "root", "time_ms", "daemon", "initialised_at_ms", "cluster", "lanhb", "cnthb"}));
+    EXPECT_EQ(j["version"], 1);
+    EXPECT_EQ(keys(j["daemon"]), (strs{"running", "pid", "attached_at_ms", "detached_at_ms", "lock_pid"}));
+    EXPECT_EQ(j["daemon"]["running"], true);
+    EXPECT_EQ(j["daemon"]["pid"], getpid());
+    EXPECT_EQ(j["daemon"]["lock_pid"], getpid());
+    EXPECT_TRUE(j["daemon"]["detached_at_ms"].is_null());
+    EXPECT_EQ(keys(j["cluster"]), (strs{"ratio", "action", "waitstat", "nonvol", "down_notification"}));
+    EXPECT_EQ(j["cluster"]["ratio"], 1);
+    EXPECT_EQ(j["cluster"]["down_notification"], false);
+    const strs pathkeys{"name", "pri", "stat", "changed_at_ms", "since_ms", "published_at_ms", "nodes"};
+    const strs nodekeys{"name", "pri", "stat", "changed_at_ms", "since_ms", "published_at_ms", "down_count"};
+    std::map<std::string, std::string> stats;
+    for (const char *kind : {"lanhb", "cnthb"})
+        for (const auto &p : j[kind]) {
+            EXPECT_EQ(keys(p), pathkeys);
+            stats[p["name"]] = p["stat"];
+            for (const auto &n : p["nodes"]) {
+                EXPECT_EQ(keys(n), nodekeys);
+                stats[p["name"].get<std::string>() + "/" + n["name"].get<std::string>()] = n["stat"];
+            }
+        }
+    const std::map<std::string, std::string> want = {
+        {"lan1", "UNKNOWN"}, {"lan1/node1", "UNKNOWN"}, {"lan1/node2", "OFFLINE"},
+        {"lan2", "CAUTION"}, {"lan2/node1", "UNKNOWN"}, {"lan2/node2", "UNKNOWN"},
+        {"cnt1", "UNKNOWN"}, {"cnt1/node1", "UNKNOWN"}, {"cnt1/node2", "0x2a"}, // no name: hex, still a string
     };
-    auto path = [&](const char *name, int pri, const char *stat, nlohmann::json s0, nlohmann::json s1) {
-        return nlohmann::json{{"name", name}, {"pri", pri}, {"stat", stat},
-                              {"nodes", {node("node1", 0, s0), node("node2", 1, s1)}}};
-    };
-    nlohmann::json want = {
-        {"lanhb", {path("lan1", 0, "UNKNOWN", "UNKNOWN", "ONLINE"), path("lan2", 1, "CAUTION", "OFFLINE", "UNKNOWN")}},
-        {"cnthb", {path("cnt1", 0, "UNKNOWN", "UNKNOWN", 42)}}}; // not a state name: its number
-    EXPECT_EQ(nlohmann::json::parse(out), want) << out;
+    EXPECT_EQ(stats, want);
+    const auto &n2 = j["lanhb"][0]["nodes"][1];
+    EXPECT_EQ(n2["down_count"], 1);
+    EXPECT_EQ(n2["changed_at_ms"], n2["published_at_ms"]);
+    EXPECT_GE(n2["since_ms"].get<int64_t>(), 0);
+    EXPECT_TRUE(j["lanhb"][0]["nodes"][0]["changed_at_ms"].is_null());
+
     ASSERT_EQ(zemctl({"status"}), 0) << out;
+    EXPECT_TRUE(ptest::has(out, "daemon running (pid " + std::to_string(getpid()) + ", since ")) << out;
     EXPECT_TRUE(ptest::has(out, "CAUTION") && ptest::has(out, "ratio 1")) << out;
-    // init again resets what was published.
-    ASSERT_EQ(zemctl({"init"}), 0) << out;
-    ASSERT_EQ(zemctl({"status", "--json"}), 0) << out;
-    EXPECT_EQ(nlohmann::json::parse(out)["lanhb"][0]["nodes"][1]["stat"], "UNKNOWN");
+    // init does not reset under a running daemon, unless forced.
+    EXPECT_EQ(zemctl({"init"}), 1) << out;
+    EXPECT_TRUE(ptest::has(out, "init refused") && ptest::has(out, "--force")) << out;
+    shmnm_detach();
+    ASSERT_EQ(zemctl({"status"}), 3) << out;
+    EXPECT_TRUE(ptest::has(out, "no daemon attached since ")) << out;
+    EXPECT_TRUE(ptest::has(out, "states below are the last published")) << out;
+    ASSERT_EQ(zemctl({"init", "--force"}), 0) << out;
+    ASSERT_EQ(zemctl({"status", "--json"}), 3) << out;
+    j = nlohmann::ordered_json::parse(out);
+    EXPECT_EQ(j["lanhb"][0]["nodes"][1]["stat"], "UNKNOWN");
+    EXPECT_TRUE(j["daemon"]["pid"].is_null());
 }
 
 TEST_F(Zemctl, InitRefusesBrokenConfigurationNamingFileLineAndKey)
 {
-    EXPECT_NE(zemctl({"status"}), 0);
-    EXPECT_TRUE(ptest::has(out, "zemctl init")) << out;
+    EXPECT_EQ(zemctl({"status"}), 1);
+    EXPECT_TRUE(ptest::has(out, at("run/shmnm") + " is missing (ret:3); run \"zemctl init\"")) << out;
+    EXPECT_EQ(zemctl({"status"}, {"ZEM_ROOT=" + at("nowhere")}), 1);
+    EXPECT_TRUE(ptest::has(out, "root directory " + at("nowhere") + " does not exist")) << out;
     std::string cl = ptest::slurp(EXAMPLES_DIR "/cluster.xml");
     std::string bad = cl;
     bad.replace(bad.find("<timeout>10000"), 14, "<timeout>ten");
@@ -122,6 +172,75 @@ TEST_F(Zemctl, InitRefusesBrokenConfigurationNamingFileLineAndKey)
         EXPECT_TRUE(ptest::has(out, why)) << out;
         EXPECT_FALSE(std::filesystem::exists(at("run")));
     }
+}
+
+// Every file under run/ with its bytes and mode.
+std::map<std::string, std::string> run_files(const std::string &dir)
+{
+    std::map<std::string, std::string> out;
+    for (const auto &e : std::filesystem::directory_iterator(dir))
+        out[e.path().filename()] = std::to_string(static_cast<int>(e.status().permissions())) + ":" +
+                                   ptest::slurp(e.path());
+    return out;
+}
+
+TEST_F(Zemctl, CheckFindsWhatInitFindsAndChangesNothing)
+{
+    ASSERT_EQ(zemctl({"init"}), 0) << out;
+    ASSERT_EQ(chmod(at("run").c_str(), 0777), 0);
+    const auto before = run_files(at("run"));
+    std::string cl = ptest::slurp(EXAMPLES_DIR "/cluster.xml");
+    auto with = [&](const std::string &from, const std::string &to) {
+        std::string c = cl;
+        return c.replace(c.find(from), from.size(), to);
+    };
+    const std::pair<std::string, const char *> cases[] = {
+        {with("name=\"node2\"", "name=\"node\xff\""), "/root/server@node\\xff: name is not printable UTF-8"},
+        {with("name=\"lan1\"", "name=\"lan\x1b[31m\""), "/root/heartbeat/lanhb@lan\\x1b[31m: name is not printable"},
+        {with("<timeout>10000", "<timeout>ten"), "not a 32-bit integer: \"ten\""},
+    };
+    for (const auto &[text, why] : cases) {
+        put("etc/cluster.xml", text);
+        EXPECT_EQ(zemctl({"check"}), 1) << out;
+        EXPECT_TRUE(ptest::has(out, why)) << out;
+        EXPECT_EQ(out.find('\x1b'), std::string::npos) << out;
+        const std::string checked = out.substr(0, out.find("zemctl:"));
+        EXPECT_EQ(zemctl({"init"}), 1) << out;
+        EXPECT_EQ(out.substr(0, out.find("zemctl:")), checked); // the same problems, the same way
+    }
+    EXPECT_EQ(run_files(at("run")), before);
+    put("etc/cluster.xml", cl);
+    EXPECT_EQ(zemctl({"check"}), 0) << out;
+    EXPECT_EQ(run_files(at("run")), before);
+}
+
+// What a local user could have planted under run/ and log/: init brings
+// modes back, or refuses naming the path; it never follows or blocks.
+TEST_F(Zemctl, InitFixesModesAndRefusesPlantedFiles)
+{
+    namespace fs = std::filesystem;
+    ASSERT_EQ(zemctl({"init"}), 0) << out;
+    put("log/lanhb.log", "old records\n");
+    ASSERT_EQ(chmod(at("run").c_str(), 0777), 0);
+    ASSERT_EQ(chmod(at("run/shmnm").c_str(), 0666), 0);
+    ASSERT_EQ(chmod(at("log").c_str(), 0777), 0);
+    ASSERT_EQ(chmod(at("log/lanhb.log").c_str(), 0666), 0);
+    ASSERT_EQ(zemctl({"init"}), 0) << out;
+    auto mode = [&](const char *rel) { return static_cast<int>(fs::symlink_status(at(rel)).permissions()); };
+    EXPECT_EQ(mode("run"), 0700);
+    EXPECT_EQ(mode("run/shmnm"), 0600);
+    EXPECT_EQ(mode("run/hbarea"), 0640);
+    EXPECT_EQ(mode("log"), 0750);
+    EXPECT_EQ(mode("log/lanhb.log"), 0640);
+    fs::remove(at("log/lanhb.log"));
+    ASSERT_EQ(symlink(at("elsewhere").c_str(), at("log/lanhb.log").c_str()), 0);
+    EXPECT_EQ(zemctl({"init"}), 1) << out;
+    EXPECT_TRUE(ptest::has(out, at("log/lanhb.log") + ": is a symbolic link")) << out;
+    fs::remove(at("log/lanhb.log"));
+    ASSERT_EQ(mkfifo(at("log/lanhb.log").c_str(), 0666), 0);
+    EXPECT_EQ(zemctl({"init"}), 1) << out;
+    EXPECT_TRUE(ptest::has(out, at("log/lanhb.log") + ": not a regular file")) << out;
+    EXPECT_FALSE(fs::exists(at("elsewhere")));
 }
 
 TEST_F(Zemctl, SetWritesWhatTheDaemonReads)
@@ -149,6 +268,20 @@ TEST_F(Zemctl, SetWritesWhatTheDaemonReads)
     EXPECT_EQ(zemctl({"set", "hdstat", "node9", "1"}), 1);
     EXPECT_TRUE(ptest::has(out, "no such node")) << out;
     EXPECT_EQ(zemctl({"set", "ratio", "two"}), 2);
+    const std::tuple<std::vector<std::string>, int, const char *> refused[] = {
+        {{"set", "ratio", "0"}, 2, "must be 1 or more"},
+        {{"set", "ratio", "361"}, 2, "over an hour; repeat with --force"}, // hbto 10000: 10 s x 361
+        {{"stauts"}, 2, "unknown subcommand \"stauts\"; did you mean \"status\"?"},
+        {{"set", "ration", "2"}, 2, "did you mean \"ratio\"?"},
+    };
+    for (const auto &[args, rc, why] : refused) {
+        EXPECT_EQ(zemctl(args), rc) << args[1];
+        EXPECT_TRUE(ptest::has(out, why)) << out;
+    }
+    int32_t ratio = 0;
+    ASSERT_EQ(shmcm_getratio(&ratio, nullptr), 0);
+    EXPECT_EQ(ratio, 3); // none of them was stored
+    EXPECT_EQ(zemctl({"set", "ratio", "361", "--force"}), 0) << out;
     EXPECT_EQ(zemctl({"set", "down", "maybe"}), 2);
     EXPECT_EQ(zemctl({"set"}), 2);
 }
