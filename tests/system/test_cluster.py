@@ -1,5 +1,8 @@
 """A three-node cluster of real daemons: convergence, crash, orderly stop,
-path failure, resume, bad datagrams and the time-out ratio.
+path failure, resume, bad datagrams and the time-out ratio; and what an
+operator relies on: one daemon per node, a status that knows whether it
+runs, a check that changes nothing, down counts, and a supervisor that
+survives its terminal.
 
 All scenarios share one cluster (hbint 500 ms, hbto 2000 ms). Before each
 test the `healthy` fixture brings every node back and waits until the
@@ -328,3 +331,106 @@ def test_bad_datagrams_change_nothing(healthy):
     healthy.send_datagrams(n3.ns, n3.ip4, n1.ip4, [good4])
     assert wait_until(lambda: n1.status()["lanhb"][LAN4]["nodes"]["node3"] == "ONLINE", 5), \
         "a well-formed heartbeat from the configured address was not accepted"
+
+
+def test_second_run_and_hand_started_daemon_are_refused_and_change_nothing(healthy):
+    node = healthy[1]
+    node.zemctl("set", "down", "off")
+    before = node.status_json()
+    pid = node.daemon_pid()
+    t0 = time.time()
+    again = healthy.ns_exec(node.ns, ["env", f"ZEM_ROOT={node.root}", healthy.zemctl, "run",
+                                      "--daemon", healthy.daemon], check=False)
+    assert again.returncode == 16, again
+    assert f"pid {before['daemon']['pid']} holds run/lock" in again.stderr, again.stderr
+    # By hand, under a parent that ignores the daemon's "up" signal.
+    by_hand = healthy.ns_exec(node.ns, ["env", f"ZEM_ROOT={node.root}", "sh", "-c",
+                                        f"trap '' USR1; {healthy.daemon}"], check=False)
+    assert by_hand.returncode == 1, by_hand
+    assert "holds run/lock" in by_hand.stderr, by_hand.stderr
+    after = node.status_json()
+    assert node.daemon_pid() == pid
+    assert after["daemon"] == before["daemon"]
+    assert after["cluster"]["down_notification"] is False
+    for kind in ("lanhb", "cnthb"):
+        for p_before, p_after in zip(before[kind], after[kind]):
+            assert p_after["stat"] == p_before["stat"], p_after
+            for n_before, n_after in zip(p_before["nodes"], p_after["nodes"]):
+                assert (n_after["stat"], n_after["changed_at_ms"]) == \
+                    (n_before["stat"], n_before["changed_at_ms"]), (p_after["name"], n_after)
+    assert not events(node, "lanhb", " : OFFLINE ***", t0)
+    assert not events(node, "lanhb", " : ERROR ***", t0)
+
+
+def test_stopped_node_status_and_a_check_that_changes_nothing(healthy):
+    node = healthy[3]
+    assert node.status_json()["daemon"]["running"] is True
+    assert node.stop() == 0
+    res = node.zemctl("status", check=False)
+    assert res.returncode == 3, res
+    assert res.stdout.startswith("no daemon attached since "), res.stdout
+    assert "states below are the last published" in res.stdout
+    run = os.path.join(node.root, "run")
+
+    def files():
+        return {f: open(os.path.join(run, f), "rb").read() for f in sorted(os.listdir(run))}
+
+    saved = files()
+    xml = os.path.join(node.root, "etc", "cluster.xml")
+    good = open(xml).read()
+    try:
+        with open(xml, "w") as f:
+            f.write(good.replace(f'name="{LAN6}"', 'name="lan\x1b]0;x\x07"')
+                    .replace("<timeout>", "<timeout>x"))
+        check = node.zemctl("check", check=False)
+        init = node.zemctl("init", check=False)
+    finally:
+        with open(xml, "w") as f:
+            f.write(good)
+    assert check.returncode == init.returncode == 1, (check, init)
+    problems = [line for line in check.stderr.splitlines() if line.startswith("error: ")]
+    assert len(problems) == 2 and "\x1b" not in check.stderr, check.stderr
+    assert problems == [line for line in init.stderr.splitlines() if line.startswith("error: ")]
+    assert node.zemctl("check").returncode == 0
+    assert files() == saved
+
+
+def test_link_taken_down_twice_counts_two_downs_since_the_last(healthy):
+    obs, cut = healthy[1], healthy[3]
+
+    def entry():
+        path = next(p for p in obs.status_json()["lanhb"] if p["name"] == LAN4)
+        return next(n for n in path["nodes"] if n["name"] == cut.name)
+
+    start = entry()["down_count"]
+    t0 = time.time()
+    for i in range(2):
+        healthy.set_link(cut, LAN4, up=False)
+        try:
+            assert wait_until(lambda: entry()["stat"] == "OFFLINE", HBTO_S + 10), entry()
+            e = entry()
+            shown = obs.zemctl("status").stdout
+        finally:
+            healthy.set_link(cut, LAN4, up=True)
+        if i == 0:
+            assert wait_until(lambda: entry()["stat"] == "ONLINE", 10), entry()
+    assert e["down_count"] - start == 2, e
+    downs = events(obs, "lanhb", node_line(LAN4, cut) + "OFFLINE ***", t0)
+    assert len(downs) == 2, downs
+    assert abs(e["changed_at_ms"] / 1000 - downs[-1][0]) < 0.5, (e, downs[-1])
+    lines = shown.splitlines()
+    at = lines.index(next(ln for ln in lines if ln.split()[:1] == [LAN4]))
+    line = next(ln for ln in lines[at:] if ln.split()[:1] == [cut.name])
+    assert "OFFLINE" in line and f"downs {e['down_count']}" in line and " since " in line, line
+
+
+def test_hangup_of_run_stops_the_daemon_with_down_notices(healthy):
+    victim = healthy[2]
+    t0 = time.time()
+    os.kill(victim.supervisor_pid(), signal.SIGHUP)
+    assert victim.wait(20) == 0
+    assert "Hangup received; down notification on" in victim.output(), victim.output()
+    for obs in (healthy[1], healthy[3]):
+        for path in LAN_PATHS:
+            assert wait_until(lambda: events(obs, "lanhb", f"DOWNPACKET recv({path},{victim.name}({victim.pri}))",
+                                             t0), 5), (obs.name, path)
