@@ -229,10 +229,12 @@ int attach_failed(const char *file, int32_t r)
 
 // ---- init ----------------------------------------------------------------------
 
-// Reads and checks both files, printing every note and problem; the number
-// of problems.
-size_t validate(plat_cluster &cl, plat_local &loc)
+// Reads and checks both files, printing every note and problem; false when
+// there was a problem, said as "zemctl: <what>: N error(s)<tail>".
+bool validate(plat_cluster &cl, plat_local &loc, const char *what, const char *tail)
 {
+    if (root_missing())
+        return false;
     std::vector<std::string> errors, notes;
     plat_load_cluster(cl, errors, notes);
     std::string err;
@@ -251,7 +253,9 @@ size_t validate(plat_cluster &cl, plat_local &loc)
         printf("note: %s\n", esc(n).c_str());
     for (const std::string &e : errors)
         fprintf(stderr, "error: %s\n", esc(e).c_str());
-    return errors.size();
+    if (!errors.empty())
+        fprintf(stderr, "zemctl: %s: %zu error(s)%s\n", what, errors.size(), tail);
+    return errors.empty();
 }
 
 void summary(const plat_cluster &cl, const plat_local &loc)
@@ -263,14 +267,10 @@ void summary(const plat_cluster &cl, const plat_local &loc)
 
 int cmd_check()
 {
-    if (root_missing())
-        return 1;
     plat_cluster cl;
     plat_local loc;
-    if (size_t n = validate(cl, loc); n > 0) {
-        fprintf(stderr, "zemctl: check: %zu error(s)\n", n);
+    if (!validate(cl, loc, "check", ""))
         return 1;
-    }
     printf("%s: configuration OK: ", esc(plat_root()).c_str());
     summary(cl, loc);
     return 0;
@@ -278,14 +278,10 @@ int cmd_check()
 
 int cmd_init(bool force)
 {
-    if (root_missing())
-        return 1;
     plat_cluster cl;
     plat_local loc;
-    if (size_t n = validate(cl, loc); n > 0) {
-        fprintf(stderr, "zemctl: init failed: %zu error(s); nothing was changed\n", n);
+    if (!validate(cl, loc, "init failed", "; nothing was changed"))
         return 1;
-    }
     // Held through the reset, so that no daemon starts on half-made files.
     pid_t holder = 0;
     std::string err;
