@@ -68,7 +68,7 @@ bool cnthb_samestamp(const cnthb_hbinf *a, const cnthb_hbinf *b);
 // Locking: statlock guards every field that changes after loading (node and
 // path states, lastread, lastrec, the worker bookkeeping of each path). It is
 // never held across a firmware call. Fields that are also read without it
-// (stat, bwriting, breading, nworkers) are accessed through std::atomic_ref.
+// (stat, bwriting, breading, nworkers) are accessed through hbld/hbst/hbadd.
 struct cnthb_list {
     char clustername[32];
     char edition[16];

@@ -1,5 +1,5 @@
-// Internals shared by the controller heartbeat's sources: the table lock,
-// pauses and cancellation switches, and the bookkeeping of worker threads.
+// Internals shared by the controller heartbeat's sources: the offline pass,
+// the pollers' pause and the bookkeeping of worker threads.
 #pragma once
 
 #include <pthread.h>
@@ -8,29 +8,7 @@
 #include <cstdint>
 
 #include "cnthb/cnthb.h"
-
-// Fields that one thread writes and another reads without statlock.
-template <class T> T cnthb_get(T &field)
-{
-    return std::atomic_ref<T>(field).load();
-}
-template <class T> void cnthb_put(T &field, T value)
-{
-    std::atomic_ref<T>(field).store(value);
-}
-
-// Holds a table's statlock for a scope. Taken only with cancellation
-// disabled, and never around a firmware call.
-class cnthb_statguard {
-public:
-    explicit cnthb_statguard(cnthb_list *list) : mutex_(&list->statlock) { pthread_mutex_lock(mutex_); }
-    ~cnthb_statguard() { pthread_mutex_unlock(mutex_); }
-    cnthb_statguard(const cnthb_statguard &) = delete;
-    cnthb_statguard &operator=(const cnthb_statguard &) = delete;
-
-private:
-    pthread_mutex_t *mutex_;
-};
+#include "frame/thread.h"
 
 // sem_set_statchange, its failure logged.
 void cnthb_statchange();
@@ -47,12 +25,12 @@ template <class Gone> void cnthb_offlinepass(cnthb_list *list, Gone gone)
 {
     bool changed = false;
     {
-        cnthb_statguard hold(list);
+        hblock hold(&list->statlock);
         for (int32_t i = 0; i < list->currsc; ++i) {
             cnthb_rsc *rsc = cnthb_rscat(list, i);
             for (int32_t j = 0; j < list->curnode; ++j) {
                 cnthb_node *node = cnthb_nodeat(rsc, j);
-                if (cnthb_get(node->stat) == SHMNM_SVSTAT_ONLINE && gone(rsc, node)) {
+                if (hbld(node->stat) == SHMNM_SVSTAT_ONLINE && gone(rsc, node)) {
                     cnthb_takeoffline(list, rsc, node);
                     changed = true;
                 }
@@ -63,24 +41,13 @@ template <class Gone> void cnthb_offlinepass(cnthb_list *list, Gone gone)
         cnthb_statchange();
 }
 
-// Pauses ms milliseconds (nothing for 0 or less).
-void cnthb_sleepms(int32_t ms);
-// Switches the calling thread's cancellation; a failure is logged.
-void cnthb_cancelstate(int state);
-// The pollers keep cancellation disabled and open it only for a moment
-// (cnthb_cancelpoint) or around a pause (cnthb_cancelsleep), so a
-// cancellation never lands in the middle of a cycle or inside a log call.
-void cnthb_cancelpoint();
-void cnthb_cancelsleep(int32_t ms);
+// The pause of the reader's, writer's and watcher's clean-up handlers.
+inline constexpr int32_t CNTHB_CLEANUP_MS = 500;
 
-// Polling pace of the reader and the writer: 500 ms while the counter is 0
-// or more (it drops by 1 each time), then hbint msec, announced once with
-// "***** start normal polling(<which>) ... *****".
-struct cnthb_pollpace {
-    int32_t counter = 1200;
-    int32_t announced = 0;
-};
-void cnthb_pollpause(cnthb_pollpace *pace, int32_t hbint, const char *which);
+// The reader's and writer's pause between cycles: the frame's pace, with
+// "***** start normal polling(<which>) ... *****" logged before the first
+// pause of the interval.
+void cnthb_pollpause(hbpace *pace, int32_t hbint, const char *which);
 
 // The three kinds of worker and the texts their start failures log.
 struct cnthb_wkind {
@@ -144,11 +111,11 @@ template <class F> int32_t cnthb_fwcall(cnthb_rsc *rsc, F call)
 {
     int32_t r;
     {
-        cnthb_cancelstate(PTHREAD_CANCEL_ENABLE);
+        hbth_cancelon(HBLOG_CNT);
         cnthb_rwguard hold(rsc);
         pthread_testcancel();
         r = call();
-        cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+        hbth_canceloff(HBLOG_CNT);
     }
     return r;
 }

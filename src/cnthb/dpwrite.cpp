@@ -9,7 +9,7 @@ namespace {
 bool cnthb_anywriting(cnthb_list *list)
 {
     for (int32_t i = 0; i < list->currsc; ++i)
-        if (cnthb_get(cnthb_rscat(list, i)->bwriting) != 0)
+        if (hbld(cnthb_rscat(list, i)->bwriting) != 0)
             return true;
     return false;
 }
@@ -19,28 +19,29 @@ bool cnthb_anywriting(cnthb_list *list)
 void *cnthb_dpwrite(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
-    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
-    // Nothing cancels this thread; its pauses are plain waits.
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    HBTH_ENTER(HBLOG_CNT);
+    // Nothing cancels this thread, and the stop it follows must not cut its
+    // pauses short: they are plain sleeps.
+    hbth_canceloff(HBLOG_CNT);
     hbtick_t maxloop = 0;
     for (int32_t n = 0; n < list->dpretry; ++n) {
         const hbtick_t start = hbtick_now();
         if (!cnthb_startworkers(list, CNTHB_WK_DPWRITE))
             continue;
-        cnthb_sleepms(list->dpint);
+        hbsleep_ms(list->dpint);
         cnthb_thwlooptime(start, &maxloop);
     }
 
     for (int32_t n = 0; n < cnthb_dpthretry; ++n) {
         if (!cnthb_anywriting(list)) {
-            HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+            HBTH_EXIT(HBLOG_CNT, 0);
             return nullptr;
         }
-        cnthb_sleepms(cnthb_dpthwait);
+        hbsleep_ms(cnthb_dpthwait);
     }
     HBLOG(HBLOG_CNT, 1, "TIMEOUT(%d msec x %d):wait cnthb_dpwriteth", cnthb_dpthwait, cnthb_dpthretry);
     cnthb_cancelworkers(list, true);
-    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    HBTH_EXIT(HBLOG_CNT, 0);
     return nullptr;
 }
 
@@ -48,7 +49,7 @@ void *cnthb_dpwritethread(void *arg)
 {
     auto *rsc = static_cast<cnthb_rsc *>(arg);
     cnthb_workerrun run(rsc, true);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    hbth_canceloff(HBLOG_CNT);
 
     cnthb_hbinf rec;
     cnthb_makedown(&rec);

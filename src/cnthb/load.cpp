@@ -380,10 +380,10 @@ void cnthb_freelist(cnthb_list *list)
         return;
     // Workers cancelled at shutdown may still be unwinding; they hold
     // pointers into the block until their very last step.
-    int32_t alive = cnthb_get(list->nworkers);
+    int32_t alive = hbld(list->nworkers);
     for (int i = 0; alive > 0 && i < CNTHB_FREE_WAIT_STEPS; ++i) {
         usleep(CNTHB_FREE_WAIT_MS * 1000);
-        alive = cnthb_get(list->nworkers);
+        alive = hbld(list->nworkers);
     }
     if (alive > 0) {
         // A worker stuck for good in the controller: better a leak than a

@@ -28,7 +28,11 @@ size_t cnthb_readslots(cnthb_list *list, cnthb_rsc *rsc)
 void cnthb_readthexit(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
-    cnthb_sleepms(500);
+    // A fixed 500 ms, not cut short by the stop (which has been raised when
+    // this runs): the workers still in a controller call get that long to
+    // end by themselves before they are cancelled. It delays only the
+    // controller side's stop; the LAN down packets have gone out by then.
+    hbsleep_ms(CNTHB_CLEANUP_MS);
     cnthb_cancelworkers(list, false);
     HBLOG(HBLOG_CNT, 8, "cnthb_hbread() exit");
 }
@@ -36,15 +40,15 @@ void cnthb_readthexit(void *arg)
 void *cnthb_hbread(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
-    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_CNT);
     pthread_cleanup_push(cnthb_readthexit, list);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
-    cnthb_pollpace pace;
+    hbth_canceloff(HBLOG_CNT);
+    hbpace pace;
     hbtick_t maxloop = 0;
     for (;;) {
         const hbtick_t start = hbtick_now();
         if (!cnthb_startworkers(list, CNTHB_WK_READ)) {
-            cnthb_cancelpoint();
+            hbth_testcancel(HBLOG_CNT);
             if (bsigrecv.load() != 0)
                 break;
             cnthb_pollpause(&pace, list->hbint, "read1");
@@ -54,14 +58,14 @@ void *cnthb_hbread(void *arg)
         // worker hangs in the controller.
         if (cnthb_bwatchth.load() == 0)
             cnthb_hbcheck(list);
-        cnthb_cancelpoint();
+        hbth_testcancel(HBLOG_CNT);
         if (bsigrecv.load() != 0)
             break;
         cnthb_pollpause(&pace, list->hbint, "read2");
         cnthb_thrlooptime(start, &maxloop);
     }
     HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
-    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;
 }
@@ -70,13 +74,13 @@ void *cnthb_readthread(void *arg)
 {
     auto *rsc = static_cast<cnthb_rsc *>(arg);
     cnthb_workerrun run(rsc, false);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    hbth_canceloff(HBLOG_CNT);
     cnthb_list *list = rsc->list;
     void *const failed = reinterpret_cast<void *>(static_cast<intptr_t>(5));
 
     size_t nrec = 0;
     {
-        cnthb_statguard hold(list);
+        hblock hold(&list->statlock);
         if (rsc->maxnodepri < 0) {
             HBLOG(HBLOG_CNT, 1, "maxnodepri is invalid(%d)", rsc->maxnodepri);
             rsc->maxnodepri = list->curnode;
@@ -99,7 +103,7 @@ void *cnthb_readthread(void *arg)
     }
     for (int32_t j = 0; j < list->curnode; ++j) {
         cnthb_node *node = cnthb_nodeat(rsc, j);
-        if (cnthb_get(node->stat) == SHMNM_SVSTAT_UNUSED || node->cntno < 0)
+        if (hbld(node->stat) == SHMNM_SVSTAT_UNUSED || node->cntno < 0)
             continue;
         cnthb_hbdata(list, rsc, node, buf.get() + node->cntno);
     }

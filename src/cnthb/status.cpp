@@ -48,7 +48,7 @@ void cnthb_newhb(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
         return;
     }
     cnthb_publishsv(rsc, node, SHMNM_SVSTAT_ONLINE);
-    cnthb_put(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_ONLINE));
+    hbst(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_ONLINE));
     HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : ONLINE ***", rsc->name, node->name, node->pri);
     cnthb_setrscstat(list, rsc);
     cnthb_statchange();
@@ -61,7 +61,7 @@ void cnthb_newdown(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
         return;
     HBLOG(HBLOG_CNT, 1, "DOWNPACKET read(%s,%s(%d))", rsc->name, node->name, node->pri);
     cnthb_publishsv(rsc, node, SHMNM_SVSTAT_OFFLINE);
-    cnthb_put(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_OFFLINE));
+    hbst(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_OFFLINE));
     HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
     node->lastrec.tag[0] = '\0';
     cnthb_setrscstat(list, rsc);
@@ -83,7 +83,7 @@ void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
     const int32_t r = shmnm_setnonvolstat(SHMNM_NONVOL_NOTREADY);
     if (r != 0)
         HBLOG(HBLOG_CNT, 1, "shmnm_setnonvolstat SHMNM_NONVOL_NOTREADY failed(ret:%d)", r);
-    cnthb_put(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_OFFLINE));
+    hbst(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_OFFLINE));
     HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
     // The node's next record only primes the comparison again.
     node->lastrec.tag[0] = '\0';
@@ -95,7 +95,7 @@ int32_t cnthb_hbdata(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node, cnthb_h
     const int kind = cnthb_rectag(rec);
     if (kind == CNTHB_REC_NONE)
         return 8;
-    cnthb_statguard hold(list);
+    hblock hold(&list->statlock);
     if (node->lastrec.tag[0] == '\0') {
         node->lastrec = *rec; // the first record seen only primes
         return 0;
@@ -115,7 +115,7 @@ int32_t cnthb_setrscstat(cnthb_list *list, cnthb_rsc *rsc)
     bool owndown = false, peerdown = false, online = false, unused = false;
     for (int32_t j = 0; j < list->curnode; ++j) {
         cnthb_node *node = cnthb_nodeat(rsc, j);
-        switch (cnthb_get(node->stat)) {
+        switch (hbld(node->stat)) {
         case SHMNM_SVSTAT_OFFLINE:
         case SHMNM_SVSTAT_UNKNOWN:
             (node->pri == list->ownpri ? owndown : peerdown) = true;
@@ -147,7 +147,7 @@ int32_t cnthb_setrscstat(cnthb_list *list, cnthb_rsc *rsc)
         stat = SHMNM_RSCSTAT_UNKNOWN;
         HBLOG(HBLOG_CNT, 1, " *** %s : UNKNOWN ***", rsc->name);
     }
-    cnthb_put(rsc->stat, stat);
+    hbst(rsc->stat, stat);
     const int32_t r = shmnm_setrscstat(HB_KIND_CNTHB, rsc->name, stat);
     if (r != 0)
         HBLOG(HBLOG_CNT, 1, "shmnm_cnthb_setrscstat(CNTHB,%s,%d) failed(ret:%d)", rsc->name, stat, r);

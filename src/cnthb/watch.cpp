@@ -29,28 +29,31 @@ int32_t cnthb_hbcheck(cnthb_list *list)
 
 void cnthb_watchthexit(void *)
 {
-    cnthb_sleepms(500);
+    // The same fixed pause as the reader's and writer's clean-up, kept on
+    // purpose; the watcher has no workers to wait for, so it only delays its
+    // end line (all three pause side by side at a stop).
+    hbsleep_ms(CNTHB_CLEANUP_MS);
     HBLOG(HBLOG_CNT, 8, "cnthb_hbwatch() exit");
 }
 
 void *cnthb_hbwatch(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
-    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_CNT);
     hbtick_t maxloop = 0;
     pthread_cleanup_push(cnthb_watchthexit, list);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    hbth_canceloff(HBLOG_CNT);
     for (;;) {
         const hbtick_t start = hbtick_now();
-        cnthb_cancelpoint();
+        hbth_testcancel(HBLOG_CNT);
         if (bsigrecv.load() != 0)
             break;
-        cnthb_cancelsleep(list->hbint);
+        hbwait_ms(HBLOG_CNT, list->hbint);
         cnthb_hbcheck(list); // never cancelled half-way
         cnthb_thmlooptime(start, &maxloop);
     }
     HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
-    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;
 }

@@ -1,4 +1,4 @@
-// Pauses, cancellation switches and the bookkeeping of the detached workers
+// The pollers' pause and the bookkeeping of the detached workers
 // that make the firmware calls, so that a hanging controller blocks only them.
 #include <algorithm>
 #include <cerrno>
@@ -10,11 +10,8 @@
 
 namespace {
 
-constexpr int32_t CNTHB_FAST_POLL_MS = 500;
-// How often a pausing poller looks for its cancellation.
-constexpr int64_t CNTHB_CANCEL_STEP_MS = 20;
 // How often a worker waiting for rwmutex looks for its cancellation.
-constexpr long CNTHB_RWWAIT_NS = 10L * 1000 * 1000;
+constexpr int64_t CNTHB_RWWAIT_MS = 10;
 
 int32_t &cnthb_busy(cnthb_rsc *rsc, bool write)
 {
@@ -36,73 +33,11 @@ const cnthb_wkind CNTHB_WK_DPWRITE = {cnthb_dpwritethread, true,
                                       "pthread_create() failed(ret:%d,errno:%d)",
                                       "pthread_attr_destroy() failed(ret:%d,errno:%d)"};
 
-void cnthb_sleepms(int32_t ms)
+void cnthb_pollpause(hbpace *pace, int32_t hbint, const char *which)
 {
-    if (ms <= 0)
-        return;
-    struct timespec left = {ms / 1000, static_cast<long>(ms % 1000) * 1000 * 1000};
-    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
-}
-
-void cnthb_cancelstate(int state)
-{
-    int old = 0;
-    const int r = pthread_setcancelstate(state, &old);
-    if (r == 0)
-        return;
-    if (state == PTHREAD_CANCEL_DISABLE)
-        HBLOG(HBLOG_CNT, 1, "pthread_setcancelstate(DISABLE) failed(ret:%d,errno:%d)", r, errno);
-    else
-        HBLOG(HBLOG_CNT, 1, "pthread_setcancelstate(ENABLE) failed(ret:%d,errno:%d)", r, errno);
-}
-
-void cnthb_cancelpoint()
-{
-    cnthb_cancelstate(PTHREAD_CANCEL_ENABLE);
-    pthread_testcancel();
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
-}
-
-void cnthb_cancelsleep(int32_t ms)
-{
-    // The pause itself runs with cancellation off, in short steps, and the
-    // cancellation is taken between them at pthread_testcancel. Acted on
-    // inside a blocking call, it would unwind through frames of the C library
-    // and of instrumentation layers, not all of which run their own clean-up;
-    // from pthread_testcancel only the daemon's own frames unwind.
-    struct timespec until;
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += ms / 1000;
-    until.tv_nsec += static_cast<long>(ms % 1000) * 1000 * 1000;
-    if (until.tv_nsec >= 1000L * 1000 * 1000) {
-        until.tv_nsec -= 1000L * 1000 * 1000;
-        ++until.tv_sec;
-    }
-    for (;;) {
-        cnthb_cancelpoint();
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const int64_t left = (static_cast<int64_t>(until.tv_sec) - now.tv_sec) * 1000 +
-                             (until.tv_nsec - now.tv_nsec) / (1000 * 1000);
-        if (left <= 0)
-            break;
-        cnthb_sleepms(static_cast<int32_t>(std::min<int64_t>(left, CNTHB_CANCEL_STEP_MS)));
-    }
-}
-
-void cnthb_pollpause(cnthb_pollpace *pace, int32_t hbint, const char *which)
-{
-    if (pace->counter >= 0) {
-        cnthb_cancelsleep(CNTHB_FAST_POLL_MS);
-        --pace->counter;
-        return;
-    }
-    if (pace->announced == 0) {
-        HBLOG(HBLOG_CNT, 8, "***** start normal polling(%s) %d msec. *****", which, hbint);
-        pace->announced = 1;
-    }
-    cnthb_cancelsleep(hbint);
+    if (pace->budget < 0)
+        hbpace_announce(pace, HBLOG_CNT, which, hbint);
+    hbwait_ms(HBLOG_CNT, hbpace_pause(pace, hbint));
 }
 
 bool cnthb_startworkers(cnthb_list *list, const cnthb_wkind &kind)
@@ -125,11 +60,11 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
     cnthb_list *list = rsc->list;
     // The new worker's first step waits for this lock, so it sees its path's
     // bookkeeping complete.
-    cnthb_statguard hold(list);
+    hblock hold(&list->statlock);
     int32_t &busy = cnthb_busy(rsc, kind.write);
-    if (cnthb_get(busy) != 0)
+    if (hbld(busy) != 0)
         return; // the previous worker still runs: none is stacked on it
-    cnthb_put(busy, 1);
+    hbst(busy, 1);
     if (kind.write) {
         rsc->writestart = hbtick_now();
         ++rsc->writeseq;
@@ -140,29 +75,29 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
 
     int r = pthread_attr_init(attr);
     if (r != 0) {
-        cnthb_put(busy, 0);
+        hbst(busy, 0);
         HBLOG(HBLOG_CNT, 1, kind.attrinit, r, errno);
         return;
     }
     setstacksz(attr);
     r = pthread_attr_setdetachstate(attr, PTHREAD_CREATE_DETACHED);
     if (r != 0) {
-        cnthb_put(busy, 0);
+        hbst(busy, 0);
         HBLOG(HBLOG_CNT, 1, "pthread_attr_setdetachstate() failed(ret:%d,errno:%d)", r, errno);
         pthread_attr_destroy(attr);
         return;
     }
-    std::atomic_ref<int32_t>(list->nworkers).fetch_add(1);
+    hbadd(list->nworkers, 1);
     pthread_t th = 0;
     r = pthread_create(&th, attr, kind.entry, rsc);
     if (r != 0) {
-        std::atomic_ref<int32_t>(list->nworkers).fetch_sub(1);
-        cnthb_put(busy, 0);
+        hbadd(list->nworkers, -1);
+        hbst(busy, 0);
         HBLOG(HBLOG_CNT, 1, kind.create, r, errno);
         pthread_attr_destroy(attr);
         return;
     }
-    cnthb_put(kind.write ? rsc->writeth : rsc->readth, th);
+    hbst(kind.write ? rsc->writeth : rsc->readth, th);
     r = pthread_attr_destroy(attr);
     if (r != 0)
         HBLOG(HBLOG_CNT, 1, kind.attrdestroy, r, errno);
@@ -172,25 +107,25 @@ void cnthb_cancelworkers(cnthb_list *list, bool write)
 {
     // Under the lock a busy flag still set means its worker has not reached
     // its end yet, so the thread id is still valid to cancel.
-    cnthb_statguard hold(list);
+    hblock hold(&list->statlock);
     for (int32_t i = 0; i < list->currsc; ++i) {
         cnthb_rsc *rsc = cnthb_rscat(list, i);
         int32_t &busy = cnthb_busy(rsc, write);
-        if (cnthb_get(busy) == 0)
+        if (hbld(busy) == 0)
             continue;
-        const pthread_t th = cnthb_get(write ? rsc->writeth : rsc->readth);
+        const pthread_t th = hbld(write ? rsc->writeth : rsc->readth);
         if (th != 0) {
             const int r = pthread_cancel(th);
             if (r != 0)
                 HBLOG(HBLOG_CNT, 1, "pthread_cancel() failed(ret:%d,errno:%d)", r, errno);
         }
-        cnthb_put(busy, 0);
+        hbst(busy, 0);
     }
 }
 
 cnthb_workerrun::cnthb_workerrun(cnthb_rsc *rsc, bool write) : rsc_(rsc), write_(write)
 {
-    cnthb_statguard hold(rsc->list);
+    hblock hold(&rsc->list->statlock);
     seq_ = write ? rsc->writeseq : rsc->readseq;
     start_ = write ? rsc->writestart : rsc->readstart;
 }
@@ -198,20 +133,20 @@ cnthb_workerrun::cnthb_workerrun(cnthb_rsc *rsc, bool write) : rsc_(rsc), write_
 cnthb_workerrun::~cnthb_workerrun()
 {
     // The very last touch of the table by this worker.
-    std::atomic_ref<int32_t>(rsc_->list->nworkers).fetch_sub(1);
+    hbadd(rsc_->list->nworkers, -1);
 }
 
 void cnthb_workerrun::finish(const char *op)
 {
     cnthb_list *list = rsc_->list;
-    cnthb_statguard hold(list);
+    hblock hold(&list->statlock);
     if (op != nullptr)
         cnthb_threadtime(start_, write_ ? &rsc_->maxwrite : &rsc_->maxread, op, rsc_->name, list->hostname,
                          list->ownpri, list->hbto);
     // A worker that was given up on meanwhile leaves its path's flag to the
     // one started after it.
     if (seq_ == (write_ ? rsc_->writeseq : rsc_->readseq))
-        cnthb_put(cnthb_busy(rsc_, write_), 0);
+        hbst(cnthb_busy(rsc_, write_), 0);
 }
 
 cnthb_rwguard::cnthb_rwguard(cnthb_rsc *rsc)
@@ -219,13 +154,7 @@ cnthb_rwguard::cnthb_rwguard(cnthb_rsc *rsc)
     if (rsc->list->rwlock == 0)
         return;
     for (;;) {
-        struct timespec until;
-        clock_gettime(CLOCK_REALTIME, &until);
-        until.tv_nsec += CNTHB_RWWAIT_NS;
-        if (until.tv_nsec >= 1000L * 1000 * 1000) {
-            until.tv_nsec -= 1000L * 1000 * 1000;
-            ++until.tv_sec;
-        }
+        const struct timespec until = hbts_after(CLOCK_REALTIME, CNTHB_RWWAIT_MS);
         const int r = pthread_mutex_timedlock(&rsc->rwmutex, &until);
         if (r == 0) {
             mutex_ = &rsc->rwmutex;

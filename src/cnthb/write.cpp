@@ -8,21 +8,21 @@
 namespace {
 
 // The writing cycles; returns when the stop has been seen.
-void cnthb_writecycles(cnthb_list *list, cnthb_pollpace *pace)
+void cnthb_writecycles(cnthb_list *list, hbpace *pace)
 {
     hbtick_t maxloop = 0;
     for (;;) {
         const hbtick_t start = hbtick_now();
         if (!cnthb_startworkers(list, CNTHB_WK_WRITE)) {
-            cnthb_cancelpoint();
+            hbth_testcancel(HBLOG_CNT);
             if (bsigrecv.load() != 0)
                 return;
-            cnthb_cancelsleep(list->hbint);
+            hbwait_ms(HBLOG_CNT, list->hbint);
             if (bsigrecv.load() != 0)
                 return;
             continue;
         }
-        cnthb_cancelpoint();
+        hbth_testcancel(HBLOG_CNT);
         if (bsigrecv.load() != 0)
             return;
         cnthb_pollpause(pace, list->hbint, "write");
@@ -37,7 +37,11 @@ void cnthb_writecycles(cnthb_list *list, cnthb_pollpace *pace)
 void cnthb_writethexit(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
-    cnthb_sleepms(500); // gives running workers time to end by themselves
+    // A fixed 500 ms, not cut short by the stop (which has been raised when
+    // this runs): the workers still in a controller call get that long to
+    // end by themselves before they are cancelled. It delays only the
+    // controller side's stop; the LAN down packets have gone out by then.
+    hbsleep_ms(CNTHB_CLEANUP_MS);
     cnthb_cancelworkers(list, true);
     HBLOG(HBLOG_CNT, 8, "cnthb_hbwrite() exit");
 }
@@ -45,11 +49,11 @@ void cnthb_writethexit(void *arg)
 void *cnthb_hbwrite(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
-    HBLOG(HBLOG_CNT, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_CNT);
     pthread_cleanup_push(cnthb_writethexit, list);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    hbth_canceloff(HBLOG_CNT);
     HBLOG(HBLOG_CNT, 1, "***** WAIT START: cnthb_hbwrite *****");
-    cnthb_pollpace pace;
+    hbpace pace;
 
     // Nothing is written before the cluster says so; the pace counts from
     // the thread's start, the waiting included.
@@ -59,7 +63,7 @@ void *cnthb_hbwrite(void *arg)
             HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
             break;
         }
-        cnthb_cancelpoint();
+        hbth_testcancel(HBLOG_CNT);
         cnthb_pollpause(&pace, list->hbint, "start write");
         started = cnthb_bhbwrite.load() != 0;
     }
@@ -69,7 +73,7 @@ void *cnthb_hbwrite(void *arg)
             cnthb_writecycles(list, &pace);
     }
     HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
-    HBLOG(HBLOG_CNT, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;
 }
@@ -78,7 +82,7 @@ void *cnthb_writethread(void *arg)
 {
     auto *rsc = static_cast<cnthb_rsc *>(arg);
     cnthb_workerrun run(rsc, true);
-    cnthb_cancelstate(PTHREAD_CANCEL_DISABLE);
+    hbth_canceloff(HBLOG_CNT);
     cnthb_list *list = rsc->list;
 
     cnthb_hbinf rec;

@@ -41,6 +41,14 @@ enum : int {
     HBLOG_BOTH = 3, // both logs
 };
 
+// Log levels; a log records the calls at or below its configured level.
+enum : int {
+    HBLV_ERROR = 1,  // errors and state changes
+    HBLV_WARN = 2,   // failures survived with a substitute
+    HBLV_INFO = 4,   // start, stop, thread ends
+    HBLV_DETAIL = 8, // detail
+};
+
 void hblog(int module, int level, const char *file, int line, const char *func, const char *format, ...)
     __attribute__((format(printf, 6, 7)));
 void loginit();

@@ -1,36 +1,25 @@
-// Time-outs of silent nodes, the watcher thread, and the exit handlers and
-// cancellation switches of the LAN threads.
-#include <time.h>
-
+// Time-outs of silent nodes, the watcher thread, and the exit handlers of
+// the LAN threads.
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 
 #include "frame/frame.h"
+#include "frame/thread.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
 namespace {
 
-char RET_OK[] = "0";
-
-void setcancel(int state, const char *failmsg)
-{
-    int old = 0;
-    const int r = pthread_setcancelstate(state, &old);
-    if (r != 0)
-        HBLOG(HBLOG_LAN, 1, failmsg, r, errno);
-}
-
 // Takes one node OFFLINE when it has been silent past the limit. Runs under
 // the table's lock, so a heartbeat evaluated just before is seen here.
 bool timeout(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, hbtick_t limit, int32_t scaled)
 {
-    pthread_mutex_lock(&list->statmx);
+    hblock hold(&list->statmx);
     bool out = false;
-    if (lanhb_ld(node->stat) == SHMNM_SVSTAT_ONLINE) {
+    if (hbld(node->stat) == SHMNM_SVSTAT_ONLINE) {
         const hbtick_t cur = hbtick_now();
-        const hbtick_t last = lanhb_ld(node->lastrecv);
+        const hbtick_t last = hbld(node->lastrecv);
         const hbtick_t diff = cur - last;
         if (diff > limit) {
             HBLOG(HBLOG_LAN, 1, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
@@ -40,44 +29,16 @@ bool timeout(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, hbtick_t limit,
             if (r != 0)
                 HBLOG(HBLOG_LAN, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri,
                       r);
-            lanhb_st(node->stat, SHMNM_SVSTAT_OFFLINE);
+            hbst(node->stat, SHMNM_SVSTAT_OFFLINE);
             HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
             lanhb_setrscstat(list, rsc);
             out = true;
         }
     }
-    pthread_mutex_unlock(&list->statmx);
     return out;
 }
 
 } // namespace
-
-void lanhb_cancelon() { setcancel(PTHREAD_CANCEL_ENABLE, "pthread_setcancelstate(ENABLE) failed(ret:%d,errno:%d)"); }
-
-void lanhb_canceloff()
-{
-    setcancel(PTHREAD_CANCEL_DISABLE, "pthread_setcancelstate(DISABLE) failed(ret:%d,errno:%d)");
-}
-
-void lanhb_testcancel()
-{
-    lanhb_cancelon();
-    pthread_testcancel();
-    lanhb_canceloff();
-}
-
-void lanhb_sleepms(int32_t ms)
-{
-    for (int32_t left = ms;; left -= LANHB_WAITSLICE_MS) {
-        lanhb_testcancel();
-        if (left <= 0)
-            return;
-        const int32_t slice = std::min(left, LANHB_WAITSLICE_MS);
-        struct timespec ts = {slice / 1000, static_cast<long>(slice % 1000) * 1000000L};
-        while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-        }
-    }
-}
 
 int32_t lanhb_hbcheck(lanhb_list *list)
 {
@@ -93,7 +54,7 @@ int32_t lanhb_hbcheck(lanhb_list *list)
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
         for (int32_t j = 0; j < list->curnode; ++j) {
             lanhb_node *node = lanhb_rscnode(rsc, j);
-            if (lanhb_ld(node->stat) == SHMNM_SVSTAT_ONLINE && timeout(list, rsc, node, limit, scaled))
+            if (hbld(node->stat) == SHMNM_SVSTAT_ONLINE && timeout(list, rsc, node, limit, scaled))
                 changed = true;
         }
     }
@@ -112,22 +73,23 @@ void lanhb_watchthexit(void *) { HBLOG(HBLOG_LAN, 4, "lanhb_hbwatch() exit"); }
 void *lanhb_hbwatch(void *arg)
 {
     lanhb_list *list = static_cast<lanhb_list *>(arg);
-    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_LAN);
+    void *ret = nullptr;
     pthread_cleanup_push(lanhb_watchthexit, nullptr);
-    lanhb_canceloff();
+    hbth_canceloff(HBLOG_LAN);
     hbtick_t maxloop = 0;
     for (;;) {
         const hbtick_t t0 = hbtick_now();
-        lanhb_testcancel();
+        hbth_testcancel(HBLOG_LAN);
         if (bsigrecv.load() != 0)
             break;
-        lanhb_sleepms(list->hbint);
+        hbwait_ms(HBLOG_LAN, list->hbint);
         // A check is never cancelled half-way.
         lanhb_hbcheck(list);
         lanhb_thwlooptime(t0, &maxloop);
     }
-    HBLOG(HBLOG_LAN, 1, "SIGUSR1 already received");
-    HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 0L);
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "SIGUSR1 already received");
+    ret = lanhb_exit(LANHB_EXIT_OK);
     pthread_cleanup_pop(1);
-    return RET_OK;
+    return ret;
 }

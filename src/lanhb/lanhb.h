@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "frame/frame.h"
+#include "frame/thread.h"
 
 struct lanhb_list;
 
@@ -57,7 +58,7 @@ template <class Table> int32_t lanhb_loadexit(Table *table)
 // One zero-filled heap block: the header, then per path one lanhb_rsc
 // immediately followed by curnode lanhb_node records. Only the states and
 // tick stamps change once the threads run; `stat` and `lastrecv` are touched
-// by several threads and are accessed only through lanhb_ld/lanhb_st, and
+// by several threads and are accessed only through hbld/hbst, and
 // every read-decide-publish of them happens under the header's `statmx`.
 
 inline constexpr int LANHB_RSCNAME_SIZE = 32;
@@ -113,14 +114,6 @@ lanhb_node *lanhb_getnode(lanhb_list *list, int32_t i, int32_t j);
 // Node j of the path whose record is rsc.
 lanhb_node *lanhb_rscnode(lanhb_rsc *rsc, int32_t j);
 
-// Shared state fields: relaxed atomic access, whoever holds the lock.
-inline int32_t lanhb_ld(int32_t &field) { return std::atomic_ref<int32_t>(field).load(std::memory_order_relaxed); }
-inline void lanhb_st(int32_t &field, int32_t v) { std::atomic_ref<int32_t>(field).store(v, std::memory_order_relaxed); }
-inline hbtick_t lanhb_ld(hbtick_t &field) { return std::atomic_ref<hbtick_t>(field).load(std::memory_order_relaxed); }
-inline void lanhb_st(hbtick_t &field, hbtick_t v)
-{
-    std::atomic_ref<hbtick_t>(field).store(v, std::memory_order_relaxed);
-}
 
 // Non-blocking sockets for the sender and receiver ("/root/lanhb/socket/nbio").
 extern int32_t lanhb_bsocknbio;
@@ -220,16 +213,15 @@ struct lanhb_sockfd {
     }
 };
 
-// The sender's pacing: 1201 start-up polls of 500 ms, then polls of hbint,
-// counting polls in which the parent process has gone.
+// The sender's pacing (the frame's pace), counting polls in which the
+// parent process has gone.
 struct lanhb_pace {
+    hbpace pace;
     int32_t hbint = 0;
     int32_t countover1 = 0;
     int32_t countover2 = 0;
-    int32_t budget = 1200;
-    int32_t normal = 0; // 1 once the first poll of hbint has run
     int32_t orphan = 0; // consecutive polls with parent pid 1
-    void (*sleepms)(int32_t ms) = nullptr; // null: a cancellable sleep
+    void (*sleepms)(int32_t ms) = nullptr; // null: a wait that ends on the stop
     pid_t (*ppid)() = nullptr;             // null: getppid
 };
 // Fills hbint and the self-down limits.
@@ -239,15 +231,19 @@ void lanhb_paceinit(lanhb_pace *pace, int32_t hbint);
 // long enough: the caller stops the daemon.
 bool lanhb_pacestep(lanhb_pace *pace, hbtick_t t0, hbtick_t *maxloop);
 
-// Cancellation switches of the heartbeat threads; failures are logged.
-void lanhb_cancelon();
-void lanhb_canceloff();
-// The one place where a pending cancellation takes effect: enabled just for
-// pthread_testcancel. Waits call it between slices of at most
-// LANHB_WAITSLICE_MS, so a thread is never unwound from inside a blocking
-// call (whose interceptors, e.g. the thread sanitizer's, cannot follow it);
-// a stop thus lands within one slice.
-void lanhb_testcancel();
-inline constexpr int32_t LANHB_WAITSLICE_MS = 50;
-// Sleeps ms milliseconds, open to cancellation throughout.
-void lanhb_sleepms(int32_t ms);
+// How a LAN thread ends: the text it returns (what the main line's join
+// prints) and the code its "<<< EXIT >>>" line shows.
+enum : int {
+    LANHB_EXIT_OK,
+    LANHB_EXIT_NOSOCK,
+    LANHB_EXIT_NOBIND,
+    LANHB_EXIT_NOMEM,
+};
+struct lanhb_exitcode {
+    const char *text;
+    long logged;
+};
+inline constexpr lanhb_exitcode LANHB_EXITS[] = {{"0", 0}, {"1", 6}, {"2", 7}, {"3", 5}};
+// Logs the EXIT line of an end and yields the thread's exit value.
+#define lanhb_exit(kind)                                                                                               \
+    (HBTH_EXIT(HBLOG_LAN, LANHB_EXITS[kind].logged), const_cast<char *>(LANHB_EXITS[kind].text))

@@ -69,7 +69,7 @@ void lanhb_pktnodeinf(lanhb_packet *pkt, lanhb_list *list, bool named)
 void lanhb_pktrsc(lanhb_packet *pkt, lanhb_rsc *rsc)
 {
     pkt->rscpri = static_cast<int32_t>(htonl(static_cast<uint32_t>(rsc->pri)));
-    pkt->rscstat = static_cast<int32_t>(htonl(static_cast<uint32_t>(lanhb_ld(rsc->stat))));
+    pkt->rscstat = static_cast<int32_t>(htonl(static_cast<uint32_t>(hbld(rsc->stat))));
 }
 
 bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode)

@@ -2,7 +2,6 @@
 // in, falling back to IPv4 when the host has no IPv6.
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,14 +17,6 @@
 #include "services/services.h"
 
 namespace {
-
-char RET_OK[] = "0";
-char RET_NOSOCK[] = "1";
-char RET_NOBIND[] = "2";
-char RET_NOMEM[] = "3";
-
-
-void exitlog(long code) { HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", code); }
 
 // Opens and binds the receive socket; returns null or the exit text.
 char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *v6mode)
@@ -47,8 +38,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
             const int err = errno;
             HBLOG(HBLOG_LAN, 1, "socket(INET6) failed(errno:%d)", err);
             if (err != EAFNOSUPPORT) {
-                exitlog(6);
-                return RET_NOSOCK;
+                return lanhb_exit(LANHB_EXIT_NOSOCK);
             }
             HBLOG(HBLOG_LAN, 1, "try socket(INET)");
         } else {
@@ -64,8 +54,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
                 close(s->fd);
                 s->fd = -1;
                 HBLOG(HBLOG_LAN, 1, "bind(INET6) failed(errno:%d)", err);
-                exitlog(7);
-                return RET_NOBIND;
+                return lanhb_exit(LANHB_EXIT_NOBIND);
             }
             *v6mode = true;
             return nullptr;
@@ -75,8 +64,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
     s->fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (s->fd < 0) {
         HBLOG(HBLOG_LAN, 1, "socket(INET) failed(errno:%d)", errno);
-        exitlog(6);
-        return RET_NOSOCK;
+        return lanhb_exit(LANHB_EXIT_NOSOCK);
     }
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
@@ -87,8 +75,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
         close(s->fd);
         s->fd = -1;
         HBLOG(HBLOG_LAN, 1, "bind(INET) failed(errno:%d)", err);
-        exitlog(7);
-        return RET_NOBIND;
+        return lanhb_exit(LANHB_EXIT_NOBIND);
     }
     *v6mode = false;
     return nullptr;
@@ -110,26 +97,9 @@ void signalready()
         HBLOG(HBLOG_LAN, 1, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
 }
 
-// select until the socket is readable, at most ms milliseconds, in slices
-// with a cancellation test before each; select's result.
-int waitreadable(int fd, int32_t ms)
-{
-    for (int64_t left = ms;; left -= LANHB_WAITSLICE_MS) {
-        lanhb_testcancel();
-        const int64_t slice = std::clamp<int64_t>(left, 0, LANHB_WAITSLICE_MS);
-        fd_set rd;
-        FD_ZERO(&rd);
-        FD_SET(fd, &rd);
-        struct timeval tv = {static_cast<time_t>(slice / 1000), static_cast<suseconds_t>(slice % 1000) * 1000};
-        const int n = select(fd + 1, &rd, nullptr, nullptr, &tv);
-        if (n != 0 || left <= LANHB_WAITSLICE_MS)
-            return n;
-    }
-}
-
 char *hbrecv(lanhb_list *list)
 {
-    lanhb_canceloff();
+    hbth_canceloff(HBLOG_LAN);
     hbtick_t maxloop = static_cast<hbtick_t>(static_cast<int64_t>(list->hbint) * tckconf / 1000);
     hbtick_t maxrecv = 0;
     char port[8];
@@ -144,8 +114,7 @@ char *hbrecv(lanhb_list *list)
     std::unique_ptr<lanhb_packet, hbfree> pkt(static_cast<lanhb_packet *>(std::malloc(len)));
     if (!pkt) {
         HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
-        exitlog(5);
-        return RET_NOMEM;
+        return lanhb_exit(LANHB_EXIT_NOMEM);
     }
 
     // The main line normally holds the mutex by now and waits for this.
@@ -154,23 +123,24 @@ char *hbrecv(lanhb_list *list)
 
     for (;;) {
         const hbtick_t t0 = hbtick_now();
-        lanhb_testcancel();
+        hbth_testcancel(HBLOG_LAN);
         if (bsigrecv.load() != 0) {
-            HBLOG(HBLOG_LAN, 1, "SIGUSR1 already received");
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "SIGUSR1 already received");
             pkt.reset();
             close(s.fd);
             s.fd = -1;
-            exitlog(0);
-            return RET_OK;
+            return lanhb_exit(LANHB_EXIT_OK);
         }
 
-        const int n = waitreadable(s.fd, list->hbint);
+        // The socket and the stop event together: a heartbeat is taken at
+        // once, and a stop ends the wait at once.
+        const int n = hbwait_fd(HBLOG_LAN, s.fd, list->hbint);
         const int err = errno;
         if (n < 0) {
             HBLOG(HBLOG_LAN, 1, "select() failed(errno:%d)", err);
             if (lanhb_bwatchth.load() == 0)
                 lanhb_hbcheck(list);
-            lanhb_sleepms(list->hbint);
+            hbwait_ms(HBLOG_LAN, list->hbint);
             lanhb_thrlooptime(t0, &maxloop);
             continue;
         }
@@ -196,7 +166,7 @@ char *hbrecv(lanhb_list *list)
 
 void *lanhb_hbrecv(void *arg)
 {
-    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_LAN);
     char *ret = nullptr;
     pthread_cleanup_push(lanhb_recvthexit, nullptr);
     ret = hbrecv(static_cast<lanhb_list *>(arg));

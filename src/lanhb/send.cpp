@@ -17,11 +17,7 @@
 
 namespace {
 
-char RET_OK[] = "0";
-char RET_NOMEM[] = "3";
-
 constexpr char OWN_LOOPBACK[] = "127.0.0.1";
-constexpr int32_t STARTUP_POLL_MS = 500;
 
 struct addrfree {
     void operator()(addrinfo *ai) const { freeaddrinfo(ai); }
@@ -51,15 +47,14 @@ pkt_ptr newpacket(const lanhb_list *list, const char *tag)
     const size_t len = lanhb_pktlen(list->maxnode);
     pkt_ptr pkt(static_cast<lanhb_packet *>(std::malloc(len)));
     if (!pkt) {
-        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
-        HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 5L);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
         return pkt;
     }
     lanhb_pktinit(pkt.get(), list, tag);
     return pkt;
 }
 
-bool skippeer(lanhb_node *node) { return lanhb_ld(node->stat) == SHMNM_SVSTAT_UNUSED || node->ip[0] == '\0'; }
+bool skippeer(lanhb_node *node) { return hbld(node->stat) == SHMNM_SVSTAT_UNUSED || node->ip[0] == '\0'; }
 
 bool stopseen()
 {
@@ -69,7 +64,7 @@ bool stopseen()
     return true;
 }
 
-void sleepdefault(int32_t ms) { lanhb_sleepms(ms); }
+void sleepdefault(int32_t ms) { hbwait_ms(HBLOG_LAN, ms); }
 
 } // namespace
 
@@ -95,6 +90,9 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     }
     HBLOG(HBLOG_LAN, 8, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", node->ip, rsc->name, node->name);
 
+    // A fresh socket for every datagram, by design: each send binds anew to
+    // the path's own address, so a path whose address or link came back
+    // works again at the next cycle, and no socket is held while idle.
     const addrinfo *to = dst.get();
     lanhb_sockfd s;
     s.fd = socket(to->ai_family, to->ai_socktype, to->ai_protocol);
@@ -147,46 +145,28 @@ bool lanhb_pacestep(lanhb_pace *p, hbtick_t t0, hbtick_t *maxloop)
     pid_t (*ppid)() = p->ppid != nullptr ? p->ppid : getppid;
     const bool sendphase = maxloop != nullptr;
 
-    if (p->budget >= 0) {
-        sleep(STARTUP_POLL_MS);
-        --p->budget;
-        if (sendphase)
-            lanhb_thslooptime(t0, maxloop);
-        if (ppid() != 1) {
-            p->orphan = 0;
-            return false;
-        }
-        ++p->orphan;
-        if (p->budget >= 0) {
-            if (p->orphan >= p->countover1) {
-                HBLOG(HBLOG_LAN, 4, "lanhb self down. countover1=%d", p->countover1);
-                return true;
-            }
-            return false;
-        }
-    } else {
-        sleep(p->hbint);
-        if (p->normal == 0) {
-            if (sendphase)
-                HBLOG(HBLOG_LAN, 8, "***** start normal polling(send) %d msec. *****", p->hbint);
-            else
-                HBLOG(HBLOG_LAN, 8, "***** start normal polling(start send) %d msec. *****", p->hbint);
-            p->normal = 1;
-            p->orphan = 0;
-        }
-        if (sendphase)
-            lanhb_thslooptime(t0, maxloop);
-        if (ppid() != 1) {
-            p->orphan = 0;
-            return false;
-        }
-        ++p->orphan;
+    const bool fast = p->pace.budget >= 0;
+    sleep(hbpace_pause(&p->pace, p->hbint));
+    if (!fast && hbpace_announce(&p->pace, HBLOG_LAN, sendphase ? "send" : "start send", p->hbint))
+        p->orphan = 0;
+    if (sendphase)
+        lanhb_thslooptime(t0, maxloop);
+    if (ppid() != 1) {
+        p->orphan = 0;
+        return false;
     }
-    if (p->orphan >= p->countover2) {
-        HBLOG(HBLOG_LAN, 4, "lanhb self down. countover2=%d", p->countover2);
+    ++p->orphan;
+    // Within the start-up stretch the parent is given longer to come back.
+    if (fast && p->pace.budget >= 0) {
+        if (p->orphan < p->countover1)
+            return false;
+        HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb self down. countover1=%d", p->countover1);
         return true;
     }
-    return false;
+    if (p->orphan < p->countover2)
+        return false;
+    HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb self down. countover2=%d", p->countover2);
+    return true;
 }
 
 namespace {
@@ -225,17 +205,17 @@ struct ports {
 };
 
 // The sender's body; returns its exit text. Runs with cancellation disabled
-// except inside its sleeps.
+// except at the end of its waits.
 char *hbsend(lanhb_list *list)
 {
-    lanhb_canceloff();
+    hbth_canceloff(HBLOG_LAN);
     const ports pt(list);
     lanhb_pace pace;
     lanhb_paceinit(&pace, list->hbint);
     HBLOG(HBLOG_LAN, 8, "from_port=%s to_port=%s", pt.from, pt.to);
     pkt_ptr pkt = newpacket(list, LANHB_TAG_HB);
     if (!pkt)
-        return RET_NOMEM;
+        return lanhb_exit(LANHB_EXIT_NOMEM);
     const size_t len = lanhb_pktlen(list->maxnode);
 
     HBLOG(HBLOG_LAN, 1, "*** WAIT START: lanhb_hbsend ***");
@@ -262,7 +242,7 @@ char *hbsend(lanhb_list *list)
             lanhb_pktnodeinf(pkt.get(), list, true);
             HBLOG(HBLOG_LAN, 8, "currsc=%d", list->currsc);
             sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, true);
-            lanhb_testcancel();
+            hbth_testcancel(HBLOG_LAN);
             if (stopseen())
                 break;
             if (lanhb_pacestep(&pace, t0, &maxloop))
@@ -272,15 +252,14 @@ char *hbsend(lanhb_list *list)
         }
     }
     pkt.reset();
-    HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 0L);
-    return RET_OK;
+    return lanhb_exit(LANHB_EXIT_OK);
 }
 
 } // namespace
 
 void *lanhb_hbsend(void *arg)
 {
-    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_LAN);
     char *ret = nullptr;
     pthread_cleanup_push(lanhb_sendthexit, nullptr);
     ret = hbsend(static_cast<lanhb_list *>(arg));
@@ -291,11 +270,11 @@ void *lanhb_hbsend(void *arg)
 void *lanhb_dpsend(void *arg)
 {
     lanhb_list *list = static_cast<lanhb_list *>(arg);
-    HBLOG(HBLOG_LAN, 4, "<<< ENTER >>>");
+    HBTH_ENTER(HBLOG_LAN);
     const ports pt(list);
     pkt_ptr pkt = newpacket(list, LANHB_TAG_DOWN);
     if (!pkt)
-        return RET_NOMEM;
+        return lanhb_exit(LANHB_EXIT_NOMEM);
     const size_t len = lanhb_pktlen(list->maxnode);
     hbtick_t maxloop = 0;
     for (int32_t n = 0; n < list->dpretry; ++n) {
@@ -303,14 +282,10 @@ void *lanhb_dpsend(void *arg)
         lanhb_pktnodeinf(pkt.get(), list, false);
         HBLOG(HBLOG_LAN, 1, "lanhb_plist->currsc=%d", list->currsc);
         sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, false);
-        if (list->dpint != 0) {
-            struct timespec ts = {list->dpint / 1000, static_cast<long>(list->dpint % 1000) * 1000000L};
-            while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-            }
-        }
+        // The stop has been raised by now: this pause must not end on it.
+        hbsleep_ms(list->dpint);
         lanhb_thslooptime(t0, &maxloop);
     }
     pkt.reset();
-    HBLOG(HBLOG_LAN, 4, "<<< EXIT >>> : 0x%08lx", 0L);
-    return RET_OK;
+    return lanhb_exit(LANHB_EXIT_OK);
 }

@@ -1,0 +1,105 @@
+// The thread toolkit every heartbeat thread is built from: its first and
+// last log lines, cancellation taken only at its waits, waits that sleep the
+// whole pause and end at once on the stop, the polling pace, the table lock
+// and access to fields shared between threads.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <type_traits>
+
+#include "frame/frame.h"
+
+// ---- first and last lines -----------------------------------------------------
+
+#define HBTH_ENTER(module) HBLOG((module), HBLV_INFO, "<<< ENTER >>>")
+#define HBTH_EXIT(module, code) HBLOG((module), HBLV_INFO, "<<< EXIT >>> : 0x%08lx", static_cast<long>(code))
+
+// ---- cancellation -----------------------------------------------------------------
+//
+// A heartbeat thread keeps cancellation disabled while it works and takes a
+// pending one only in hbth_testcancel, which every wait below ends with. It
+// is never unwound from inside a blocking call, whose interceptors (the
+// thread sanitizer's, for one) cannot follow such an unwinding. Failures of
+// the switch are logged on the thread's module.
+
+void hbth_canceloff(int module);
+void hbth_cancelon(int module);
+void hbth_testcancel(int module);
+
+// ---- waits ---------------------------------------------------------------------------
+//
+// A wait blocks until its time is up or the stop event fires (the stop
+// routine raises it after requesting the cancellations), then takes a
+// pending cancellation. No wait wakes in between: an idle thread costs one
+// wake-up per pause.
+
+// Pauses ms milliseconds, or until the stop.
+void hbwait_ms(int module, int32_t ms);
+// Waits until fd is readable, the stop, or ms milliseconds. Returns 1 when fd
+// is readable, 0 when it is not (time up or stop), -1 when select failed
+// (errno kept).
+int hbwait_fd(int module, int fd, int32_t ms);
+// A pause nothing cuts short, with no cancellation point: for the threads of
+// the orderly stop and for clean-up handlers.
+void hbsleep_ms(int32_t ms);
+
+// ---- time ------------------------------------------------------------------------------
+
+// The time on clock `clock` ms milliseconds from now.
+struct timespec hbts_after(clockid_t clock, int64_t ms);
+// Microseconds from now until deadline on CLOCK_MONOTONIC, 0 when past.
+int64_t hbts_leftus(const struct timespec &deadline);
+
+// ---- polling pace ------------------------------------------------------------------
+
+// Polls 500 ms apart during the start-up stretch (1201 polls), then the
+// heartbeat interval apart: peers that start together see each other soon.
+inline constexpr int32_t HBPACE_FAST_MS = 500;
+inline constexpr int32_t HBPACE_FAST_POLLS = 1200; // the stretch ends when this drops below 0
+
+struct hbpace {
+    int32_t budget = HBPACE_FAST_POLLS;
+    int32_t normal = 0; // 1 once the first pause of the interval was announced
+};
+// Length of the next pause; counts the start-up polls down.
+int32_t hbpace_pause(hbpace *pace, int32_t hbint);
+// Logs "***** start normal polling(<which>) <hbint> msec. *****" the first
+// time it is called after the start-up stretch; true that once.
+bool hbpace_announce(hbpace *pace, int module, const char *which, int32_t hbint);
+
+// ---- the table lock and shared fields ------------------------------------------------
+
+// Holds a table's lock for a scope. Taken with cancellation disabled, never
+// around a socket or firmware call.
+class hblock {
+public:
+    explicit hblock(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+    ~hblock() { pthread_mutex_unlock(mutex_); }
+    hblock(const hblock &) = delete;
+    hblock &operator=(const hblock &) = delete;
+
+private:
+    pthread_mutex_t *mutex_;
+};
+
+// Table fields that one thread writes and another reads, with or without the
+// lock. Stores release and loads acquire: a thread that reads a value also
+// sees everything its writer did before storing it (a worker's last touch of
+// the table before its count drops, a state before the flag that announces
+// it).
+template <class T> T hbld(T &field)
+{
+    return std::atomic_ref<T>(field).load(std::memory_order_acquire);
+}
+template <class T> void hbst(T &field, std::type_identity_t<T> value)
+{
+    std::atomic_ref<T>(field).store(value, std::memory_order_release);
+}
+template <class T> T hbadd(T &field, std::type_identity_t<T> delta)
+{
+    return std::atomic_ref<T>(field).fetch_add(delta, std::memory_order_acq_rel);
+}
