@@ -39,7 +39,7 @@ void *cnthb_dpwrite(void *arg)
         }
         hbsleep_ms(cnthb_dpthwait);
     }
-    HBLOG(HBLOG_CNT, 1, "TIMEOUT(%d msec x %d):wait cnthb_dpwriteth", cnthb_dpthwait, cnthb_dpthretry);
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "TIMEOUT(%d msec x %d):wait cnthb_dpwriteth", cnthb_dpthwait, cnthb_dpthretry);
     cnthb_cancelworkers(list, true);
     HBTH_EXIT(HBLOG_CNT, 0);
     return nullptr;

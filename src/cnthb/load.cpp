@@ -46,7 +46,7 @@ int32_t cnthb_loadpolicy(const char *policy, const char *name)
 {
     const int32_t r = xmllib_load_policy(policy);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "xmllib_load_policy(%s) failed(ret:%d)", name, r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "xmllib_load_policy(%s) failed(ret:%d)", name, r);
     return r;
 }
 
@@ -54,7 +54,7 @@ void cnthb_unloadpolicy(const char *policy, const char *name)
 {
     const int32_t r = xmllib_unload_policy(policy);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "xmllib_unload_policy(%s) failed(ret:%d)", name, r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "xmllib_unload_policy(%s) failed(ret:%d)", name, r);
 }
 
 // The key settings of the header, read under the policies "all", "cluster"
@@ -62,27 +62,27 @@ void cnthb_unloadpolicy(const char *policy, const char *name)
 int32_t cnthb_loadkeys(cnthb_list *hdr)
 {
     if (cnthb_loadpolicy("all", "all") != 0)
-        return HBLOAD_POLICY;
+        return HBRET_POLICY;
     hdr->maxnode = hbcfg_getint(HBLOG_CNT, "/root/all/num/server", CNTHB_DEF_MAXNODE);
     hdr->maxrsc = hbcfg_getint(HBLOG_CNT, "/root/all/num/hbr", CNTHB_DEF_MAXRSC);
     cnthb_unloadpolicy("all", "all");
 
     if (cnthb_loadpolicy("cluster", "cluster") != 0)
-        return HBLOAD_POLICY;
+        return HBRET_POLICY;
     (void)hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/mismatch", 0); // read for its message only
     hdr->mismatch = 0;
 
     hdr->hbto = hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/timeout", CNTHB_DEF_HBTO);
     if (hdr->hbto < 1) {
-        HBLOG(HBLOG_CNT, 1, "invalid HBTO(%d). set to %d msec.", hdr->hbto, CNTHB_DEF_HBTO);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid HBTO(%d). set to %d msec.", hdr->hbto, CNTHB_DEF_HBTO);
         hdr->hbto = CNTHB_DEF_HBTO;
     }
     hdr->hbint = hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/interval", CNTHB_DEF_HBINT);
     if (hdr->hbint < 0) {
-        HBLOG(HBLOG_CNT, 1, "invalid HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_DEF_HBINT);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_DEF_HBINT);
         hdr->hbint = CNTHB_DEF_HBINT;
     } else if (hdr->hbint == 0) {
-        HBLOG(HBLOG_CNT, 1, "HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_MIN_HBINT);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_MIN_HBINT);
         hdr->hbint = CNTHB_MIN_HBINT;
     }
     cnthb_warnrate = hbcfg_getint(HBLOG_CNT, "/root/cluster/delaywarn/heartbeat", HB_DEF_WARNRATE);
@@ -93,21 +93,21 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
 
     hdr->dpint = hbcfg_getint(HBLOG_CNT, "/root/cluster/downpacket/interval", CNTHB_DEF_DPINT);
     if (hdr->dpint < 0) {
-        HBLOG(HBLOG_CNT, 1, "invalid DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
         hdr->dpint = CNTHB_DEF_DPINT;
     } else if (hdr->dpint < CNTHB_DEF_DPINT) {
-        HBLOG(HBLOG_CNT, 8, "small DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
+        HBLOG(HBLOG_CNT, HBLV_DETAIL, "small DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
         hdr->dpint = CNTHB_DEF_DPINT;
     }
     hdr->dpretry = hbcfg_getint(HBLOG_CNT, "/root/cluster/downpacket/retry", CNTHB_DEF_DPRETRY);
     if (hdr->dpretry < 0) {
-        HBLOG(HBLOG_CNT, 1, "invalid DPRETRY(%d). set to %d.", hdr->dpretry, CNTHB_DEF_DPRETRY);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPRETRY(%d). set to %d.", hdr->dpretry, CNTHB_DEF_DPRETRY);
         hdr->dpretry = CNTHB_DEF_DPRETRY;
     }
     cnthb_unloadpolicy("cluster", "nm");
 
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
-        return HBLOAD_POLICY;
+        return HBRET_POLICY;
     cnthb_bwatchth.store(hbcfg_getint(HBLOG_CNT, "/root/cnthb/watchth", CNTHB_DEF_BWATCHTH));
     loadstacksz(HBLOG_CNT, "/root/cnthb/thread/stacksize");
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
@@ -125,12 +125,12 @@ void cnthb_loadlate(cnthb_list *list)
         return;
     cnthb_dpthwait = hbcfg_getint(HBLOG_CNT, "/root/cnthb/downpacket/wait", CNTHB_DEF_DPTHWAIT);
     if (cnthb_dpthwait < 0) {
-        HBLOG(HBLOG_CNT, 1, "invalid DPTHWAIT(%d). set to %d.", cnthb_dpthwait, CNTHB_DEF_DPTHWAIT);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPTHWAIT(%d). set to %d.", cnthb_dpthwait, CNTHB_DEF_DPTHWAIT);
         cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
     }
     cnthb_dpthretry = hbcfg_getint(HBLOG_CNT, "/root/cnthb/downpacket/retry", CNTHB_DEF_DPTHRETRY);
     if (cnthb_dpthretry < 0) {
-        HBLOG(HBLOG_CNT, 1, "invalid DPTHRETRY(%d). set to %d.", cnthb_dpthretry, CNTHB_DEF_DPTHRETRY);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPTHRETRY(%d). set to %d.", cnthb_dpthretry, CNTHB_DEF_DPTHRETRY);
         cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
     }
     list->rwlock = hbcfg_getint(HBLOG_CNT, "/root/cnthb/rwlock", 0);
@@ -148,7 +148,7 @@ cnthb_list *cnthb_alloclist(int32_t currsc, int32_t curnode)
         total = sizeof(cnthb_list) + static_cast<size_t>(currsc) * rscsize;
     cnthb_list *list = total != 0 ? static_cast<cnthb_list *>(std::calloc(1, total)) : nullptr;
     if (list == nullptr) {
-        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", total != 0 ? static_cast<int>(total) : -1,
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "malloc(%d) failed(errno:%d)", total != 0 ? static_cast<int>(total) : -1,
               total != 0 ? errno : ENOMEM);
         return nullptr;
     }
@@ -190,7 +190,7 @@ int32_t cnthb_fillrsc(cnthb_list *list)
         hbcopytext(rsc->name, sizeof rsc->name, p);
         const int32_t r = shmnm_getrscpri(HB_KIND_CNTHB, rsc->name, &rsc->pri);
         if (r != 0) {
-            HBLOG(HBLOG_CNT, 1, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, r);
+            HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, r);
             rsc->pri = -1;
         }
     }
@@ -212,16 +212,16 @@ int32_t cnthb_fillnode(cnthb_list *list)
             hbcopytext(node->name, sizeof node->name, p);
             const int32_t r = shmnm_getnodepri(node->name, &node->pri);
             if (r != 0) {
-                HBLOG(HBLOG_CNT, 1, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, r);
+                HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, r);
                 node->pri = -1;
             }
             node->cntno = std::strcmp(node->name, list->hostname) == 0 ? cnthb_mycntno : peercntno;
-            HBLOG(HBLOG_CNT, 1, "rsc:%s(pri:%d),node:%s(pri:%d,cntno:%d)", rsc->name, rsc->pri, node->name,
+            HBLOG(HBLOG_CNT, HBLV_ERROR, "rsc:%s(pri:%d),node:%s(pri:%d,cntno:%d)", rsc->name, rsc->pri, node->name,
                   node->pri, node->cntno);
             if (node->pri > rsc->maxnodepri)
                 rsc->maxnodepri = node->pri;
         }
-        HBLOG(HBLOG_CNT, 8, "rsc:%s(max nodepri:%d)", rsc->name, rsc->maxnodepri);
+        HBLOG(HBLOG_CNT, HBLV_DETAIL, "rsc:%s(max nodepri:%d)", rsc->name, rsc->maxnodepri);
     }
     return 0;
 }
@@ -230,7 +230,7 @@ void cnthb_publish(const cnthb_rsc *rsc, const cnthb_node *node)
 {
     const int32_t r = shmnm_setrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, node->stat);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
 }
 
 // Normal start: every node OFFLINE until its records are seen to change.
@@ -246,13 +246,13 @@ void cnthb_initstates(cnthb_list *list, bool resume)
                 int32_t stat = 0;
                 const int32_t r = shmnm_getrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, &stat);
                 if (r != 0) {
-                    HBLOG(HBLOG_CNT, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name,
+                    HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name,
                           node->pri, r);
                     stat = 0;
                 }
                 node->stat = stat;
                 node->lastread = now;
-                HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) prev stat:0x%08x ***", rsc->name, node->name,
+                HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s/node(%s(%d)) prev stat:0x%08x ***", rsc->name, node->name,
                       node->pri, static_cast<unsigned>(node->stat));
             } else {
                 node->stat = SHMNM_SVSTAT_OFFLINE;
@@ -270,12 +270,12 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     char version[SHMCM_TEXT_SIZE] = {};
     int32_t r = shmcm_getedition(edition);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 2, "shmcm_getedition() failed(ret:%d)", r);
+        HBLOG(HBLOG_CNT, HBLV_WARN, "shmcm_getedition() failed(ret:%d)", r);
         hbcopytext(edition, sizeof edition, "unknown");
     }
     r = shmcm_getversion(version);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 2, "shmcm_getversion() failed(ret:%d)", r);
+        HBLOG(HBLOG_CNT, HBLV_WARN, "shmcm_getversion() failed(ret:%d)", r);
         hbcopytext(version, sizeof version, "unknown");
     }
     edition[sizeof edition - 1] = '\0';
@@ -295,28 +295,28 @@ int32_t cnthb_loadinfo(cnthb_list **out)
 
     std::unique_ptr<cnthb_list, cnthb_listfree> hold(cnthb_alloclist(counts[0], counts[1]));
     if (!hold)
-        return HBLOAD_NOMEM;
+        return HBRET_NOMEM;
     cnthb_list *list = hold.get();
 
     char host[XMLLIB_HOSTNAME_SIZE] = {};
     if (xmllib_gethostname(host, sizeof host) != 0) {
-        HBLOG(HBLOG_CNT, 1, "xmllib_gethostname() failed(errno:%d)", errno);
-        return HBLOAD_HOSTNAME;
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "xmllib_gethostname() failed(errno:%d)", errno);
+        return HBRET_HOSTNAME;
     }
     host[sizeof host - 1] = '\0';
     if (char *dot = std::strchr(host, '.'))
         *dot = '\0';
     r = shmnm_getnodepri(host, &list->ownpri);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "shmnm_getnodepri() failed(ret:%d)", r);
-        return HBLOAD_OWNPRI;
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getnodepri() failed(ret:%d)", r);
+        return HBRET_OWNPRI;
     }
 
     char cluster[sizeof list->clustername] = {};
     int32_t len = sizeof cluster;
     r = xmllib_get_value("/root/cluster/name", XMLLIB_KIND_TEXT, cluster, &len);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "xmllib_get_value(%s) failed(ret:%d)", "/root/cluster/name", r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "xmllib_get_value(%s) failed(ret:%d)", "/root/cluster/name", r);
         hbcopytext(cluster, sizeof cluster, "unknown");
     }
     cluster[sizeof cluster - 1] = '\0';
@@ -333,11 +333,11 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     hbcopytext(list->edition, sizeof list->edition, edition);
     hbcopytext(list->version, sizeof list->version, version);
     hbcopytext(list->clustername, sizeof list->clustername, cluster);
-    HBLOG(HBLOG_CNT, 8, "maxnode:%d,maxrsc:%d", list->maxnode, list->maxrsc);
-    HBLOG(HBLOG_CNT, 8, "currsc:%d,curnode:%d", list->currsc, list->curnode);
-    HBLOG(HBLOG_CNT, 8, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,cnthb_warnrate:%d", list->hbto, list->hbint,
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "maxnode:%d,maxrsc:%d", list->maxnode, list->maxrsc);
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "currsc:%d,curnode:%d", list->currsc, list->curnode);
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,cnthb_warnrate:%d", list->hbto, list->hbint,
           list->mismatch, cnthb_warnrate);
-    HBLOG(HBLOG_CNT, 8, "dpint:%d(msec),dpretry:%d", list->dpint, list->dpretry);
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "dpint:%d(msec),dpretry:%d", list->dpint, list->dpretry);
 
     if (int32_t rf = cnthb_fillrsc(list))
         return rf;
@@ -348,14 +348,14 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     char actinfo[SHMCM_ACTINFO_SIZE] = {};
     r = shmcm_getaction(&action, actinfo, nullptr);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "shmcm_getaction() failed(ret:%d)", r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmcm_getaction() failed(ret:%d)", r);
         action = SHMCM_ACTION_UNREADABLE;
     }
     // Only this action resumes the controller table; the LAN table also
     // resumes on SHMCM_ACTION_RESUME_A.
     const bool resume = action == SHMCM_ACTION_RESUME_B || brestart == 1;
     if (resume)
-        HBLOG(HBLOG_CNT, 1, "change mode to resume(act:0x%08x)", static_cast<unsigned>(action));
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "change mode to resume(act:0x%08x)", static_cast<unsigned>(action));
     cnthb_initstates(list, resume);
     for (int32_t i = 0; i < list->currsc; ++i)
         cnthb_setrscstat(list, cnthb_rscat(list, i));
@@ -368,7 +368,7 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     if (resume) {
         r = sem_set_statchange();
         if (r != 0)
-            HBLOG(HBLOG_CNT, 1, "sem_set_statchange() failed(ret:%d)", r);
+            HBLOG(HBLOG_CNT, HBLV_ERROR, "sem_set_statchange() failed(ret:%d)", r);
     }
     *out = hold.release();
     return 0;
@@ -388,7 +388,7 @@ void cnthb_freelist(cnthb_list *list)
     if (alive > 0) {
         // A worker stuck for good in the controller: better a leak than a
         // worker writing into freed memory.
-        HBLOG(HBLOG_CNT, 1, "cnthb_freelist: %d worker(s) still running, table kept", alive);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "cnthb_freelist: %d worker(s) still running, table kept", alive);
         return;
     }
     cnthb_destroylist(list);

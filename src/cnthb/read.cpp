@@ -34,7 +34,7 @@ void cnthb_readthexit(void *arg)
     // controller side's stop; the LAN down packets have gone out by then.
     hbsleep_ms(CNTHB_CLEANUP_MS);
     cnthb_cancelworkers(list, false);
-    HBLOG(HBLOG_CNT, 8, "cnthb_hbread() exit");
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "cnthb_hbread() exit");
 }
 
 void *cnthb_hbread(void *arg)
@@ -64,7 +64,7 @@ void *cnthb_hbread(void *arg)
         cnthb_pollpause(&pace, list->hbint, "read2");
         cnthb_thrlooptime(start, &maxloop);
     }
-    HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "SIGUSR1 already received");
     HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;
@@ -82,14 +82,14 @@ void *cnthb_readthread(void *arg)
     {
         hblock hold(&list->statlock);
         if (rsc->maxnodepri < 0) {
-            HBLOG(HBLOG_CNT, 1, "maxnodepri is invalid(%d)", rsc->maxnodepri);
+            HBLOG(HBLOG_CNT, HBLV_ERROR, "maxnodepri is invalid(%d)", rsc->maxnodepri);
             rsc->maxnodepri = list->curnode;
         }
         nrec = cnthb_readslots(list, rsc);
     }
     std::unique_ptr<cnthb_hbinf, hbfree> buf(static_cast<cnthb_hbinf *>(std::calloc(nrec, sizeof(cnthb_hbinf))));
     if (!buf) {
-        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(nrec * sizeof(cnthb_hbinf)), errno);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(nrec * sizeof(cnthb_hbinf)), errno);
         run.finish("read");
         return failed;
     }

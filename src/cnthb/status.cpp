@@ -12,7 +12,7 @@ int32_t cnthb_readsvstat(const cnthb_rsc *rsc, const cnthb_node *node)
     int32_t stat = SHMNM_SVSTAT_UNKNOWN;
     const int32_t r = shmnm_getrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, &stat);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
         stat = SHMNM_SVSTAT_UNKNOWN;
     }
     return stat;
@@ -22,7 +22,7 @@ void cnthb_publishsv(const cnthb_rsc *rsc, const cnthb_node *node, int32_t stat)
 {
     const int32_t r = shmnm_setrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, stat);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
 }
 
 // A new heartbeat from a node: online unless shared memory already shows it
@@ -38,18 +38,18 @@ void cnthb_newhb(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
     int32_t hdstat = SHMNM_HDSTAT_PRESET;
     const int32_t r = shmnm_gethdstat(node->name, &hdstat);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "shmnm_gethdstat(%s/node(%s(%d))) failed(ret:%d)", rsc->name, node->name, node->pri,
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_gethdstat(%s/node(%s(%d))) failed(ret:%d)", rsc->name, node->name, node->pri,
               r);
         hdstat = SHMNM_HDSTAT_OK;
     }
     if (hdstat != SHMNM_HDSTAT_OK) {
-        HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : ONLINE SKIP hdstat=%d ***", rsc->name, node->name, node->pri,
+        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s/node(%s(%d)) : ONLINE SKIP hdstat=%d ***", rsc->name, node->name, node->pri,
               hdstat);
         return;
     }
     cnthb_publishsv(rsc, node, SHMNM_SVSTAT_ONLINE);
     hbst(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_ONLINE));
-    HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : ONLINE ***", rsc->name, node->name, node->pri);
+    HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s/node(%s(%d)) : ONLINE ***", rsc->name, node->name, node->pri);
     cnthb_setrscstat(list, rsc);
     cnthb_statchange();
 }
@@ -59,10 +59,10 @@ void cnthb_newdown(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
 {
     if (cnthb_readsvstat(rsc, node) == SHMNM_SVSTAT_OFFLINE)
         return;
-    HBLOG(HBLOG_CNT, 1, "DOWNPACKET read(%s,%s(%d))", rsc->name, node->name, node->pri);
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "DOWNPACKET read(%s,%s(%d))", rsc->name, node->name, node->pri);
     cnthb_publishsv(rsc, node, SHMNM_SVSTAT_OFFLINE);
     hbst(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_OFFLINE));
-    HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
+    HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
     node->lastrec.tag[0] = '\0';
     cnthb_setrscstat(list, rsc);
     cnthb_statchange();
@@ -74,7 +74,7 @@ void cnthb_statchange()
 {
     const int32_t r = sem_set_statchange();
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "sem_set_statchange() failed(ret:%d)", r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "sem_set_statchange() failed(ret:%d)", r);
 }
 
 void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
@@ -82,9 +82,9 @@ void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
     cnthb_publishsv(rsc, node, SHMNM_SVSTAT_OFFLINE);
     const int32_t r = shmnm_setnonvolstat(SHMNM_NONVOL_NOTREADY);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "shmnm_setnonvolstat SHMNM_NONVOL_NOTREADY failed(ret:%d)", r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_setnonvolstat SHMNM_NONVOL_NOTREADY failed(ret:%d)", r);
     hbst(node->stat, static_cast<int32_t>(SHMNM_SVSTAT_OFFLINE));
-    HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
+    HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
     // The node's next record only primes the comparison again.
     node->lastrec.tag[0] = '\0';
     cnthb_setrscstat(list, rsc);
@@ -133,24 +133,24 @@ int32_t cnthb_setrscstat(cnthb_list *list, cnthb_rsc *rsc)
     int32_t stat;
     if (owndown) {
         stat = SHMNM_RSCSTAT_ERROR;
-        HBLOG(HBLOG_CNT, 1, " *** %s : ERROR ***", rsc->name);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : ERROR ***", rsc->name);
     } else if (peerdown) {
         stat = SHMNM_RSCSTAT_CAUTION;
-        HBLOG(HBLOG_CNT, 1, " *** %s : CAUTION ***", rsc->name);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : CAUTION ***", rsc->name);
     } else if (online) {
         stat = SHMNM_RSCSTAT_NORMAL;
-        HBLOG(HBLOG_CNT, 1, " *** %s : NORMAL ***", rsc->name);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : NORMAL ***", rsc->name);
     } else if (unused) {
         stat = SHMNM_RSCSTAT_UNUSED;
-        HBLOG(HBLOG_CNT, 1, " *** %s : UNUSED ***", rsc->name);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : UNUSED ***", rsc->name);
     } else {
         stat = SHMNM_RSCSTAT_UNKNOWN;
-        HBLOG(HBLOG_CNT, 1, " *** %s : UNKNOWN ***", rsc->name);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : UNKNOWN ***", rsc->name);
     }
     hbst(rsc->stat, stat);
     const int32_t r = shmnm_setrscstat(HB_KIND_CNTHB, rsc->name, stat);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, "shmnm_cnthb_setrscstat(CNTHB,%s,%d) failed(ret:%d)", rsc->name, stat, r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_cnthb_setrscstat(CNTHB,%s,%d) failed(ret:%d)", rsc->name, stat, r);
     return 0;
 }
 

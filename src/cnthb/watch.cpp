@@ -8,7 +8,7 @@ int32_t cnthb_hbcheck(cnthb_list *list)
     int32_t second = 0;
     const int32_t r = shmcm_getratio(&ratio, &second);
     if (r != 0) {
-        HBLOG(HBLOG_CNT, 1, "shmcm_getratio() failed(ret:%d)", r);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmcm_getratio() failed(ret:%d)", r);
         ratio = 0; // counts as 1
     }
     int32_t scaled = 0;
@@ -19,7 +19,7 @@ int32_t cnthb_hbcheck(cnthb_list *list)
         const hbtick_t silence = now - node->lastread;
         if (silence <= limit)
             return false;
-        HBLOG(HBLOG_CNT, 1, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
               static_cast<unsigned>(now), static_cast<unsigned>(node->lastread), static_cast<int>(silence), scaled,
               static_cast<int>(tckconf));
         return true;
@@ -33,7 +33,7 @@ void cnthb_watchthexit(void *)
     // purpose; the watcher has no workers to wait for, so it only delays its
     // end line (all three pause side by side at a stop).
     hbsleep_ms(CNTHB_CLEANUP_MS);
-    HBLOG(HBLOG_CNT, 8, "cnthb_hbwatch() exit");
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "cnthb_hbwatch() exit");
 }
 
 void *cnthb_hbwatch(void *arg)
@@ -52,7 +52,7 @@ void *cnthb_hbwatch(void *arg)
         cnthb_hbcheck(list); // never cancelled half-way
         cnthb_thmlooptime(start, &maxloop);
     }
-    HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "SIGUSR1 already received");
     HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;

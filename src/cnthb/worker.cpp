@@ -47,7 +47,7 @@ bool cnthb_startworkers(cnthb_list *list, const cnthb_wkind &kind)
     const size_t size = static_cast<size_t>(list->currsc) * sizeof(pthread_attr_t);
     std::unique_ptr<pthread_attr_t, hbfree> attrs(static_cast<pthread_attr_t *>(std::malloc(size)));
     if (!attrs) {
-        HBLOG(HBLOG_CNT, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
         return false;
     }
     for (int32_t i = 0; i < list->currsc; ++i)
@@ -76,14 +76,14 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
     int r = pthread_attr_init(attr);
     if (r != 0) {
         hbst(busy, 0);
-        HBLOG(HBLOG_CNT, 1, kind.attrinit, r, errno);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, kind.attrinit, r, errno);
         return;
     }
     setstacksz(attr);
     r = pthread_attr_setdetachstate(attr, PTHREAD_CREATE_DETACHED);
     if (r != 0) {
         hbst(busy, 0);
-        HBLOG(HBLOG_CNT, 1, "pthread_attr_setdetachstate() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "pthread_attr_setdetachstate() failed(ret:%d,errno:%d)", r, errno);
         pthread_attr_destroy(attr);
         return;
     }
@@ -93,14 +93,14 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
     if (r != 0) {
         hbadd(list->nworkers, -1);
         hbst(busy, 0);
-        HBLOG(HBLOG_CNT, 1, kind.create, r, errno);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, kind.create, r, errno);
         pthread_attr_destroy(attr);
         return;
     }
     hbst(kind.write ? rsc->writeth : rsc->readth, th);
     r = pthread_attr_destroy(attr);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 1, kind.attrdestroy, r, errno);
+        HBLOG(HBLOG_CNT, HBLV_ERROR, kind.attrdestroy, r, errno);
 }
 
 void cnthb_cancelworkers(cnthb_list *list, bool write)
@@ -117,7 +117,7 @@ void cnthb_cancelworkers(cnthb_list *list, bool write)
         if (th != 0) {
             const int r = pthread_cancel(th);
             if (r != 0)
-                HBLOG(HBLOG_CNT, 1, "pthread_cancel() failed(ret:%d,errno:%d)", r, errno);
+                HBLOG(HBLOG_CNT, HBLV_ERROR, "pthread_cancel() failed(ret:%d,errno:%d)", r, errno);
         }
         hbst(busy, 0);
     }
@@ -161,7 +161,7 @@ cnthb_rwguard::cnthb_rwguard(cnthb_rsc *rsc)
             return;
         }
         if (r != ETIMEDOUT) {
-            HBLOG(HBLOG_CNT, 1, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
+            HBLOG(HBLOG_CNT, HBLV_ERROR, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
             return; // the call is made without the lock rather than not at all
         }
         pthread_testcancel();

@@ -43,7 +43,7 @@ void cnthb_writethexit(void *arg)
     // controller side's stop; the LAN down packets have gone out by then.
     hbsleep_ms(CNTHB_CLEANUP_MS);
     cnthb_cancelworkers(list, true);
-    HBLOG(HBLOG_CNT, 8, "cnthb_hbwrite() exit");
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "cnthb_hbwrite() exit");
 }
 
 void *cnthb_hbwrite(void *arg)
@@ -52,7 +52,7 @@ void *cnthb_hbwrite(void *arg)
     HBTH_ENTER(HBLOG_CNT);
     pthread_cleanup_push(cnthb_writethexit, list);
     hbth_canceloff(HBLOG_CNT);
-    HBLOG(HBLOG_CNT, 1, "***** WAIT START: cnthb_hbwrite *****");
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "***** WAIT START: cnthb_hbwrite *****");
     hbpace pace;
 
     // Nothing is written before the cluster says so; the pace counts from
@@ -60,7 +60,7 @@ void *cnthb_hbwrite(void *arg)
     bool started = cnthb_bhbwrite.load() != 0;
     while (!started) {
         if (bsigrecv.load() != 0) {
-            HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+            HBLOG(HBLOG_CNT, HBLV_ERROR, "SIGUSR1 already received");
             break;
         }
         hbth_testcancel(HBLOG_CNT);
@@ -68,11 +68,11 @@ void *cnthb_hbwrite(void *arg)
         started = cnthb_bhbwrite.load() != 0;
     }
     if (started) {
-        HBLOG(HBLOG_CNT, 1, "***** START: cnthb_hbwrite *****");
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "***** START: cnthb_hbwrite *****");
         if (bsigrecv.load() == 0)
             cnthb_writecycles(list, &pace);
     }
-    HBLOG(HBLOG_CNT, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "SIGUSR1 already received");
     HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;

@@ -19,14 +19,6 @@
 
 namespace {
 
-enum : int {
-    HBEXIT_OK = 0,
-    HBEXIT_ATTACH = 1,
-    HBEXIT_XMLINIT = 4,
-    HBEXIT_CONFIG = 12,
-    HBEXIT_LOAD = 13,
-};
-
 // A thread main starts, by the name its messages carry.
 struct hbthread {
     const char *name;
@@ -73,14 +65,14 @@ pthread_t hbthread_start(const hbthread &t, void *table)
     pthread_attr_t attr;
     int r = pthread_attr_init(&attr);
     if (r != 0) {
-        HBLOG(t.module, 1, "pthread_attr_init(%s) failed(ret:%d,errno:%d)", t.name, r, errno);
+        HBLOG(t.module, HBLV_ERROR, "pthread_attr_init(%s) failed(ret:%d,errno:%d)", t.name, r, errno);
         return 0;
     }
     setstacksz(&attr);
     pthread_t th = 0;
     r = pthread_create(&th, &attr, t.entry, table);
     if (r != 0) {
-        HBLOG(t.module, 1, "pthread_create(%s) failed(ret:%d,errno:%d)", t.name, r, errno);
+        HBLOG(t.module, HBLV_ERROR, "pthread_create(%s) failed(ret:%d,errno:%d)", t.name, r, errno);
         th = 0;
     }
     pthread_attr_destroy(&attr);
@@ -94,13 +86,13 @@ void hbthread_join(const hbthread &t, pthread_t th)
     void *ret = nullptr;
     const int r = th == 0 ? ESRCH : pthread_join(th, &ret);
     if (r != 0)
-        HBLOG(t.module, 1, "pthread_join(%s) failed(ret:%d,errno:%d)", t.name, r, errno);
+        HBLOG(t.module, HBLV_ERROR, "pthread_join(%s) failed(ret:%d,errno:%d)", t.name, r, errno);
     else if (ret == PTHREAD_CANCELED)
-        HBLOG(t.module, 4, "pthread_join(%s) success(ret:%d,canceled)", t.name, r);
+        HBLOG(t.module, HBLV_INFO, "pthread_join(%s) success(ret:%d,canceled)", t.name, r);
     else if (t.textret)
-        HBLOG(t.module, 4, "pthread_join(%s) success(ret:%d,thret:%s)", t.name, r, static_cast<const char *>(ret));
+        HBLOG(t.module, HBLV_INFO, "pthread_join(%s) success(ret:%d,thret:%s)", t.name, r, static_cast<const char *>(ret));
     else
-        HBLOG(t.module, 4, "pthread_join(%s) success(ret:%d,thret:%d)", t.name, r,
+        HBLOG(t.module, HBLV_INFO, "pthread_join(%s) success(ret:%d,thret:%d)", t.name, r,
               static_cast<int>(reinterpret_cast<intptr_t>(ret)));
 }
 
@@ -110,7 +102,7 @@ void hbwait_recvready()
 {
     int r = pthread_mutex_lock(&lanhb_rmutex);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
         return;
     }
     for (int i = 0; i < HB_RECV_WAIT_TRIES; ++i) {
@@ -122,14 +114,14 @@ void hbwait_recvready()
             w = pthread_cond_timedwait(&lanhb_rcond, &lanhb_rmutex, &deadline);
         }
         if (w == 0 || lanhb_rready != 0) {
-            HBLOG(HBLOG_LAN, 1, "recv thread initialized");
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "recv thread initialized");
             break;
         }
-        HBLOG(HBLOG_LAN, 1, "waiting recv thread initialize");
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "waiting recv thread initialize");
     }
     r = pthread_mutex_unlock(&lanhb_rmutex);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
 }
 
 void hbfree_tables(lanhb_list *&lanlist, cnthb_list *&cntlist)
@@ -146,7 +138,7 @@ void hbfree_tables(lanhb_list *&lanlist, cnthb_list *&cntlist)
 
 int hbexit_load(lanhb_list *&lanlist, cnthb_list *&cntlist)
 {
-    HBLOG(HBLOG_BOTH, 4, "lanhb/cnthb shutting down");
+    HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb/cnthb shutting down");
     logterm();
     zemstorage_term();
     detachipc();
@@ -155,7 +147,7 @@ int hbexit_load(lanhb_list *&lanlist, cnthb_list *&cntlist)
     hbfree_tables(lanlist, cntlist); // the LAN table when only the controller table failed
     if (bmlock != 0)
         munlockall();
-    return HBEXIT_LOAD;
+    return HBRET_EXIT_LOAD;
 }
 
 void hbstart_threads(lanhb_list *lanlist, cnthb_list *cntlist)
@@ -163,12 +155,12 @@ void hbstart_threads(lanhb_list *lanlist, cnthb_list *cntlist)
     lanhb_recvpth.store(hbthread_start(TH_LAN_RECV, lanlist));
     hbwait_recvready();
     lanhb_sendpth.store(hbthread_start(TH_LAN_SEND, lanlist));
-    HBLOG(HBLOG_LAN, 1, "lanhb_bwatchth: %d", lanhb_bwatchth.load());
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "lanhb_bwatchth: %d", lanhb_bwatchth.load());
     if (lanhb_bwatchth.load() != 0)
         lanhb_watchpth.store(hbthread_start(TH_LAN_WATCH, lanlist));
     cnthb_readpth.store(hbthread_start(TH_CNT_READ, cntlist));
     cnthb_writepth.store(hbthread_start(TH_CNT_WRITE, cntlist));
-    HBLOG(HBLOG_CNT, 8, "cnthb_bwatchth: %d", cnthb_bwatchth.load());
+    HBLOG(HBLOG_CNT, HBLV_DETAIL, "cnthb_bwatchth: %d", cnthb_bwatchth.load());
     if (cnthb_bwatchth.load() != 0)
         cnthb_watchpth.store(hbthread_start(TH_CNT_WATCH, cntlist));
 }
@@ -181,13 +173,13 @@ void hbstop_lan(lanhb_list *lanlist)
     hbthread_join(TH_LAN_RECV, lanhb_recvpth.load());
 
     if (sem_wait_downnotify(0) != 0) {
-        HBLOG(HBLOG_LAN, 1, "send downpacket : NO");
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "send downpacket : NO");
         return;
     }
-    HBLOG(HBLOG_LAN, 1, "send downpacket : YES");
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "send downpacket : YES");
     const int32_t r = lanhb_loadexit(lanlist);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "IGNORE: lanhb_loadexit(0x%08lx) failed(ret:%d)",
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "IGNORE: lanhb_loadexit(0x%08lx) failed(ret:%d)",
               static_cast<unsigned long>(reinterpret_cast<uintptr_t>(lanlist)), r);
     hbthread_join(TH_LAN_DOWN, hbthread_start(TH_LAN_DOWN, lanlist));
 }
@@ -200,13 +192,13 @@ void hbstop_cnt(cnthb_list *cntlist)
     hbthread_join(TH_CNT_READ, cnthb_readpth.load());
 
     if (sem_wait_downnotify(0) != 0) {
-        HBLOG(HBLOG_CNT, 1, "write downpacket : NO");
+        HBLOG(HBLOG_CNT, HBLV_ERROR, "write downpacket : NO");
         return;
     }
-    HBLOG(HBLOG_CNT, 1, "write downpacket : YES");
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "write downpacket : YES");
     const int32_t r = lanhb_loadexit(cntlist);
     if (r != 0)
-        HBLOG(HBLOG_CNT, 2, "IGNORE: lanhb_loadexit(0x%08lx) failed(ret:%d)",
+        HBLOG(HBLOG_CNT, HBLV_WARN, "IGNORE: lanhb_loadexit(0x%08lx) failed(ret:%d)",
               static_cast<unsigned long>(reinterpret_cast<uintptr_t>(cntlist)), r);
     hbthread_join(TH_CNT_DOWN, hbthread_start(TH_CNT_DOWN, cntlist));
 }
@@ -217,21 +209,21 @@ int32_t attachipc()
 {
     int32_t r = sem_attach();
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "sem_attach() failed(ret:%d)", r);
-        return 1;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "sem_attach() failed(ret:%d)", r);
+        return HBRET_SEM;
     }
     r = shmcm_attach();
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "shmcm_attach() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmcm_attach() failed(ret:%d)", r);
         sem_detach();
-        return 2;
+        return HBRET_SHMCM;
     }
     r = shmnm_attach();
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "shmnm_attach() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_attach() failed(ret:%d)", r);
         shmcm_detach();
         sem_detach();
-        return 3;
+        return HBRET_SHMNM;
     }
     return 0;
 }
@@ -261,63 +253,63 @@ int zemlanhb_main()
     }
 
     if (xmllib_init(HB_KIND_LANHB) != 0)
-        return HBEXIT_XMLINIT;
+        return HBRET_EXIT_XMLINIT;
     if (xmllib_load_config() != 0) {
         xmllib_term();
-        return HBEXIT_CONFIG;
+        return HBRET_EXIT_CONFIG;
     }
 
     loginit();
-    HBLOG(HBLOG_BOTH, 4, "lanhb/cnthb starting");
+    HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb/cnthb starting");
     if (sigret != 0)
-        HBLOG(HBLOG_BOTH, 1, "pthread_create(signal) failed(ret:%d,errno:%d)", sigret, errno);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "pthread_create(signal) failed(ret:%d,errno:%d)", sigret, errno);
 
     int32_t r = zemstorage_init(&cnthb_mycntno);
     if (r != 0) {
-        HBLOG(HBLOG_BOTH, 1, "zemstorage_init() failed(ret:%d)", r);
-        HBLOG(HBLOG_BOTH, 4, "lanhb/cnthb shutting down");
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "zemstorage_init() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb/cnthb shutting down");
         logterm();
         xmllib_unload_config();
         xmllib_term();
-        return HBEXIT_ATTACH;
+        return HBRET_EXIT_ATTACH;
     }
     (void)kill(getppid(), SIGUSR1); // tells the parent that the daemon is up
 
     const long tck = sysconf(_SC_CLK_TCK);
     if (tck <= 0) {
         tckconf = 100;
-        HBLOG(HBLOG_BOTH, 1, "sysconf(_SC_CLK_TCK) failed(errno:%d) -> use %d", errno, 100);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "sysconf(_SC_CLK_TCK) failed(errno:%d) -> use %d", errno, 100);
     } else {
         tckconf = tck;
     }
-    HBLOG(HBLOG_BOTH, 8, "clock:%d per sec", static_cast<int>(tckconf));
+    HBLOG(HBLOG_BOTH, HBLV_DETAIL, "clock:%d per sec", static_cast<int>(tckconf));
 
     int32_t watch = lanhb_bwatchth.load();
     r = setsched(&watch);
     lanhb_bwatchth.store(watch);
     if (r != 0)
-        HBLOG(HBLOG_BOTH, 1, "setsched() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "setsched() failed(ret:%d)", r);
     if (bmlock != 0 && mlockall(MCL_CURRENT | MCL_FUTURE) != 0) {
-        HBLOG(HBLOG_BOTH, 2, "mlockall() failed(errno:%d)", errno);
+        HBLOG(HBLOG_BOTH, HBLV_WARN, "mlockall() failed(errno:%d)", errno);
         bmlock = 0;
     }
 
     r = attachipc();
     if (r != 0) {
-        HBLOG(HBLOG_BOTH, 1, "attachipc() failed(ret:%d)", r);
-        HBLOG(HBLOG_BOTH, 4, "lanhb shutting down");
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "attachipc() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb shutting down");
         logterm();
         xmllib_unload_config();
         xmllib_term();
         if (bmlock != 0)
             munlockall();
-        return HBEXIT_ATTACH; // the storage library is left as it is on this path
+        return HBRET_EXIT_ATTACH; // the storage library is left as it is on this path
     }
 
     int32_t waitstat = 0;
     r = shmnm_getwaitstat(&waitstat);
     if (r != 0) {
-        HBLOG(HBLOG_BOTH, 1, "shmnm_getwaitstat() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "shmnm_getwaitstat() failed(ret:%d)", r);
         waitstat = SHMNM_WAITSTAT_RESUME;
     }
     if (waitstat == SHMNM_WAITSTAT_RESUME)
@@ -327,17 +319,17 @@ int zemlanhb_main()
     cnthb_list *cntlist = nullptr;
     r = lanhb_loadinfo(&lanlist);
     if (r != 0) {
-        HBLOG(HBLOG_BOTH, 1, "lanhb_loadinfo() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "lanhb_loadinfo() failed(ret:%d)", r);
         return hbexit_load(lanlist, cntlist);
     }
     r = cnthb_loadinfo(&cntlist);
     if (r != 0) {
-        HBLOG(HBLOG_BOTH, 1, "cnthb_loadinfo() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "cnthb_loadinfo() failed(ret:%d)", r);
         return hbexit_load(lanlist, cntlist);
     }
     r = xmllib_unload_config();
     if (r != 0)
-        HBLOG(HBLOG_BOTH, 1, "xmllib_unload_config() failed(ret:%d)", r);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "xmllib_unload_config() failed(ret:%d)", r);
 
     // Running until SIGUSR1 (or the LAN sender's self down) has run the stop
     // routine; only then are the threads joined.
@@ -353,7 +345,7 @@ int zemlanhb_main()
     if (bmlock != 0)
         munlockall();
     zemstorage_term();
-    HBLOG(HBLOG_BOTH, 4, "lanhb shutting down");
+    HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb shutting down");
     logterm();
-    return HBEXIT_OK;
+    return HBRET_OK;
 }

@@ -81,7 +81,7 @@ void usr1_recv(int)
             continue;
         const int r = pthread_cancel(th);
         if (r != 0)
-            hblog(c.module, 1, __FILE__, __LINE__, __func__, c.failmsg, r, errno);
+            hblog(c.module, HBLV_ERROR, __FILE__, __LINE__, __func__, c.failmsg, r, errno);
     }
     // The cancellations are pending by now, so every thread woken by the
     // stop event takes its own at once.

@@ -10,7 +10,7 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt)
     int32_t len = sizeof value;
     const int32_t r = xmllib_get_value(key, XMLLIB_KIND_INT, &value, &len);
     if (r != 0) {
-        HBLOG(module, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+        HBLOG(module, HBLV_ERROR, "xmllib_get_value(%s) failed(ret:%d)", key, r);
         return dflt;
     }
     return value;
@@ -18,23 +18,23 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt)
 
 int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out)
 {
-    const int32_t failcode = rsc ? HBLOAD_ENUMRSC : HBLOAD_ENUMNODE;
+    const int32_t failcode = rsc ? HBRET_ENUMRSC : HBRET_ENUMNODE;
     const char *op = rsc ? "shmnm_enumrsc" : "shmnm_enumnode";
     int32_t size = 0;
     int32_t r = rsc ? shmnm_enumrsc(kind, nullptr, &size) : shmnm_enumnode(nullptr, &size);
     if (r != 0 || size < 1) {
-        HBLOG(module, 1, "%s() failed(ret:%d)", op, r);
+        HBLOG(module, HBLV_ERROR, "%s() failed(ret:%d)", op, r);
         return failcode;
     }
     hbmsz buf(static_cast<char *>(std::calloc(static_cast<size_t>(size) + 2, 1)));
     if (!buf) {
-        HBLOG(module, 1, "malloc(%d) failed(errno:%d)", size, errno);
-        return HBLOAD_NOMEM;
+        HBLOG(module, HBLV_ERROR, "malloc(%d) failed(errno:%d)", size, errno);
+        return HBRET_NOMEM;
     }
     int32_t filled = size;
     r = rsc ? shmnm_enumrsc(kind, buf.get(), &filled) : shmnm_enumnode(buf.get(), &filled);
     if (r != 0) {
-        HBLOG(module, 1, "%s() failed(ret:%d)", op, r);
+        HBLOG(module, HBLV_ERROR, "%s() failed(ret:%d)", op, r);
         return failcode;
     }
     buf.get()[size] = '\0';

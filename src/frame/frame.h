@@ -111,14 +111,25 @@ struct hbfree {
 };
 using hbmsz = std::unique_ptr<char, hbfree>;
 
-// What the two table loaders return when they fail.
-enum : int32_t {
-    HBLOAD_NOMEM = 5,
-    HBLOAD_POLICY = 9,
-    HBLOAD_ENUMRSC = 10,
-    HBLOAD_ENUMNODE = 11,
-    HBLOAD_OWNPRI = 15,
-    HBLOAD_HOSTNAME = 16,
+// Result codes of the loaders, the exit-time reload, setsched, attachipc
+// and the main line; 0 is success everywhere.
+enum hbret : int32_t {
+    HBRET_OK = 0,
+    HBRET_SEM = 1,   // attachipc: the semaphores
+    HBRET_SHMCM = 2, // attachipc: cluster-manager shared memory
+    HBRET_SHMNM = 3, // attachipc: node-manager shared memory
+    HBRET_NOMEM = 5,
+    HBRET_POLICY = 9,
+    HBRET_ENUMRSC = 10,
+    HBRET_ENUMNODE = 11,
+    HBRET_CONFIG = 12, // the configuration could not be loaded
+    HBRET_OWNPRI = 15,
+    HBRET_HOSTNAME = 16,
+    // Exit status of the process.
+    HBRET_EXIT_ATTACH = 1, // storage library or cluster attachment
+    HBRET_EXIT_XMLINIT = 4,
+    HBRET_EXIT_CONFIG = 12,
+    HBRET_EXIT_LOAD = 13, // a heartbeat table not built
 };
 
 // Reads an integer key of the loaded policy; a failed read is logged on the
@@ -128,7 +139,7 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
 // Fetches the path list (rsc, of the given heartbeat kind) or the node list
 // in the two calls of a list of unknown length. The buffer gets two spare
 // NULs, so a list the platform did not close still ends. Returns 0,
-// HBLOAD_ENUMRSC or HBLOAD_ENUMNODE when a call fails, or HBLOAD_NOMEM
+// HBRET_ENUMRSC or HBRET_ENUMNODE when a call fails, or HBRET_NOMEM
 // (failures logged on module).
 int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out);
 

@@ -83,7 +83,7 @@ int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, h
     int32_t second = 0;
     const int32_t r = shmcm_getratio(&ratio, &second);
     if (r != 0)
-        HBLOG(module, 1, "shmcm_getratio() failed(ret:%d)", r);
+        HBLOG(module, HBLV_ERROR, "shmcm_getratio() failed(ret:%d)", r);
 
     int32_t scaled = 0;
     const hbtick_t limit = hbtimeout_limit(hbto, ratio, &scaled);

@@ -21,8 +21,8 @@ int32_t setsched(int32_t *bwatchth)
 {
     int32_t r = xmllib_load_policy(HB_KIND_LANHB);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
-        return 9;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
+        return HBRET_POLICY;
     }
 
     const int32_t nice = hbcfg_getint(HBLOG_LAN, "/root/heartbeat/nice", HB_DEFAULT_NICE);
@@ -34,7 +34,7 @@ int32_t setsched(int32_t *bwatchth)
         mlock[sizeof mlock - 1] = '\0';
         bmlock = strcasecmp(mlock, "yes") == 0 ? 1 : 0;
     } else {
-        HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", "/root/heartbeat/mlock", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_get_value(%s) failed(ret:%d)", "/root/heartbeat/mlock", r);
         bmlock = 0;
     }
 
@@ -46,10 +46,10 @@ int32_t setsched(int32_t *bwatchth)
 
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
 
     if (setpriority(PRIO_PROCESS, 0, nice) != 0)
-        HBLOG(HBLOG_LAN, 2, "setpriority(%d) failed(errno:%d)", nice, errno);
+        HBLOG(HBLOG_LAN, HBLV_WARN, "setpriority(%d) failed(errno:%d)", nice, errno);
     return 0;
 }
 
@@ -57,10 +57,10 @@ int32_t loadstacksz(int module, const char *key)
 {
     thstacksz = hbcfg_getint(module, key, 0);
     if (thstacksz < 0) {
-        HBLOG(module, 1, "invalid STACKSIZE(%d). set to 0.", thstacksz);
+        HBLOG(module, HBLV_ERROR, "invalid STACKSIZE(%d). set to 0.", thstacksz);
         thstacksz = 0;
     } else if (thstacksz > 0 && thstacksz < HB_MIN_STACKSZ) {
-        HBLOG(module, 1, "under minimum STACKSIZE(%d). set to %d.", thstacksz, HB_MIN_STACKSZ);
+        HBLOG(module, HBLV_ERROR, "under minimum STACKSIZE(%d). set to %d.", thstacksz, HB_MIN_STACKSZ);
         thstacksz = HB_MIN_STACKSZ;
     }
     return 0;
@@ -71,11 +71,11 @@ int32_t setstacksz(pthread_attr_t *attr)
     size_t current = 0;
     int r = pthread_attr_getstacksize(attr, &current);
     if (r != 0)
-        HBLOG(HBLOG_BOTH, 1, "pthread_attr_getstacksize() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "pthread_attr_getstacksize() failed(ret:%d,errno:%d)", r, errno);
     if (thstacksz == 0)
         return 0;
     r = pthread_attr_setstacksize(attr, static_cast<size_t>(thstacksz));
     if (r != 0)
-        HBLOG(HBLOG_BOTH, 1, "pthread_attr_setstacksize(%d) failed(ret:%d,errno:%d)", thstacksz, r, errno);
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "pthread_attr_setstacksize(%d) failed(ret:%d,errno:%d)", thstacksz, r, errno);
     return 0;
 }

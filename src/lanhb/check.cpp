@@ -22,15 +22,15 @@ bool timeout(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, hbtick_t limit,
         const hbtick_t last = hbld(node->lastrecv);
         const hbtick_t diff = cur - last;
         if (diff > limit) {
-            HBLOG(HBLOG_LAN, 1, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
                   static_cast<unsigned>(cur), static_cast<unsigned>(last),
                   static_cast<int>(std::min<hbtick_t>(diff, INT_MAX)), scaled, static_cast<int>(tckconf));
             const int32_t r = shmnm_setrscsvstat(HB_KIND_LANHB, rsc->name, node->pri, SHMNM_SVSTAT_OFFLINE);
             if (r != 0)
-                HBLOG(HBLOG_LAN, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri,
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri,
                       r);
             hbst(node->stat, SHMNM_SVSTAT_OFFLINE);
-            HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s/node(%s(%d)) : OFFLINE ***", rsc->name, node->name, node->pri);
             lanhb_setrscstat(list, rsc);
             out = true;
         }
@@ -45,7 +45,7 @@ int32_t lanhb_hbcheck(lanhb_list *list)
     int32_t ratio = 0, second = 0;
     const int32_t r = shmcm_getratio(&ratio, &second);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "shmcm_getratio() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmcm_getratio() failed(ret:%d)", r);
     int32_t scaled = 0;
     const hbtick_t limit = hbtimeout_limit(list->hbto, ratio, &scaled);
 
@@ -61,14 +61,14 @@ int32_t lanhb_hbcheck(lanhb_list *list)
     if (changed) {
         const int32_t rs = sem_set_statchange();
         if (rs != 0)
-            HBLOG(HBLOG_LAN, 1, "sem_set_statchange() failed(ret:%d)", rs);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "sem_set_statchange() failed(ret:%d)", rs);
     }
     return 0;
 }
 
-void lanhb_sendthexit(void *) { HBLOG(HBLOG_LAN, 4, "lanhb_hbsend() exit"); }
-void lanhb_recvthexit(void *) { HBLOG(HBLOG_LAN, 4, "lanhb_hbrecv() exit"); }
-void lanhb_watchthexit(void *) { HBLOG(HBLOG_LAN, 4, "lanhb_hbwatch() exit"); }
+void lanhb_sendthexit(void *) { HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb_hbsend() exit"); }
+void lanhb_recvthexit(void *) { HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb_hbrecv() exit"); }
+void lanhb_watchthexit(void *) { HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb_hbwatch() exit"); }
 
 void *lanhb_hbwatch(void *arg)
 {

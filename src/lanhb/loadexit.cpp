@@ -15,35 +15,35 @@ constexpr int32_t DEF_DPRETRY = 5;
 int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry)
 {
     if (dpint == nullptr || dpretry == nullptr) {
-        HBLOG(HBLOG_LAN, 1, "IGNORE: lanhb_plist is NULL");
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "IGNORE: lanhb_plist is NULL");
         return 0;
     }
     if (xmllib_load_config() != 0)
-        return 12;
+        return HBRET_CONFIG;
     int32_t r = xmllib_load_policy("cluster");
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(cluster) failed(ret:%d)", r);
-        return 9;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(cluster) failed(ret:%d)", r);
+        return HBRET_POLICY;
     }
     int32_t interval = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
     if (interval < 0) {
-        HBLOG(HBLOG_LAN, 1, "invalid DPINT(%d). set to %d msec.", interval, 0);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPINT(%d). set to %d msec.", interval, 0);
         interval = 0;
     }
     int32_t retry = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/retry", DEF_DPRETRY);
     if (retry < 0) {
-        HBLOG(HBLOG_LAN, 1, "invalid DPRETRY(%d). set to %d.", retry, DEF_DPRETRY);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPRETRY(%d). set to %d.", retry, DEF_DPRETRY);
         retry = DEF_DPRETRY;
     }
     r = xmllib_unload_policy("cluster");
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(nm) failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(nm) failed(ret:%d)", r);
     r = xmllib_unload_config();
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "xmllib_unload_config() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_config() failed(ret:%d)", r);
     *dpint = interval;
     *dpretry = retry;
-    HBLOG(HBLOG_LAN, 1, "dpint:%d(msec),dpretry:%d", interval, retry);
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "dpint:%d(msec),dpretry:%d", interval, retry);
     return 0;
 }
 

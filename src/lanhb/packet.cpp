@@ -50,14 +50,14 @@ void lanhb_pktnodeinf(lanhb_packet *pkt, lanhb_list *list, bool named)
         int32_t r = shmnm_getnodepri(name, &pri);
         if (r != 0) {
             if (named)
-                HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri(%s) failed(ret:%d)", name, r);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodepri(%s) failed(ret:%d)", name, r);
             else
-                HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri() failed(ret:%d)", r);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodepri() failed(ret:%d)", r);
             pri = -1;
         } else {
             r = shmnm_getnodestat(name, &stat);
             if (r != 0) {
-                HBLOG(HBLOG_LAN, 1, "shmnm_getnodestat() failed(ret:%d)", r);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodestat() failed(ret:%d)", r);
                 stat = SHMNM_NODESTAT_UNKNOWN;
             }
         }

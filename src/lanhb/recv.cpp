@@ -30,17 +30,17 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
     if (probe != nullptr)
         freeaddrinfo(probe);
     if (!try6)
-        HBLOG(HBLOG_LAN, 1, "getaddrinfo(INET6) failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "getaddrinfo(INET6) failed(ret:%d,errno:%d)", r, errno);
 
     if (try6) {
         s->fd = socket(AF_INET6, SOCK_DGRAM, 0);
         if (s->fd < 0) {
             const int err = errno;
-            HBLOG(HBLOG_LAN, 1, "socket(INET6) failed(errno:%d)", err);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "socket(INET6) failed(errno:%d)", err);
             if (err != EAFNOSUPPORT) {
                 return lanhb_exit(LANHB_EXIT_NOSOCK);
             }
-            HBLOG(HBLOG_LAN, 1, "try socket(INET)");
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "try socket(INET)");
         } else {
             // IPv4 heartbeats arrive on this socket as mapped addresses.
             int off = 0;
@@ -53,7 +53,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
                 const int err = errno;
                 close(s->fd);
                 s->fd = -1;
-                HBLOG(HBLOG_LAN, 1, "bind(INET6) failed(errno:%d)", err);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "bind(INET6) failed(errno:%d)", err);
                 return lanhb_exit(LANHB_EXIT_NOBIND);
             }
             *v6mode = true;
@@ -63,7 +63,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
 
     s->fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (s->fd < 0) {
-        HBLOG(HBLOG_LAN, 1, "socket(INET) failed(errno:%d)", errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "socket(INET) failed(errno:%d)", errno);
         return lanhb_exit(LANHB_EXIT_NOSOCK);
     }
     sockaddr_in sa{};
@@ -74,7 +74,7 @@ char *opensock(const lanhb_list *list, const char *port, lanhb_sockfd *s, bool *
         const int err = errno;
         close(s->fd);
         s->fd = -1;
-        HBLOG(HBLOG_LAN, 1, "bind(INET) failed(errno:%d)", err);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "bind(INET) failed(errno:%d)", err);
         return lanhb_exit(LANHB_EXIT_NOBIND);
     }
     *v6mode = false;
@@ -85,16 +85,16 @@ void signalready()
 {
     int r = pthread_mutex_lock(&lanhb_rmutex);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
         return;
     }
     lanhb_rready = 1;
     r = pthread_cond_signal(&lanhb_rcond);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "pthread_cond_signal() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "pthread_cond_signal() failed(ret:%d,errno:%d)", r, errno);
     r = pthread_mutex_unlock(&lanhb_rmutex);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "pthread_mutex_unlock() failed(ret:%d,errno:%d)", r, errno);
 }
 
 char *hbrecv(lanhb_list *list)
@@ -113,7 +113,7 @@ char *hbrecv(lanhb_list *list)
     const size_t len = lanhb_pktlen(list->maxnode);
     std::unique_ptr<lanhb_packet, hbfree> pkt(static_cast<lanhb_packet *>(std::malloc(len)));
     if (!pkt) {
-        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
         return lanhb_exit(LANHB_EXIT_NOMEM);
     }
 
@@ -137,7 +137,7 @@ char *hbrecv(lanhb_list *list)
         const int n = hbwait_fd(HBLOG_LAN, s.fd, list->hbint);
         const int err = errno;
         if (n < 0) {
-            HBLOG(HBLOG_LAN, 1, "select() failed(errno:%d)", err);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "select() failed(errno:%d)", err);
             if (lanhb_bwatchth.load() == 0)
                 lanhb_hbcheck(list);
             hbwait_ms(HBLOG_LAN, list->hbint);

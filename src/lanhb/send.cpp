@@ -60,7 +60,7 @@ bool stopseen()
 {
     if (bsigrecv.load() == 0)
         return false;
-    HBLOG(HBLOG_LAN, 1, "SIGUSR1 already received");
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "SIGUSR1 already received");
     return true;
 }
 
@@ -77,18 +77,18 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     if (r == 0)
         HBLOG(HBLOG_LAN, bindok_level, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", bindaddr, rsc->name, rsc->myname);
     else
-        HBLOG(HBLOG_LAN, 1, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d", bindaddr, rsc->name,
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d", bindaddr, rsc->name,
               rsc->myname, r, errno);
 
     node->lastsend = hbtick_now();
     addr_ptr dst;
     r = lookup(node->ip, to_port, &dst);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d ---> continue", node->ip,
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d ---> continue", node->ip,
               rsc->name, node->name, r, errno);
         return;
     }
-    HBLOG(HBLOG_LAN, 8, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", node->ip, rsc->name, node->name);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", node->ip, rsc->name, node->name);
 
     // A fresh socket for every datagram, by design: each send binds anew to
     // the path's own address, so a path whose address or link came back
@@ -97,32 +97,32 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     lanhb_sockfd s;
     s.fd = socket(to->ai_family, to->ai_socktype, to->ai_protocol);
     if (s.fd < 0) {
-        HBLOG(HBLOG_LAN, 1, "socket(family:%d) failed rsc=%s node=%s errno=%d", to->ai_family, rsc->name, node->name,
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "socket(family:%d) failed rsc=%s node=%s errno=%d", to->ai_family, rsc->name, node->name,
               errno);
         return;
     }
-    HBLOG(HBLOG_LAN, 8, "  socket(family:%d) OK rsc=%s node=%s sock=%d", to->ai_family, rsc->name, node->name, s.fd);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "  socket(family:%d) OK rsc=%s node=%s sock=%d", to->ai_family, rsc->name, node->name, s.fd);
 
     if (src) {
         if (bind(s.fd, src->ai_addr, src->ai_addrlen) == 0)
-            HBLOG(HBLOG_LAN, 8, "  bind OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
+            HBLOG(HBLOG_LAN, HBLV_DETAIL, "  bind OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
         else
-            HBLOG(HBLOG_LAN, 1, "bind failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip, errno, s.fd);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "bind failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip, errno, s.fd);
     }
     if (lanhb_bsocknbio != 0 && to->ai_socktype == SOCK_DGRAM) {
         int on = 1;
         if (ioctl(s.fd, FIONBIO, &on) == 0)
-            HBLOG(HBLOG_LAN, 8, "  ioctl(FIONBIO) OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
+            HBLOG(HBLOG_LAN, HBLV_DETAIL, "  ioctl(FIONBIO) OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
         else
-            HBLOG(HBLOG_LAN, 1, "ioctl(FIONBIO) failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip,
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "ioctl(FIONBIO) failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip,
                   errno, s.fd);
     }
 
     pkt->sendtime = htonl(static_cast<uint32_t>(std::time(nullptr)));
     if (sendto(s.fd, pkt, len, 0, to->ai_addr, to->ai_addrlen) >= 0)
-        HBLOG(HBLOG_LAN, 8, "  sendto OK rsc=(%s) node=(%s) ip=(%s) sock=%d", rsc->name, node->name, node->ip, s.fd);
+        HBLOG(HBLOG_LAN, HBLV_DETAIL, "  sendto OK rsc=(%s) node=(%s) ip=(%s) sock=%d", rsc->name, node->name, node->ip, s.fd);
     else
-        HBLOG(HBLOG_LAN, 1, "sendto failed rsc=(%s) node=(%s) ip=(%s) errno=%d sock=%d", rsc->name, node->name,
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "sendto failed rsc=(%s) node=(%s) ip=(%s) errno=%d sock=%d", rsc->name, node->name,
               node->ip, errno, s.fd);
     close(s.fd);
     s.fd = -1;
@@ -178,17 +178,17 @@ void sendround(lanhb_list *list, lanhb_packet *pkt, size_t len, const char *from
     for (int32_t i = 0; i < list->currsc; ++i) {
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
         if (trace)
-            HBLOG(HBLOG_LAN, 8, "rsc[%d].name=(%s) myname=(%s) myip=(%s)", i, rsc->name, rsc->myname, rsc->myip);
+            HBLOG(HBLOG_LAN, HBLV_DETAIL, "rsc[%d].name=(%s) myname=(%s) myip=(%s)", i, rsc->name, rsc->myname, rsc->myip);
         lanhb_pktrsc(pkt, rsc);
         if (trace)
-            HBLOG(HBLOG_LAN, 8, "curnode=%d", list->curnode);
+            HBLOG(HBLOG_LAN, HBLV_DETAIL, "curnode=%d", list->curnode);
         for (int32_t j = 0; j < list->curnode; ++j) {
             lanhb_node *node = lanhb_rscnode(rsc, j);
             if (skippeer(node))
                 continue;
             if (trace)
-                HBLOG(HBLOG_LAN, 8, "  node[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
-            lanhb_sendpeer(list, rsc, node, pkt, len, from_port, to_port, trace ? 8 : 4);
+                HBLOG(HBLOG_LAN, HBLV_DETAIL, "  node[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
+            lanhb_sendpeer(list, rsc, node, pkt, len, from_port, to_port, trace ? HBLV_DETAIL : HBLV_INFO);
         }
     }
 }
@@ -212,13 +212,13 @@ char *hbsend(lanhb_list *list)
     const ports pt(list);
     lanhb_pace pace;
     lanhb_paceinit(&pace, list->hbint);
-    HBLOG(HBLOG_LAN, 8, "from_port=%s to_port=%s", pt.from, pt.to);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "from_port=%s to_port=%s", pt.from, pt.to);
     pkt_ptr pkt = newpacket(list, LANHB_TAG_HB);
     if (!pkt)
         return lanhb_exit(LANHB_EXIT_NOMEM);
     const size_t len = lanhb_pktlen(list->maxnode);
 
-    HBLOG(HBLOG_LAN, 1, "*** WAIT START: lanhb_hbsend ***");
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "*** WAIT START: lanhb_hbsend ***");
     bool stop = false;
     if (lanhb_bhbsend.load() == 0) {
         for (;;) {
@@ -233,14 +233,14 @@ char *hbsend(lanhb_list *list)
         }
     }
     if (!stop)
-        HBLOG(HBLOG_LAN, 1, "*** START: lanhb_hbsend ***");
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "*** START: lanhb_hbsend ***");
 
     hbtick_t maxloop = 0;
     if (!stopseen()) {
         for (;;) {
             const hbtick_t t0 = hbtick_now();
             lanhb_pktnodeinf(pkt.get(), list, true);
-            HBLOG(HBLOG_LAN, 8, "currsc=%d", list->currsc);
+            HBLOG(HBLOG_LAN, HBLV_DETAIL, "currsc=%d", list->currsc);
             sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, true);
             hbth_testcancel(HBLOG_LAN);
             if (stopseen())
@@ -280,7 +280,7 @@ void *lanhb_dpsend(void *arg)
     for (int32_t n = 0; n < list->dpretry; ++n) {
         const hbtick_t t0 = hbtick_now();
         lanhb_pktnodeinf(pkt.get(), list, false);
-        HBLOG(HBLOG_LAN, 1, "lanhb_plist->currsc=%d", list->currsc);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "lanhb_plist->currsc=%d", list->currsc);
         sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, false);
         // The stop has been raised by now: this pause must not end on it.
         hbsleep_ms(list->dpint);

@@ -13,7 +13,7 @@ int32_t readsvstat(lanhb_rsc *rsc, lanhb_node *node)
     int32_t st = SHMNM_SVSTAT_UNKNOWN;
     const int32_t r = shmnm_getrscsvstat(HB_KIND_LANHB, rsc->name, node->pri, &st);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
         st = SHMNM_SVSTAT_UNKNOWN;
     }
     return st;
@@ -25,13 +25,13 @@ void changenode(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, int32_t st, 
 {
     const int32_t r = shmnm_setrscsvstat(HB_KIND_LANHB, rsc->name, node->pri, st);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
     hbst(node->stat, st);
-    HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) : %s ***", rsc->name, node->name, node->pri, word);
+    HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s/node(%s(%d)) : %s ***", rsc->name, node->name, node->pri, word);
     lanhb_setrscstat(list, rsc);
     const int32_t rs = sem_set_statchange();
     if (rs != 0)
-        HBLOG(HBLOG_LAN, 1, "sem_set_statchange() failed(ret:%d)", rs);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "sem_set_statchange() failed(ret:%d)", rs);
 }
 
 } // namespace
@@ -42,7 +42,7 @@ int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_p
         hblock hold(&list->statmx);
         if (readsvstat(rsc, node) == SHMNM_SVSTAT_OFFLINE)
             return 0;
-        HBLOG(HBLOG_LAN, 1, "DOWNPACKET recv(%s,%s(%d))", rsc->name, node->name, node->pri);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "DOWNPACKET recv(%s,%s(%d))", rsc->name, node->name, node->pri);
         changenode(list, rsc, node, SHMNM_SVSTAT_OFFLINE, "OFFLINE");
         return 0;
     }
@@ -57,13 +57,13 @@ int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_p
             int32_t hdstat = SHMNM_HDSTAT_PRESET;
             const int32_t r = shmnm_gethdstat(node->name, &hdstat);
             if (r != 0) {
-                HBLOG(HBLOG_CNT, 1, "shmnm_gethdstat(%s/node(%s(%d))) failed(ret:%d)", rsc->name, node->name,
+                HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_gethdstat(%s/node(%s(%d))) failed(ret:%d)", rsc->name, node->name,
                       node->pri, r);
             } else if (hdstat != SHMNM_HDSTAT_OK) {
                 // The controller log, not the LAN log, by design: the
                 // hardware-state lines (the failure above and this skip)
                 // belong there. Not a slip; keep the module.
-                HBLOG(HBLOG_CNT, 1, " *** %s/node(%s(%d)) : ONLINE SKIP hdstat=%d ***", rsc->name, node->name,
+                HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s/node(%s(%d)) : ONLINE SKIP hdstat=%d ***", rsc->name, node->name,
                       node->pri, hdstat);
                 return 0;
             }
@@ -110,10 +110,10 @@ int32_t lanhb_setrscstat(lanhb_list *list, lanhb_rsc *rsc)
     } else {
         st = SHMNM_RSCSTAT_UNKNOWN, word = "UNKNOWN";
     }
-    HBLOG(HBLOG_LAN, 1, " *** %s : %s ***", rsc->name, word);
+    HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s : %s ***", rsc->name, word);
     hbst(rsc->stat, st);
     const int32_t r = shmnm_setrscstat(HB_KIND_LANHB, rsc->name, st);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "shmnm_setrscstat(LANHB,%s,%d) failed(ret:%d)", rsc->name, st, r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_setrscstat(LANHB,%s,%d) failed(ret:%d)", rsc->name, st, r);
     return 0;
 }

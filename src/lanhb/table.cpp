@@ -56,33 +56,33 @@ int32_t readsettings(settings *s)
 {
     int32_t r = xmllib_load_policy("all");
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(all) failed(ret:%d)", r);
-        return HBLOAD_POLICY;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(all) failed(ret:%d)", r);
+        return HBRET_POLICY;
     }
     s->maxnode = hbcfg_getint(HBLOG_LAN, "/root/all/num/server", DEF_MAXNODE);
     s->maxrsc = hbcfg_getint(HBLOG_LAN, "/root/all/num/hbr", DEF_MAXRSC);
     r = xmllib_unload_policy("all");
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(all) failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(all) failed(ret:%d)", r);
 
     r = xmllib_load_policy("cluster");
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(nm) failed(ret:%d)", r);
-        return HBLOAD_POLICY;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(nm) failed(ret:%d)", r);
+        return HBRET_POLICY;
     }
     // Read only so that a broken key shows in the log; the setting is off.
     (void)hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/mismatch", 0);
     s->hbto = hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/timeout", DEF_HBTO);
     if (s->hbto < 1) {
-        HBLOG(HBLOG_LAN, 1, "invalid HBTO(%d). set to %d msec.", s->hbto, DEF_HBTO);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid HBTO(%d). set to %d msec.", s->hbto, DEF_HBTO);
         s->hbto = DEF_HBTO;
     }
     s->hbint = hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/interval", DEF_HBINT);
     if (s->hbint < 0) {
-        HBLOG(HBLOG_LAN, 1, "invalid HBINT(%d). set to %d msec.", s->hbint, DEF_HBINT);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid HBINT(%d). set to %d msec.", s->hbint, DEF_HBINT);
         s->hbint = DEF_HBINT;
     } else if (s->hbint == 0) {
-        HBLOG(HBLOG_LAN, 1, "HBINT(%d). set to %d msec.", s->hbint, ZERO_HBINT);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "HBINT(%d). set to %d msec.", s->hbint, ZERO_HBINT);
         s->hbint = ZERO_HBINT;
     }
     s->recvport = readport("/root/cluster/heartbeat/port/recv", DEF_RECVPORT);
@@ -91,28 +91,28 @@ int32_t readsettings(settings *s)
     lanhb_warnrate = rate <= 0 ? 0 : rate > 100 ? 100 : rate;
     s->dpint = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
     if (s->dpint < 0) {
-        HBLOG(HBLOG_LAN, 1, "invalid DPINT(%d). set to %d msec.", s->dpint, 0);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPINT(%d). set to %d msec.", s->dpint, 0);
         s->dpint = 0;
     }
     s->dpretry = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/retry", DEF_DPRETRY);
     if (s->dpretry < 0) {
-        HBLOG(HBLOG_LAN, 1, "invalid DPRETRY(%d). set to %d.", s->dpretry, DEF_DPRETRY);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPRETRY(%d). set to %d.", s->dpretry, DEF_DPRETRY);
         s->dpretry = DEF_DPRETRY;
     }
     r = xmllib_unload_policy("cluster");
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(nm) failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(nm) failed(ret:%d)", r);
 
     r = xmllib_load_policy(HB_KIND_LANHB);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
-        return HBLOAD_POLICY;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
+        return HBRET_POLICY;
     }
     loadstacksz(HBLOG_LAN, "/root/lanhb/thread/stacksize");
     lanhb_bsocknbio = hbcfg_getint(HBLOG_LAN, "/root/lanhb/socket/nbio", LANHB_DEF_SOCKNBIO);
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)
-        HBLOG(HBLOG_LAN, 1, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
     return 0;
 }
 
@@ -129,7 +129,7 @@ int32_t fillnames(lanhb_list *list)
         hbcopytext(rsc->name, sizeof rsc->name, p);
         const int32_t rr = shmnm_getrscpri(HB_KIND_LANHB, rsc->name, &rsc->pri);
         if (rr != 0) {
-            HBLOG(HBLOG_LAN, 1, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, rr);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, rr);
             rsc->pri = -1;
         }
     }
@@ -146,10 +146,10 @@ int32_t fillnames(lanhb_list *list)
             hbcopytext(node->name, sizeof node->name, p);
             const int32_t rr = shmnm_getnodepri(node->name, &node->pri);
             if (rr != 0) {
-                HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, rr);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, rr);
                 node->pri = -1;
             }
-            HBLOG(HBLOG_LAN, 1, "rsc:%s(pri:%d),node:%s(pri:%d)", rsc->name, rsc->pri, node->name, node->pri);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "rsc:%s(pri:%d),node:%s(pri:%d)", rsc->name, rsc->pri, node->name, node->pri);
         }
     }
 
@@ -172,13 +172,13 @@ bool resumemode()
         resume = true;
     } else {
         if (r != 0) {
-            HBLOG(HBLOG_LAN, 1, "shmcm_getaction() failed(ret:%d)", r);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "shmcm_getaction() failed(ret:%d)", r);
             action = SHMCM_ACTION_UNREADABLE;
         }
         resume = brestart == 1;
     }
     if (resume)
-        HBLOG(HBLOG_LAN, 1, "change mode to resume(act:0x%08x)", static_cast<unsigned>(action));
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "change mode to resume(act:0x%08x)", static_cast<unsigned>(action));
     return resume;
 }
 
@@ -190,10 +190,10 @@ void selectaddrs(lanhb_list *list, const char *mycntname)
     for (int32_t i = 0; i < list->currsc; ++i) {
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
         if (rsc->devid < 0) {
-            HBLOG(HBLOG_LAN, 2, "device id(%d) is invalid", rsc->devid);
+            HBLOG(HBLOG_LAN, HBLV_WARN, "device id(%d) is invalid", rsc->devid);
             continue;
         }
-        HBLOG(HBLOG_LAN, 4, "rsc[%d].name=(%s)", i, rsc->name);
+        HBLOG(HBLOG_LAN, HBLV_INFO, "rsc[%d].name=(%s)", i, rsc->name);
         for (int32_t j = 0; j < list->curnode; ++j) {
             lanhb_node *node = lanhb_rscnode(rsc, j);
             char key[128];
@@ -201,23 +201,23 @@ void selectaddrs(lanhb_list *list, const char *mycntname)
             int32_t len = sizeof node->ip;
             const int32_t r = xmllib_get_value(key, XMLLIB_KIND_TEXT, node->ip, &len);
             if (r != 0) {
-                HBLOG(HBLOG_LAN, 1, "xmllib_get_value(%s) failed(ret:%d)", key, r);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_get_value(%s) failed(ret:%d)", key, r);
                 node->ip[0] = '\0';
             }
             node->ip[sizeof node->ip - 1] = '\0';
-            HBLOG(HBLOG_LAN, 4, "  pnode[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
+            HBLOG(HBLOG_LAN, HBLV_INFO, "  pnode[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
             if (std::strcmp(node->name, mycntname) == 0) {
                 hbcopytext(ownip, sizeof ownip, node->ip);
                 hbcopytext(node->ip, sizeof node->ip, OWN_LOOPBACK);
-                HBLOG(HBLOG_LAN, 8, "    ---> change ip [%s] to [%s] (MYCNT)", ownip, node->ip);
+                HBLOG(HBLOG_LAN, HBLV_DETAIL, "    ---> change ip [%s] to [%s] (MYCNT)", ownip, node->ip);
             }
             cutat(node->ip, '/');
             if (node->pri == list->ownpri) {
                 hbcopytext(rsc->myip, sizeof rsc->myip, ownip);
                 hbcopytext(rsc->myname, sizeof rsc->myname, node->name);
-                HBLOG(HBLOG_LAN, 8, "    ownnode=%s (pri=%d ip=%s)", node->name, node->pri, rsc->myip);
+                HBLOG(HBLOG_LAN, HBLV_DETAIL, "    ownnode=%s (pri=%d ip=%s)", node->name, node->pri, rsc->myip);
             }
-            HBLOG(HBLOG_LAN, 8, "    node=(%s) ip=(%s)", node->name, node->ip);
+            HBLOG(HBLOG_LAN, HBLV_DETAIL, "    node=(%s) ip=(%s)", node->name, node->ip);
         }
     }
 }
@@ -229,7 +229,7 @@ bool initstates(lanhb_list *list, const char *shortname, bool resume)
     for (int32_t i = 0; i < list->currsc; ++i) {
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
         if (rsc->devid < 0) {
-            HBLOG(HBLOG_LAN, 2, "device id(%d) is invalid", rsc->devid);
+            HBLOG(HBLOG_LAN, HBLV_WARN, "device id(%d) is invalid", rsc->devid);
             continue;
         }
         // Whether the own node has no address on this path, and its name.
@@ -247,18 +247,18 @@ bool initstates(lanhb_list *list, const char *shortname, bool resume)
                 int32_t st = SHMNM_SVSTAT_UNKNOWN;
                 const int32_t r = shmnm_getrscsvstat(HB_KIND_LANHB, rsc->name, e->pri, &st);
                 if (r != 0) {
-                    HBLOG(HBLOG_LAN, 1, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, e->pri, r);
+                    HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, e->pri, r);
                     st = SHMNM_SVSTAT_UNKNOWN;
                 }
                 e->stat = st;
                 e->lastrecv = hbtick_now();
-                HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) prev stat:0x%08x ***", rsc->name, e->name, e->pri,
+                HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s/node(%s(%d)) prev stat:0x%08x ***", rsc->name, e->name, e->pri,
                       static_cast<unsigned>(st));
             }
             if (e->ip[0] == '\0') {
-                HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) unused ***", rsc->name, e->name, e->pri);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s/node(%s(%d)) unused ***", rsc->name, e->name, e->pri);
                 if (resume && e->stat != SHMNM_SVSTAT_UNUSED) {
-                    HBLOG(HBLOG_LAN, 1, "---> %s/node(%s(%d)) change to unused", rsc->name, e->name, e->pri);
+                    HBLOG(HBLOG_LAN, HBLV_ERROR, "---> %s/node(%s(%d)) change to unused", rsc->name, e->name, e->pri);
                     changed = true;
                 }
                 e->stat = SHMNM_SVSTAT_UNUSED;
@@ -267,22 +267,22 @@ bool initstates(lanhb_list *list, const char *shortname, bool resume)
                         lanhb_rscnode(rsc, k)->stat = SHMNM_SVSTAT_UNUSED;
             } else if (ownunused != nullptr) {
                 if (!resume || e->stat != SHMNM_SVSTAT_UNUSED) {
-                    HBLOG(HBLOG_LAN, 1, " *** %s/node(own:%s) unused ***", rsc->name, ownunused);
-                    HBLOG(HBLOG_LAN, 1, "---> %s/node(%s(%d)) change to unused", rsc->name, e->name, e->pri);
+                    HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s/node(own:%s) unused ***", rsc->name, ownunused);
+                    HBLOG(HBLOG_LAN, HBLV_ERROR, "---> %s/node(%s(%d)) change to unused", rsc->name, e->name, e->pri);
                     e->stat = SHMNM_SVSTAT_UNUSED;
                     changed = changed || resume;
                 }
             } else if (!resume) {
                 e->stat = SHMNM_SVSTAT_OFFLINE;
             } else if (e->stat == SHMNM_SVSTAT_UNUSED) {
-                HBLOG(HBLOG_LAN, 1, " *** %s/node(%s(%d)) used ***", rsc->name, e->name, e->pri);
-                HBLOG(HBLOG_LAN, 1, "---> %s/node(%s(%d)) change to offline", rsc->name, e->name, e->pri);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s/node(%s(%d)) used ***", rsc->name, e->name, e->pri);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "---> %s/node(%s(%d)) change to offline", rsc->name, e->name, e->pri);
                 e->stat = SHMNM_SVSTAT_OFFLINE;
                 changed = true;
             }
             const int32_t r = shmnm_setrscsvstat(HB_KIND_LANHB, rsc->name, e->pri, e->stat);
             if (r != 0)
-                HBLOG(HBLOG_LAN, 1, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, e->pri, r);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, e->pri, r);
         }
     }
     return changed;
@@ -320,13 +320,13 @@ int32_t lanhb_loadinfo(lanhb_list **out)
 
     int32_t r = shmcm_getedition(edition);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 2, "shmcm_getedition() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_WARN, "shmcm_getedition() failed(ret:%d)", r);
         hbcopytext(edition, sizeof edition, "unknown");
     }
     edition[sizeof edition - 1] = '\0';
     r = shmcm_getversion(version);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 2, "shmcm_getversion() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_WARN, "shmcm_getversion() failed(ret:%d)", r);
         hbcopytext(version, sizeof version, "unknown");
     }
     version[sizeof version - 1] = '\0';
@@ -351,21 +351,21 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     std::unique_ptr<lanhb_list, void (*)(lanhb_list *)> list(static_cast<lanhb_list *>(std::calloc(size, 1)),
                                                              [](lanhb_list *l) { std::free(l); });
     if (!list) {
-        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
-        return HBLOAD_NOMEM;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
+        return HBRET_NOMEM;
     }
     r = xmllib_gethostname(hostname, XMLLIB_HOSTNAME_SIZE);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_gethostname() failed(errno:%d)", errno);
-        return HBLOAD_HOSTNAME;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_gethostname() failed(errno:%d)", errno);
+        return HBRET_HOSTNAME;
     }
     hostname[sizeof hostname - 1] = '\0';
     cutat(hostname, '.');
     int32_t ownpri = 0;
     r = shmnm_getnodepri(hostname, &ownpri);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "shmnm_getnodepri() failed(ret:%d)", r);
-        return HBLOAD_OWNPRI;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodepri() failed(ret:%d)", r);
+        return HBRET_OWNPRI;
     }
 
     lanhb_list *l = list.get();
@@ -383,14 +383,14 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     l->maxrsc = s.maxrsc;
     l->curnode = curnode;
     l->currsc = currsc;
-    HBLOG(HBLOG_LAN, 8, "maxnode:%d,maxrsc:%d,port(recv:%d,send:%d)", l->maxnode, l->maxrsc, l->recvport,
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "maxnode:%d,maxrsc:%d,port(recv:%d,send:%d)", l->maxnode, l->maxrsc, l->recvport,
           l->sendport);
-    HBLOG(HBLOG_LAN, 8, "currsc:%d,curnode:%d", l->currsc, l->curnode);
-    HBLOG(HBLOG_LAN, 8, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,lanhb_warnrate:%d", l->hbto, l->hbint,
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "currsc:%d,curnode:%d", l->currsc, l->curnode);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "hbto:%d(msec),hbint:%d(msec),mismatch:%d,lanhb_warnrate:%d", l->hbto, l->hbint,
           l->mismatch, lanhb_warnrate);
-    HBLOG(HBLOG_LAN, 8, "dpint:%d(msec),dpretry:%d", l->dpint, l->dpretry);
-    HBLOG(HBLOG_LAN, 8, "edition:%s,version:%s", l->edition, l->version);
-    HBLOG(HBLOG_LAN, 8, "thstacksz:%d,lanhb_bsocknbio:%d", thstacksz, lanhb_bsocknbio);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "dpint:%d(msec),dpretry:%d", l->dpint, l->dpretry);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "edition:%s,version:%s", l->edition, l->version);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "thstacksz:%d,lanhb_bsocknbio:%d", thstacksz, lanhb_bsocknbio);
 
     r = fillnames(l);
     if (r != 0)
@@ -401,11 +401,11 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     char mycntname[XMLLIB_HOSTNAME_SIZE] = {};
     r = xmllib_gethostname(mycntname, XMLLIB_HOSTNAME_SIZE);
     if (r != 0) {
-        HBLOG(HBLOG_LAN, 1, "xmllib_gethostname failed(%#x).", static_cast<unsigned>(r));
-        return HBLOAD_ENUMNODE;
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_gethostname failed(%#x).", static_cast<unsigned>(r));
+        return HBRET_ENUMNODE;
     }
     mycntname[sizeof mycntname - 1] = '\0';
-    HBLOG(HBLOG_LAN, 8, "### mycntname=%s ###", mycntname);
+    HBLOG(HBLOG_LAN, HBLV_DETAIL, "### mycntname=%s ###", mycntname);
 
     selectaddrs(l, mycntname);
     const bool changed = initstates(l, hostname, resume);
@@ -414,7 +414,7 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     if (resume && changed) {
         r = sem_set_statchange();
         if (r != 0)
-            HBLOG(HBLOG_LAN, 1, "sem_set_statchange() failed(ret:%d)", r);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "sem_set_statchange() failed(ret:%d)", r);
     }
 
     pthread_mutex_init(&l->statmx, nullptr);
