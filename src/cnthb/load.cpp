@@ -10,13 +10,22 @@
 
 namespace {
 
-constexpr int32_t CNTHB_DEF_MAXNODE = 32;
-constexpr int32_t CNTHB_DEF_MAXRSC = 16;
-constexpr int32_t CNTHB_DEF_HBTO = 90000;
-constexpr int32_t CNTHB_DEF_HBINT = 3000;
-constexpr int32_t CNTHB_MIN_HBINT = 100; // what an interval of 0 becomes
 constexpr int32_t CNTHB_DEF_DPINT = 100; // also the lowest interval taken
-constexpr int32_t CNTHB_DEF_DPRETRY = 5;
+constexpr hbsetting CNTHB_SET_MAXRSC = {"/root/all/num/hbr", 16};
+constexpr hbsetting CNTHB_SET_DPINT = {
+    "/root/cluster/downpacket/interval",
+    CNTHB_DEF_DPINT,
+    {{.lo = 0, .to = CNTHB_DEF_DPINT, .msg = "invalid DPINT(%d). set to %d msec."},
+     {.lo = CNTHB_DEF_DPINT, .to = CNTHB_DEF_DPINT, .msg = "small DPINT(%d). set to %d msec.", .level = HBLV_DETAIL}}};
+constexpr hbsetting CNTHB_SET_WATCHTH = {"/root/cnthb/watchth", CNTHB_DEF_BWATCHTH};
+constexpr hbsetting CNTHB_SET_DPTHWAIT = {"/root/cnthb/downpacket/wait",
+                                          CNTHB_DEF_DPTHWAIT,
+                                          {{.lo = 0, .to = CNTHB_DEF_DPTHWAIT, .msg = "invalid DPTHWAIT(%d). set to %d."}}};
+constexpr hbsetting CNTHB_SET_DPTHRETRY = {
+    "/root/cnthb/downpacket/retry",
+    CNTHB_DEF_DPTHRETRY,
+    {{.lo = 0, .to = CNTHB_DEF_DPTHRETRY, .msg = "invalid DPTHRETRY(%d). set to %d."}}};
+constexpr hbsetting CNTHB_SET_RWLOCK = {"/root/cnthb/rwlock", 0};
 
 } // namespace
 
@@ -63,52 +72,24 @@ int32_t cnthb_loadkeys(cnthb_list *hdr)
 {
     if (cnthb_loadpolicy("all", "all") != 0)
         return HBRET_POLICY;
-    hdr->maxnode = hbcfg_getint(HBLOG_CNT, "/root/all/num/server", CNTHB_DEF_MAXNODE);
-    hdr->maxrsc = hbcfg_getint(HBLOG_CNT, "/root/all/num/hbr", CNTHB_DEF_MAXRSC);
+    hdr->maxnode = hbcfg_read(HBLOG_CNT, HB_SET_MAXNODE);
+    hdr->maxrsc = hbcfg_read(HBLOG_CNT, CNTHB_SET_MAXRSC);
     cnthb_unloadpolicy("all", "all");
 
     if (cnthb_loadpolicy("cluster", "cluster") != 0)
         return HBRET_POLICY;
-    (void)hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/mismatch", 0); // read for its message only
+    (void)hbcfg_read(HBLOG_CNT, HB_SET_MISMATCH); // read for its message only
     hdr->mismatch = 0;
-
-    hdr->hbto = hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/timeout", CNTHB_DEF_HBTO);
-    if (hdr->hbto < 1) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid HBTO(%d). set to %d msec.", hdr->hbto, CNTHB_DEF_HBTO);
-        hdr->hbto = CNTHB_DEF_HBTO;
-    }
-    hdr->hbint = hbcfg_getint(HBLOG_CNT, "/root/cluster/heartbeat/interval", CNTHB_DEF_HBINT);
-    if (hdr->hbint < 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_DEF_HBINT);
-        hdr->hbint = CNTHB_DEF_HBINT;
-    } else if (hdr->hbint == 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "HBINT(%d). set to %d msec.", hdr->hbint, CNTHB_MIN_HBINT);
-        hdr->hbint = CNTHB_MIN_HBINT;
-    }
-    cnthb_warnrate = hbcfg_getint(HBLOG_CNT, "/root/cluster/delaywarn/heartbeat", HB_DEF_WARNRATE);
-    if (cnthb_warnrate > 100)
-        cnthb_warnrate = 100;
-    else if (cnthb_warnrate < 0)
-        cnthb_warnrate = 0;
-
-    hdr->dpint = hbcfg_getint(HBLOG_CNT, "/root/cluster/downpacket/interval", CNTHB_DEF_DPINT);
-    if (hdr->dpint < 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
-        hdr->dpint = CNTHB_DEF_DPINT;
-    } else if (hdr->dpint < CNTHB_DEF_DPINT) {
-        HBLOG(HBLOG_CNT, HBLV_DETAIL, "small DPINT(%d). set to %d msec.", hdr->dpint, CNTHB_DEF_DPINT);
-        hdr->dpint = CNTHB_DEF_DPINT;
-    }
-    hdr->dpretry = hbcfg_getint(HBLOG_CNT, "/root/cluster/downpacket/retry", CNTHB_DEF_DPRETRY);
-    if (hdr->dpretry < 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPRETRY(%d). set to %d.", hdr->dpretry, CNTHB_DEF_DPRETRY);
-        hdr->dpretry = CNTHB_DEF_DPRETRY;
-    }
+    hdr->hbto = hbcfg_read(HBLOG_CNT, HB_SET_HBTO);
+    hdr->hbint = hbcfg_read(HBLOG_CNT, HB_SET_HBINT);
+    cnthb_warnrate = hbcfg_read(HBLOG_CNT, HB_SET_WARNRATE);
+    hdr->dpint = hbcfg_read(HBLOG_CNT, CNTHB_SET_DPINT);
+    hdr->dpretry = hbcfg_read(HBLOG_CNT, HB_SET_DPRETRY);
     cnthb_unloadpolicy("cluster", "nm");
 
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
         return HBRET_POLICY;
-    cnthb_bwatchth.store(hbcfg_getint(HBLOG_CNT, "/root/cnthb/watchth", CNTHB_DEF_BWATCHTH));
+    cnthb_bwatchth.store(hbcfg_read(HBLOG_CNT, CNTHB_SET_WATCHTH));
     loadstacksz(HBLOG_CNT, "/root/cnthb/thread/stacksize");
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
     return 0;
@@ -123,17 +104,9 @@ void cnthb_loadlate(cnthb_list *list)
     list->rwlock = 0;
     if (cnthb_loadpolicy(HB_KIND_CNTHB, "cnthb") != 0)
         return;
-    cnthb_dpthwait = hbcfg_getint(HBLOG_CNT, "/root/cnthb/downpacket/wait", CNTHB_DEF_DPTHWAIT);
-    if (cnthb_dpthwait < 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPTHWAIT(%d). set to %d.", cnthb_dpthwait, CNTHB_DEF_DPTHWAIT);
-        cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
-    }
-    cnthb_dpthretry = hbcfg_getint(HBLOG_CNT, "/root/cnthb/downpacket/retry", CNTHB_DEF_DPTHRETRY);
-    if (cnthb_dpthretry < 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "invalid DPTHRETRY(%d). set to %d.", cnthb_dpthretry, CNTHB_DEF_DPTHRETRY);
-        cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
-    }
-    list->rwlock = hbcfg_getint(HBLOG_CNT, "/root/cnthb/rwlock", 0);
+    cnthb_dpthwait = hbcfg_read(HBLOG_CNT, CNTHB_SET_DPTHWAIT);
+    cnthb_dpthretry = hbcfg_read(HBLOG_CNT, CNTHB_SET_DPTHRETRY);
+    list->rwlock = hbcfg_read(HBLOG_CNT, CNTHB_SET_RWLOCK);
     cnthb_unloadpolicy(HB_KIND_CNTHB, "cnthb");
 }
 

@@ -16,6 +16,19 @@ int32_t hbcfg_getint(int module, const char *key, int32_t dflt)
     return value;
 }
 
+int32_t hbcfg_read(int module, const hbsetting &set)
+{
+    const int32_t value = hbcfg_getint(module, set.key, set.dflt);
+    for (const hbbound &b : set.fix) {
+        if (value >= b.lo && value <= b.hi)
+            continue;
+        if (b.msg != nullptr)
+            hblog(module, b.level, __FILE__, __LINE__, __func__, b.msg, value, b.to);
+        return b.to;
+    }
+    return value;
+}
+
 int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out)
 {
     const int32_t failcode = rsc ? HBRET_ENUMRSC : HBRET_ENUMNODE;

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -135,6 +136,48 @@ enum hbret : int32_t {
 // Reads an integer key of the loaded policy; a failed read is logged on the
 // given module and yields dflt.
 int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
+
+// ---- settings ----------------------------------------------------------------------
+
+// A correction of an integer setting: a value outside [lo, hi] becomes `to`,
+// logged with the value and `to` by `msg` at `level`, or silently without a
+// message.
+struct hbbound {
+    int32_t lo = INT32_MIN;
+    int32_t hi = INT32_MAX;
+    int32_t to = 0;
+    const char *msg = nullptr;
+    int level = HBLV_ERROR;
+};
+// One integer setting: its key, the default a failed read yields (logged),
+// and up to two corrections, of which the first that applies is made.
+struct hbsetting {
+    const char *key;
+    int32_t dflt;
+    hbbound fix[2] = {};
+};
+int32_t hbcfg_read(int module, const hbsetting &set);
+
+// The settings both heartbeat kinds read alike; each kind has its own
+// interval of down notices and its own path limit.
+inline constexpr int32_t HB_DEF_HBTO = 90000;   // msec
+inline constexpr int32_t HB_DEF_HBINT = 3000;   // msec
+inline constexpr int32_t HB_ZERO_HBINT = 100;   // what an interval of 0 becomes
+inline constexpr int32_t HB_DEF_MAXNODE = 32;
+inline constexpr int32_t HB_DEF_DPRETRY = 5;
+inline constexpr hbsetting HB_SET_MAXNODE = {"/root/all/num/server", HB_DEF_MAXNODE};
+inline constexpr hbsetting HB_SET_MISMATCH = {"/root/cluster/heartbeat/mismatch", 0}; // read, not used
+inline constexpr hbsetting HB_SET_HBTO = {
+    "/root/cluster/heartbeat/timeout", HB_DEF_HBTO, {{.lo = 1, .to = HB_DEF_HBTO, .msg = "invalid HBTO(%d). set to %d msec."}}};
+inline constexpr hbsetting HB_SET_HBINT = {"/root/cluster/heartbeat/interval",
+                                           HB_DEF_HBINT,
+                                           {{.lo = 0, .to = HB_DEF_HBINT, .msg = "invalid HBINT(%d). set to %d msec."},
+                                            {.lo = 1, .to = HB_ZERO_HBINT, .msg = "HBINT(%d). set to %d msec."}}};
+inline constexpr hbsetting HB_SET_WARNRATE = {"/root/cluster/delaywarn/heartbeat",
+                                              HB_DEF_WARNRATE,
+                                              {{.lo = 0, .to = 0}, {.hi = 100, .to = 100}}};
+inline constexpr hbsetting HB_SET_DPRETRY = {
+    "/root/cluster/downpacket/retry", HB_DEF_DPRETRY, {{.lo = 0, .to = HB_DEF_DPRETRY, .msg = "invalid DPRETRY(%d). set to %d."}}};
 
 // Fetches the path list (rsc, of the given heartbeat kind) or the node list
 // in the two calls of a list of unknown length. The buffer gets two spare

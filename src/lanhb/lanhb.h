@@ -43,6 +43,10 @@ void *lanhb_hbsend(void *list);
 void *lanhb_hbwatch(void *list);
 void *lanhb_dpsend(void *list);
 
+// The down-packet interval, read at start-up and again at an orderly stop.
+inline constexpr hbsetting LANHB_SET_DPINT = {
+    "/root/cluster/downpacket/interval", 0, {{.lo = 0, .to = 0, .msg = "invalid DPINT(%d). set to %d msec."}}};
+
 // Re-reads the down-packet interval and retry into *dpint and *dpretry; both
 // null: there is no table (logged, and success).
 int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry);

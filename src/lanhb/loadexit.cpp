@@ -4,12 +4,6 @@
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
-namespace {
-
-constexpr int32_t DEF_DPRETRY = 5;
-
-} // namespace
-
 // Shared by both tables: only the two given fields change, and only when the
 // configuration and its policy could be loaded.
 int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry)
@@ -25,16 +19,8 @@ int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(cluster) failed(ret:%d)", r);
         return HBRET_POLICY;
     }
-    int32_t interval = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
-    if (interval < 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPINT(%d). set to %d msec.", interval, 0);
-        interval = 0;
-    }
-    int32_t retry = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/retry", DEF_DPRETRY);
-    if (retry < 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPRETRY(%d). set to %d.", retry, DEF_DPRETRY);
-        retry = DEF_DPRETRY;
-    }
+    const int32_t interval = hbcfg_read(HBLOG_LAN, LANHB_SET_DPINT);
+    const int32_t retry = hbcfg_read(HBLOG_LAN, HB_SET_DPRETRY);
     r = xmllib_unload_policy("cluster");
     if (r != 0)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(nm) failed(ret:%d)", r);

@@ -26,20 +26,14 @@ void lanhb_reset()
 
 namespace {
 
-constexpr int32_t DEF_MAXNODE = 32;
-constexpr int32_t DEF_MAXRSC = 128;
-constexpr int32_t DEF_HBTO = 90000;
-constexpr int32_t DEF_HBINT = 3000;
-constexpr int32_t ZERO_HBINT = 100;
-constexpr int32_t DEF_RECVPORT = 29002;
-constexpr int32_t DEF_DPRETRY = 5;
 constexpr char OWN_LOOPBACK[] = "127.0.0.1";
 
-int32_t readport(const char *key, int32_t dflt)
-{
-    const int32_t v = hbcfg_getint(HBLOG_LAN, key, dflt);
-    return v < 1 || v > 65535 ? dflt : v;
-}
+constexpr int32_t DEF_RECVPORT = 29002;
+constexpr hbsetting SET_MAXRSC = {"/root/all/num/hbr", 128};
+// A port outside the valid range falls back to the default silently.
+constexpr hbsetting SET_RECVPORT = {"/root/cluster/heartbeat/port/recv", DEF_RECVPORT, {{.lo = 1, .hi = 65535, .to = DEF_RECVPORT}}};
+constexpr hbsetting SET_SENDPORT = {"/root/cluster/heartbeat/port/send", 0, {{.lo = 1, .hi = 65535, .to = 0}}};
+constexpr hbsetting SET_SOCKNBIO = {"/root/lanhb/socket/nbio", LANHB_DEF_SOCKNBIO};
 
 void cutat(char *text, char sep)
 {
@@ -59,8 +53,8 @@ int32_t readsettings(settings *s)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(all) failed(ret:%d)", r);
         return HBRET_POLICY;
     }
-    s->maxnode = hbcfg_getint(HBLOG_LAN, "/root/all/num/server", DEF_MAXNODE);
-    s->maxrsc = hbcfg_getint(HBLOG_LAN, "/root/all/num/hbr", DEF_MAXRSC);
+    s->maxnode = hbcfg_read(HBLOG_LAN, HB_SET_MAXNODE);
+    s->maxrsc = hbcfg_read(HBLOG_LAN, SET_MAXRSC);
     r = xmllib_unload_policy("all");
     if (r != 0)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(all) failed(ret:%d)", r);
@@ -71,34 +65,14 @@ int32_t readsettings(settings *s)
         return HBRET_POLICY;
     }
     // Read only so that a broken key shows in the log; the setting is off.
-    (void)hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/mismatch", 0);
-    s->hbto = hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/timeout", DEF_HBTO);
-    if (s->hbto < 1) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid HBTO(%d). set to %d msec.", s->hbto, DEF_HBTO);
-        s->hbto = DEF_HBTO;
-    }
-    s->hbint = hbcfg_getint(HBLOG_LAN, "/root/cluster/heartbeat/interval", DEF_HBINT);
-    if (s->hbint < 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid HBINT(%d). set to %d msec.", s->hbint, DEF_HBINT);
-        s->hbint = DEF_HBINT;
-    } else if (s->hbint == 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "HBINT(%d). set to %d msec.", s->hbint, ZERO_HBINT);
-        s->hbint = ZERO_HBINT;
-    }
-    s->recvport = readport("/root/cluster/heartbeat/port/recv", DEF_RECVPORT);
-    s->sendport = readport("/root/cluster/heartbeat/port/send", 0);
-    int32_t rate = hbcfg_getint(HBLOG_LAN, "/root/cluster/delaywarn/heartbeat", HB_DEF_WARNRATE);
-    lanhb_warnrate = rate <= 0 ? 0 : rate > 100 ? 100 : rate;
-    s->dpint = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/interval", 0);
-    if (s->dpint < 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPINT(%d). set to %d msec.", s->dpint, 0);
-        s->dpint = 0;
-    }
-    s->dpretry = hbcfg_getint(HBLOG_LAN, "/root/cluster/downpacket/retry", DEF_DPRETRY);
-    if (s->dpretry < 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid DPRETRY(%d). set to %d.", s->dpretry, DEF_DPRETRY);
-        s->dpretry = DEF_DPRETRY;
-    }
+    (void)hbcfg_read(HBLOG_LAN, HB_SET_MISMATCH);
+    s->hbto = hbcfg_read(HBLOG_LAN, HB_SET_HBTO);
+    s->hbint = hbcfg_read(HBLOG_LAN, HB_SET_HBINT);
+    s->recvport = hbcfg_read(HBLOG_LAN, SET_RECVPORT);
+    s->sendport = hbcfg_read(HBLOG_LAN, SET_SENDPORT);
+    lanhb_warnrate = hbcfg_read(HBLOG_LAN, HB_SET_WARNRATE);
+    s->dpint = hbcfg_read(HBLOG_LAN, LANHB_SET_DPINT);
+    s->dpretry = hbcfg_read(HBLOG_LAN, HB_SET_DPRETRY);
     r = xmllib_unload_policy("cluster");
     if (r != 0)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(nm) failed(ret:%d)", r);
@@ -109,7 +83,7 @@ int32_t readsettings(settings *s)
         return HBRET_POLICY;
     }
     loadstacksz(HBLOG_LAN, "/root/lanhb/thread/stacksize");
-    lanhb_bsocknbio = hbcfg_getint(HBLOG_LAN, "/root/lanhb/socket/nbio", LANHB_DEF_SOCKNBIO);
+    lanhb_bsocknbio = hbcfg_read(HBLOG_LAN, SET_SOCKNBIO);
     r = xmllib_unload_policy(HB_KIND_LANHB);
     if (r != 0)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
