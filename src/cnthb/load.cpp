@@ -29,11 +29,11 @@ constexpr hbsetting CNTHB_SET_RWLOCK = {"/root/cnthb/rwlock", 0};
 
 } // namespace
 
-std::atomic<int32_t> cnthb_bhbwrite{0};
-std::atomic<int32_t> cnthb_bwatchth{CNTHB_DEF_BWATCHTH};
-uint8_t cnthb_mycntno = 0;
-int32_t cnthb_dpthwait = CNTHB_DEF_DPTHWAIT;
-int32_t cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
+// Given their values by cnthb_reset, at start-up as in the tests, so each
+// is written down once.
+std::atomic<int32_t> cnthb_bhbwrite, cnthb_bwatchth;
+uint8_t cnthb_mycntno;
+int32_t cnthb_dpthwait, cnthb_dpthretry;
 
 void cnthb_reset()
 {
@@ -44,6 +44,8 @@ void cnthb_reset()
     cnthb_dpthretry = CNTHB_DEF_DPTHRETRY;
     cnthb_ctimedummy.store(0);
 }
+
+static const bool cnthb_initialised = (cnthb_reset(), true);
 
 namespace {
 
@@ -160,12 +162,7 @@ int32_t cnthb_fillrsc(cnthb_list *list)
     int32_t i = 0;
     for (const char *p = mszfirst(names.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
         cnthb_rsc *rsc = cnthb_rscat(list, i);
-        hbcopytext(rsc->name, sizeof rsc->name, p);
-        const int32_t r = shmnm_getrscpri(HB_KIND_CNTHB, rsc->name, &rsc->pri);
-        if (r != 0) {
-            HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, r);
-            rsc->pri = -1;
-        }
+        rsc->pri = hbcfg_namepri(HBLOG_CNT, HB_KIND_CNTHB, p, rsc->name, sizeof rsc->name);
     }
     return 0;
 }
@@ -182,12 +179,7 @@ int32_t cnthb_fillnode(cnthb_list *list)
         int32_t j = 0;
         for (const char *p = mszfirst(names.get()); p != nullptr && j < list->curnode; p = msznext(p), ++j) {
             cnthb_node *node = cnthb_nodeat(rsc, j);
-            hbcopytext(node->name, sizeof node->name, p);
-            const int32_t r = shmnm_getnodepri(node->name, &node->pri);
-            if (r != 0) {
-                HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, r);
-                node->pri = -1;
-            }
+            node->pri = hbcfg_namepri(HBLOG_CNT, nullptr, p, node->name, sizeof node->name);
             node->cntno = std::strcmp(node->name, list->hostname) == 0 ? cnthb_mycntno : peercntno;
             HBLOG(HBLOG_CNT, HBLV_ERROR, "rsc:%s(pri:%d),node:%s(pri:%d,cntno:%d)", rsc->name, rsc->pri, node->name,
                   node->pri, node->cntno);
@@ -239,32 +231,14 @@ void cnthb_initstates(cnthb_list *list, bool resume)
 
 int32_t cnthb_loadinfo(cnthb_list **out)
 {
-    char edition[SHMCM_TEXT_SIZE] = {};
-    char version[SHMCM_TEXT_SIZE] = {};
-    int32_t r = shmcm_getedition(edition);
-    if (r != 0) {
-        HBLOG(HBLOG_CNT, HBLV_WARN, "shmcm_getedition() failed(ret:%d)", r);
-        hbcopytext(edition, sizeof edition, "unknown");
-    }
-    r = shmcm_getversion(version);
-    if (r != 0) {
-        HBLOG(HBLOG_CNT, HBLV_WARN, "shmcm_getversion() failed(ret:%d)", r);
-        hbcopytext(version, sizeof version, "unknown");
-    }
-    edition[sizeof edition - 1] = '\0';
-    version[sizeof version - 1] = '\0';
-
+    const hbrelease rel = hbcfg_release(HBLOG_CNT);
     cnthb_list keys{};
     if (int32_t rk = cnthb_loadkeys(&keys))
         return rk;
 
     int32_t counts[2] = {};
-    for (int k = 0; k < 2; ++k) {
-        hbmsz names;
-        if (int32_t re = hbcfg_enum(HBLOG_CNT, HB_KIND_CNTHB, k == 0, &names))
-            return re;
-        counts[k] = mszcount(names.get());
-    }
+    if (int32_t re = hbcfg_counts(HBLOG_CNT, HB_KIND_CNTHB, &counts[0], &counts[1]))
+        return re;
 
     std::unique_ptr<cnthb_list, cnthb_listfree> hold(cnthb_alloclist(counts[0], counts[1]));
     if (!hold)
@@ -272,22 +246,12 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     cnthb_list *list = hold.get();
 
     char host[XMLLIB_HOSTNAME_SIZE] = {};
-    if (xmllib_gethostname(host, sizeof host) != 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "xmllib_gethostname() failed(errno:%d)", errno);
-        return HBRET_HOSTNAME;
-    }
-    host[sizeof host - 1] = '\0';
-    if (char *dot = std::strchr(host, '.'))
-        *dot = '\0';
-    r = shmnm_getnodepri(host, &list->ownpri);
-    if (r != 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getnodepri() failed(ret:%d)", r);
-        return HBRET_OWNPRI;
-    }
+    if (int32_t ro = hbcfg_ownnode(HBLOG_CNT, host, sizeof host, &list->ownpri))
+        return ro;
 
     char cluster[sizeof list->clustername] = {};
     int32_t len = sizeof cluster;
-    r = xmllib_get_value("/root/cluster/name", XMLLIB_KIND_TEXT, cluster, &len);
+    int32_t r = xmllib_get_value("/root/cluster/name", XMLLIB_KIND_TEXT, cluster, &len);
     if (r != 0) {
         HBLOG(HBLOG_CNT, HBLV_ERROR, "xmllib_get_value(%s) failed(ret:%d)", "/root/cluster/name", r);
         hbcopytext(cluster, sizeof cluster, "unknown");
@@ -303,8 +267,8 @@ int32_t cnthb_loadinfo(cnthb_list **out)
     list->dpint = keys.dpint;
     list->dpretry = keys.dpretry;
     hbcopytext(list->hostname, sizeof list->hostname, host);
-    hbcopytext(list->edition, sizeof list->edition, edition);
-    hbcopytext(list->version, sizeof list->version, version);
+    hbcopytext(list->edition, sizeof list->edition, rel.edition);
+    hbcopytext(list->version, sizeof list->version, rel.version);
     hbcopytext(list->clustername, sizeof list->clustername, cluster);
     HBLOG(HBLOG_CNT, HBLV_DETAIL, "maxnode:%d,maxrsc:%d", list->maxnode, list->maxrsc);
     HBLOG(HBLOG_CNT, HBLV_DETAIL, "currsc:%d,curnode:%d", list->currsc, list->curnode);

@@ -7,17 +7,6 @@
 
 namespace {
 
-int32_t cnthb_readsvstat(const cnthb_rsc *rsc, const cnthb_node *node)
-{
-    int32_t stat = SHMNM_SVSTAT_UNKNOWN;
-    const int32_t r = shmnm_getrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, &stat);
-    if (r != 0) {
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
-        stat = SHMNM_SVSTAT_UNKNOWN;
-    }
-    return stat;
-}
-
 void cnthb_publishsv(const cnthb_rsc *rsc, const cnthb_node *node, int32_t stat)
 {
     const int32_t r = shmnm_setrscsvstat(HB_KIND_CNTHB, rsc->name, node->pri, stat);
@@ -31,7 +20,7 @@ void cnthb_newhb(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
 {
     const hbtick_t prev = node->lastread;
     node->lastread = hbtick_now();
-    if (cnthb_readsvstat(rsc, node) == SHMNM_SVSTAT_ONLINE) {
+    if (hbsvstat_read(HBLOG_CNT, HB_KIND_CNTHB, rsc->name, node->pri) == SHMNM_SVSTAT_ONLINE) {
         delaywarn(2, rsc->name, node->name, prev, node->lastread, list->hbto, LOG_MSG_HBGAP);
         return;
     }
@@ -57,7 +46,7 @@ void cnthb_newhb(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
 // A down notice: the node shuts down in order, offline at once.
 void cnthb_newdown(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node)
 {
-    if (cnthb_readsvstat(rsc, node) == SHMNM_SVSTAT_OFFLINE)
+    if (hbsvstat_read(HBLOG_CNT, HB_KIND_CNTHB, rsc->name, node->pri) == SHMNM_SVSTAT_OFFLINE)
         return;
     HBLOG(HBLOG_CNT, HBLV_ERROR, "DOWNPACKET read(%s,%s(%d))", rsc->name, node->name, node->pri);
     cnthb_publishsv(rsc, node, SHMNM_SVSTAT_OFFLINE);
@@ -112,46 +101,9 @@ int32_t cnthb_hbdata(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node, cnthb_h
 
 int32_t cnthb_setrscstat(cnthb_list *list, cnthb_rsc *rsc)
 {
-    bool owndown = false, peerdown = false, online = false, unused = false;
-    for (int32_t j = 0; j < list->curnode; ++j) {
-        cnthb_node *node = cnthb_nodeat(rsc, j);
-        switch (hbld(node->stat)) {
-        case SHMNM_SVSTAT_OFFLINE:
-        case SHMNM_SVSTAT_UNKNOWN:
-            (node->pri == list->ownpri ? owndown : peerdown) = true;
-            break;
-        case SHMNM_SVSTAT_ONLINE:
-            online = true;
-            break;
-        case SHMNM_SVSTAT_UNUSED:
-            unused = true;
-            break;
-        default: // 0: a state that could not be read at resume
-            break;
-        }
-    }
-    int32_t stat;
-    if (owndown) {
-        stat = SHMNM_RSCSTAT_ERROR;
-        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : ERROR ***", rsc->name);
-    } else if (peerdown) {
-        stat = SHMNM_RSCSTAT_CAUTION;
-        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : CAUTION ***", rsc->name);
-    } else if (online) {
-        stat = SHMNM_RSCSTAT_NORMAL;
-        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : NORMAL ***", rsc->name);
-    } else if (unused) {
-        stat = SHMNM_RSCSTAT_UNUSED;
-        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : UNUSED ***", rsc->name);
-    } else {
-        stat = SHMNM_RSCSTAT_UNKNOWN;
-        HBLOG(HBLOG_CNT, HBLV_ERROR, " *** %s : UNKNOWN ***", rsc->name);
-    }
-    hbst(rsc->stat, stat);
-    const int32_t r = shmnm_setrscstat(HB_KIND_CNTHB, rsc->name, stat);
-    if (r != 0)
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "shmnm_cnthb_setrscstat(CNTHB,%s,%d) failed(ret:%d)", rsc->name, stat, r);
-    return 0;
+    return hbpath_set(HBLOG_CNT, HB_KIND_CNTHB, rsc->name, &rsc->stat, list->curnode, list->ownpri,
+                      [rsc](int32_t j) { return cnthb_nodeat(rsc, j); },
+                      "shmnm_cnthb_setrscstat(CNTHB,%s,%d) failed(ret:%d)");
 }
 
 int32_t cnthb_seterrstat(cnthb_list *list, int32_t kind)

@@ -40,19 +40,8 @@ void *cnthb_hbwatch(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
     HBTH_ENTER(HBLOG_CNT);
-    hbtick_t maxloop = 0;
     pthread_cleanup_push(cnthb_watchthexit, list);
-    hbth_canceloff(HBLOG_CNT);
-    for (;;) {
-        const hbtick_t start = hbtick_now();
-        hbth_testcancel(HBLOG_CNT);
-        if (bsigrecv.load() != 0)
-            break;
-        hbwait_ms(HBLOG_CNT, list->hbint);
-        cnthb_hbcheck(list); // never cancelled half-way
-        cnthb_thmlooptime(start, &maxloop);
-    }
-    HBLOG(HBLOG_CNT, HBLV_ERROR, "SIGUSR1 already received");
+    hbth_watchloop(HBLOG_CNT, list->hbint, [list] { cnthb_hbcheck(list); }, cnthb_thmlooptime);
     HBTH_EXIT(HBLOG_CNT, 0);
     pthread_cleanup_pop(1);
     return nullptr;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 
 // ---- process-wide state ---------------------------------------------------
 
@@ -137,6 +138,23 @@ enum hbret : int32_t {
 // given module and yields dflt.
 int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
 
+// What both loaders learn first: the release texts ("unknown" when
+// unreadable, a failure logged at HBLV_WARN), the counts of paths of their
+// kind and of nodes, and this node's short host name (cut at its first ".")
+// and priority. The counts and the host return 0 or a loader code.
+struct hbrelease {
+    char edition[16];
+    char version[16];
+};
+hbrelease hbcfg_release(int module);
+int32_t hbcfg_counts(int module, const char *kind, int32_t *currsc, int32_t *curnode);
+int32_t hbcfg_ownnode(int module, char *host, size_t size, int32_t *ownpri);
+
+// Copies a path's (kind non-null) or node's name from an enumeration into
+// name and returns its priority from the node manager; -1 when that cannot
+// be read (logged on module).
+int32_t hbcfg_namepri(int module, const char *kind, const char *from, char *name, size_t size);
+
 // ---- settings ----------------------------------------------------------------------
 
 // A correction of an integer setting: a value outside [lo, hi] becomes `to`,
@@ -185,6 +203,59 @@ inline constexpr hbsetting HB_SET_DPRETRY = {
 // HBRET_ENUMRSC or HBRET_ENUMNODE when a call fails, or HBRET_NOMEM
 // (failures logged on module).
 int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out);
+
+// ---- shared fields ------------------------------------------------------------------
+
+// Table fields that one thread writes and another reads, with or without the
+// lock. Stores release and loads acquire: a thread that reads a value also
+// sees everything its writer did before storing it (a worker's last touch of
+// the table before its count drops, a state before the flag that announces
+// it).
+template <class T> T hbld(T &field)
+{
+    return std::atomic_ref<T>(field).load(std::memory_order_acquire);
+}
+template <class T> void hbst(T &field, std::type_identity_t<T> value)
+{
+    std::atomic_ref<T>(field).store(value, std::memory_order_release);
+}
+template <class T> T hbadd(T &field, std::type_identity_t<T> delta)
+{
+    return std::atomic_ref<T>(field).fetch_add(delta, std::memory_order_acq_rel);
+}
+
+// ---- path state ------------------------------------------------------------------
+
+// A node's state on a path as the node manager has it; UNKNOWN when it
+// cannot be read (logged on module).
+int32_t hbsvstat_read(int module, const char *kind, const char *rsc, int32_t pri);
+
+// The overall state of a path, voted by the states of its nodes: ERROR when
+// the own node is down, else CAUTION when a peer is, else NORMAL when one is
+// online, else UNUSED when one is unused, else UNKNOWN.
+class hbpathvote {
+public:
+    void add(int32_t svstat, bool own);
+    // Logs " *** <path> : <state> ***", stores the state into *stat (hbst)
+    // and publishes it; failmsg names the failed publication (path, state,
+    // result). The caller holds the table's lock.
+    int32_t publish(int module, const char *kind, const char *rsc, int32_t *stat, const char *failmsg) const;
+
+private:
+    bool owndown_ = false, peerdown_ = false, online_ = false, unused_ = false;
+};
+
+// Votes a path's state from its nodes node(0) .. node(curnode - 1) (records
+// with `stat` and `pri`) and publishes it as hbpathvote::publish does.
+template <class NodeAt>
+int32_t hbpath_set(int module, const char *kind, const char *rsc, int32_t *stat, int32_t curnode, int32_t ownpri,
+                   NodeAt node, const char *failmsg)
+{
+    hbpathvote vote;
+    for (int32_t j = 0; j < curnode; ++j)
+        vote.add(hbld(node(j)->stat), node(j)->pri == ownpri);
+    return vote.publish(module, kind, rsc, stat, failmsg);
+}
 
 // ---- stop ----------------------------------------------------------------------
 

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
-#include <type_traits>
 
 #include "frame/frame.h"
 
@@ -71,7 +70,7 @@ int32_t hbpace_pause(hbpace *pace, int32_t hbint);
 // time it is called after the start-up stretch; true that once.
 bool hbpace_announce(hbpace *pace, int module, const char *which, int32_t hbint);
 
-// ---- the table lock and shared fields ------------------------------------------------
+// ---- the table lock ------------------------------------------------
 
 // Holds a table's lock for a scope. Taken with cancellation disabled, never
 // around a socket or firmware call.
@@ -86,20 +85,24 @@ private:
     pthread_mutex_t *mutex_;
 };
 
-// Table fields that one thread writes and another reads, with or without the
-// lock. Stores release and loads acquire: a thread that reads a value also
-// sees everything its writer did before storing it (a worker's last touch of
-// the table before its count drops, a state before the flag that announces
-// it).
-template <class T> T hbld(T &field)
+// ---- the watcher ---------------------------------------------------------------------
+
+// A watcher thread's loop: until the stop, one pause of the interval, then
+// one time-out pass (never cancelled half-way), timed by looptime. Logs
+// "SIGUSR1 already received" when the stop ends it.
+template <class Check>
+void hbth_watchloop(int module, int32_t hbint, Check check, int32_t (*looptime)(hbtick_t, hbtick_t *))
 {
-    return std::atomic_ref<T>(field).load(std::memory_order_acquire);
-}
-template <class T> void hbst(T &field, std::type_identity_t<T> value)
-{
-    std::atomic_ref<T>(field).store(value, std::memory_order_release);
-}
-template <class T> T hbadd(T &field, std::type_identity_t<T> delta)
-{
-    return std::atomic_ref<T>(field).fetch_add(delta, std::memory_order_acq_rel);
+    hbth_canceloff(module);
+    hbtick_t maxloop = 0;
+    for (;;) {
+        const hbtick_t t0 = hbtick_now();
+        hbth_testcancel(module);
+        if (bsigrecv.load() != 0)
+            break;
+        hbwait_ms(module, hbint);
+        check();
+        looptime(t0, &maxloop);
+    }
+    HBLOG(module, HBLV_ERROR, "SIGUSR1 already received");
 }

@@ -76,19 +76,7 @@ void *lanhb_hbwatch(void *arg)
     HBTH_ENTER(HBLOG_LAN);
     void *ret = nullptr;
     pthread_cleanup_push(lanhb_watchthexit, nullptr);
-    hbth_canceloff(HBLOG_LAN);
-    hbtick_t maxloop = 0;
-    for (;;) {
-        const hbtick_t t0 = hbtick_now();
-        hbth_testcancel(HBLOG_LAN);
-        if (bsigrecv.load() != 0)
-            break;
-        hbwait_ms(HBLOG_LAN, list->hbint);
-        // A check is never cancelled half-way.
-        lanhb_hbcheck(list);
-        lanhb_thwlooptime(t0, &maxloop);
-    }
-    HBLOG(HBLOG_LAN, HBLV_ERROR, "SIGUSR1 already received");
+    hbth_watchloop(HBLOG_LAN, list->hbint, [list] { lanhb_hbcheck(list); }, lanhb_thwlooptime);
     ret = lanhb_exit(LANHB_EXIT_OK);
     pthread_cleanup_pop(1);
     return ret;

@@ -16,6 +16,10 @@
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
+pthread_mutex_t lanhb_rmutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t lanhb_rcond = PTHREAD_COND_INITIALIZER;
+int32_t lanhb_rready; // set by lanhb_reset
+
 namespace {
 
 // Opens and binds the receive socket; returns null or the exit text.

@@ -8,17 +8,6 @@
 
 namespace {
 
-int32_t readsvstat(lanhb_rsc *rsc, lanhb_node *node)
-{
-    int32_t st = SHMNM_SVSTAT_UNKNOWN;
-    const int32_t r = shmnm_getrscsvstat(HB_KIND_LANHB, rsc->name, node->pri, &st);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", rsc->name, node->pri, r);
-        st = SHMNM_SVSTAT_UNKNOWN;
-    }
-    return st;
-}
-
 // Publishes a node's new state, keeps it in the table whatever the node
 // manager says, re-evaluates the path and wakes the cluster.
 void changenode(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, int32_t st, const char *word)
@@ -40,7 +29,7 @@ int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_p
 {
     if (std::strncmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) == 0) {
         hblock hold(&list->statmx);
-        if (readsvstat(rsc, node) == SHMNM_SVSTAT_OFFLINE)
+        if (hbsvstat_read(HBLOG_LAN, HB_KIND_LANHB, rsc->name, node->pri) == SHMNM_SVSTAT_OFFLINE)
             return 0;
         HBLOG(HBLOG_LAN, HBLV_ERROR, "DOWNPACKET recv(%s,%s(%d))", rsc->name, node->name, node->pri);
         changenode(list, rsc, node, SHMNM_SVSTAT_OFFLINE, "OFFLINE");
@@ -53,7 +42,7 @@ int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_p
         prev = hbld(node->lastrecv);
         now = hbtick_now();
         hbst(node->lastrecv, now);
-        if (readsvstat(rsc, node) != SHMNM_SVSTAT_ONLINE) {
+        if (hbsvstat_read(HBLOG_LAN, HB_KIND_LANHB, rsc->name, node->pri) != SHMNM_SVSTAT_ONLINE) {
             int32_t hdstat = SHMNM_HDSTAT_PRESET;
             const int32_t r = shmnm_gethdstat(node->name, &hdstat);
             if (r != 0) {
@@ -78,42 +67,6 @@ int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_p
 
 int32_t lanhb_setrscstat(lanhb_list *list, lanhb_rsc *rsc)
 {
-    bool online = false, owndown = false, otherdown = false, unused = false;
-    for (int32_t j = 0; j < list->curnode; ++j) {
-        lanhb_node *node = lanhb_rscnode(rsc, j);
-        switch (hbld(node->stat)) {
-        case SHMNM_SVSTAT_ONLINE:
-            online = true;
-            break;
-        case SHMNM_SVSTAT_OFFLINE:
-        case SHMNM_SVSTAT_UNKNOWN:
-            (node->pri == list->ownpri ? owndown : otherdown) = true;
-            break;
-        case SHMNM_SVSTAT_UNUSED:
-            unused = true;
-            break;
-        default: // never initialised
-            break;
-        }
-    }
-
-    int32_t st;
-    const char *word;
-    if (owndown) {
-        st = SHMNM_RSCSTAT_ERROR, word = "ERROR";
-    } else if (otherdown) {
-        st = SHMNM_RSCSTAT_CAUTION, word = "CAUTION";
-    } else if (online) {
-        st = SHMNM_RSCSTAT_NORMAL, word = "NORMAL";
-    } else if (unused) {
-        st = SHMNM_RSCSTAT_UNUSED, word = "UNUSED";
-    } else {
-        st = SHMNM_RSCSTAT_UNKNOWN, word = "UNKNOWN";
-    }
-    HBLOG(HBLOG_LAN, HBLV_ERROR, " *** %s : %s ***", rsc->name, word);
-    hbst(rsc->stat, st);
-    const int32_t r = shmnm_setrscstat(HB_KIND_LANHB, rsc->name, st);
-    if (r != 0)
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_setrscstat(LANHB,%s,%d) failed(ret:%d)", rsc->name, st, r);
-    return 0;
+    return hbpath_set(HBLOG_LAN, HB_KIND_LANHB, rsc->name, &rsc->stat, list->curnode, list->ownpri,
+                      [rsc](int32_t j) { return lanhb_rscnode(rsc, j); }, "shmnm_setrscstat(LANHB,%s,%d) failed(ret:%d)");
 }

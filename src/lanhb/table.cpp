@@ -9,12 +9,10 @@
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
-std::atomic<int32_t> lanhb_bhbsend{0};
-std::atomic<int32_t> lanhb_bwatchth{LANHB_DEF_BWATCHTH};
-pthread_mutex_t lanhb_rmutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t lanhb_rcond = PTHREAD_COND_INITIALIZER;
-int32_t lanhb_rready = 0;
-int32_t lanhb_bsocknbio = LANHB_DEF_SOCKNBIO;
+// Given their values by lanhb_reset, at start-up as in the tests, so each
+// is written down once.
+std::atomic<int32_t> lanhb_bhbsend, lanhb_bwatchth;
+int32_t lanhb_bsocknbio;
 
 void lanhb_reset()
 {
@@ -23,6 +21,8 @@ void lanhb_reset()
     lanhb_rready = 0;
     lanhb_bsocknbio = LANHB_DEF_SOCKNBIO;
 }
+
+static const bool lanhb_initialised = (lanhb_reset(), true);
 
 namespace {
 
@@ -100,12 +100,7 @@ int32_t fillnames(lanhb_list *list)
     int32_t i = 0;
     for (const char *p = mszfirst(rsclist.get()); p != nullptr && i < list->currsc; p = msznext(p), ++i) {
         lanhb_rsc *rsc = lanhb_getrsc(list, i);
-        hbcopytext(rsc->name, sizeof rsc->name, p);
-        const int32_t rr = shmnm_getrscpri(HB_KIND_LANHB, rsc->name, &rsc->pri);
-        if (rr != 0) {
-            HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getrscpri(%s) failed(ret:%d)", rsc->name, rr);
-            rsc->pri = -1;
-        }
+        rsc->pri = hbcfg_namepri(HBLOG_LAN, HB_KIND_LANHB, p, rsc->name, sizeof rsc->name);
     }
 
     hbmsz nodelist;
@@ -117,12 +112,7 @@ int32_t fillnames(lanhb_list *list)
         int32_t j = 0;
         for (const char *p = mszfirst(nodelist.get()); p != nullptr && j < list->curnode; p = msznext(p), ++j) {
             lanhb_node *node = lanhb_rscnode(rsc, j);
-            hbcopytext(node->name, sizeof node->name, p);
-            const int32_t rr = shmnm_getnodepri(node->name, &node->pri);
-            if (rr != 0) {
-                HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodepri(%s) failed(ret:%d)", node->name, rr);
-                node->pri = -1;
-            }
+            node->pri = hbcfg_namepri(HBLOG_LAN, nullptr, p, node->name, sizeof node->name);
             HBLOG(HBLOG_LAN, HBLV_ERROR, "rsc:%s(pri:%d),node:%s(pri:%d)", rsc->name, rsc->pri, node->name, node->pri);
         }
     }
@@ -289,37 +279,17 @@ lanhb_node *lanhb_getnode(lanhb_list *list, int32_t i, int32_t j)
 int32_t lanhb_loadinfo(lanhb_list **out)
 {
     char hostname[XMLLIB_HOSTNAME_SIZE] = {};
-    char edition[LANHB_TEXT_SIZE] = {};
-    char version[LANHB_TEXT_SIZE] = {};
-
-    int32_t r = shmcm_getedition(edition);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_WARN, "shmcm_getedition() failed(ret:%d)", r);
-        hbcopytext(edition, sizeof edition, "unknown");
-    }
-    edition[sizeof edition - 1] = '\0';
-    r = shmcm_getversion(version);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_WARN, "shmcm_getversion() failed(ret:%d)", r);
-        hbcopytext(version, sizeof version, "unknown");
-    }
-    version[sizeof version - 1] = '\0';
+    const hbrelease rel = hbcfg_release(HBLOG_LAN);
 
     settings s{};
-    r = readsettings(&s);
+    int32_t r = readsettings(&s);
     if (r != 0)
         return r;
 
-    int32_t counts[2] = {};
-    for (int k = 0; k < 2; ++k) {
-        hbmsz names;
-        r = hbcfg_enum(HBLOG_LAN, HB_KIND_LANHB, k == 0, &names);
-        if (r != 0)
-            return r;
-        counts[k] = mszcount(names.get());
-    }
-    const int32_t currsc = counts[0];
-    const int32_t curnode = counts[1];
+    int32_t currsc = 0, curnode = 0;
+    r = hbcfg_counts(HBLOG_LAN, HB_KIND_LANHB, &currsc, &curnode);
+    if (r != 0)
+        return r;
 
     const size_t size = lanhb_listsize(currsc, curnode);
     std::unique_ptr<lanhb_list, void (*)(lanhb_list *)> list(static_cast<lanhb_list *>(std::calloc(size, 1)),
@@ -328,23 +298,15 @@ int32_t lanhb_loadinfo(lanhb_list **out)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(size), errno);
         return HBRET_NOMEM;
     }
-    r = xmllib_gethostname(hostname, XMLLIB_HOSTNAME_SIZE);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_gethostname() failed(errno:%d)", errno);
-        return HBRET_HOSTNAME;
-    }
-    hostname[sizeof hostname - 1] = '\0';
-    cutat(hostname, '.');
     int32_t ownpri = 0;
-    r = shmnm_getnodepri(hostname, &ownpri);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "shmnm_getnodepri() failed(ret:%d)", r);
-        return HBRET_OWNPRI;
-    }
+    r = hbcfg_ownnode(HBLOG_LAN, hostname, sizeof hostname, &ownpri);
+    if (r != 0)
+        return r;
 
     lanhb_list *l = list.get();
-    std::memcpy(l->edition, edition, sizeof edition);
-    std::memcpy(l->version, version, sizeof version);
+    static_assert(sizeof l->edition == sizeof rel.edition && sizeof l->version == sizeof rel.version);
+    std::memcpy(l->edition, rel.edition, sizeof rel.edition);
+    std::memcpy(l->version, rel.version, sizeof rel.version);
     l->recvport = static_cast<uint16_t>(s.recvport);
     l->sendport = static_cast<uint16_t>(s.sendport);
     l->mismatch = 0;
