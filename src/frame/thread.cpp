@@ -7,6 +7,10 @@
 
 #include "frame/thread.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace {
 
 constexpr int64_t NS_PER_MS = 1000 * 1000;
@@ -56,9 +60,27 @@ int waituntil(int fd, const struct timespec &deadline)
 void hbth_canceloff(int module) { setcancel(module, PTHREAD_CANCEL_DISABLE); }
 void hbth_cancelon(int module) { setcancel(module, PTHREAD_CANCEL_ENABLE); }
 
+void hbth_prepunwind()
+{
+#if defined(__SANITIZE_ADDRESS__)
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) != 0)
+        return;
+    void *low = nullptr;
+    size_t size = 0;
+    pthread_attr_getstack(&attr, &low, &size);
+    pthread_attr_destroy(&attr);
+    char *const here = static_cast<char *>(__builtin_frame_address(0));
+    char *const top = static_cast<char *>(low) + size;
+    if (here >= static_cast<char *>(low) && here < top)
+        __asan_unpoison_memory_region(here, static_cast<size_t>(top - here));
+#endif
+}
+
 void hbth_testcancel(int module)
 {
     hbth_cancelon(module);
+    hbth_prepunwind();
     pthread_testcancel();
     hbth_canceloff(module);
 }

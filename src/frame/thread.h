@@ -28,6 +28,12 @@
 void hbth_canceloff(int module);
 void hbth_cancelon(int module);
 void hbth_testcancel(int module);
+// Called right before a cancellation point. Cancellation unwinds frames
+// without their epilogues; in the address sanitizer's build the marks those
+// leave on the stack trip the sanitizer's own code in the unwinding's
+// clean-ups, so this clears the marks of the live frames above (at the cost
+// of their overflow checks until they are entered again). Elsewhere nothing.
+void hbth_prepunwind();
 
 // ---- waits ---------------------------------------------------------------------------
 //

@@ -14,6 +14,7 @@
 #include "cnthb/cnthb.h"
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
+#include "frame/thread.h"
 
 namespace cnthbtest {
 
@@ -88,6 +89,7 @@ struct Hang {
             ~Leave() { --n; }
         } leave{waiting};
         while (!opened) {
+            hbth_prepunwind();
             pthread_testcancel();
             int old = 0;
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
