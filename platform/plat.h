@@ -231,6 +231,9 @@ int32_t plat_setdownnotify(int32_t on);
 // from seen or timeout_ms passes (returns the current count either way).
 uint32_t plat_statchange_count();
 uint32_t plat_statchange_wait(uint32_t seen, int timeout_ms);
+// The LAN receiver's refusal counters (HBEXT_REFUSED_COUNT values) as the
+// running or last daemon published them; PLAT_ENOENT before any.
+int32_t plat_getrefused(uint64_t *counts);
 
 // ---- heartbeat area -----------------------------------------------------------------
 

@@ -21,8 +21,10 @@
 #include <nlohmann/json.hpp>
 #include <systemd/sd-daemon.h>
 
+#include "keygen.h"
 #include "plat.h"
 #include "zem_version.h"
+#include "services/hbext.h"
 
 namespace {
 
@@ -429,6 +431,10 @@ int cmd_status(bool json)
             }
             out[kinds[k]] = paths;
         }
+        uint64_t refused[HBEXT_REFUSED_COUNT];
+        if (plat_getrefused(refused) == 0)
+            for (int i = 0; i < HBEXT_REFUSED_COUNT; i++)
+                out["refused"][HBEXT_REFUSED_NAMES[i]] = refused[i];
         printf("%s\n", dump(out, 2).c_str());
         return rc;
     }
@@ -443,6 +449,13 @@ int cmd_status(bool json)
     if (c.sem)
         cluster += std::string("  down notification ") + (c.down ? "on" : "off");
     printf("%s\n", cluster.c_str());
+    uint64_t refused[HBEXT_REFUSED_COUNT];
+    if (plat_getrefused(refused) == 0) {
+        std::string line = "lanhb refused datagrams:";
+        for (int i = 0; i < HBEXT_REFUSED_COUNT; i++)
+            line += std::string("  ") + HBEXT_REFUSED_NAMES[i] + " " + std::to_string(refused[i]);
+        printf("%s\n", line.c_str());
+    }
     for (int k = 0; k < 2; k++) {
         printf("%s\n", kinds[k]);
         if (snap[k].empty())
@@ -894,6 +907,12 @@ int main(int argc, char **argv)
     down->add_option("onoff", value, "on or off")->required();
     down->callback([&] { rc = set_down(value); });
 
+    CLI::App *keygen = app.add_subcommand("keygen", "write a new random cluster key file (mode 0600)");
+    std::string keyfile;
+    bool force = false;
+    keygen->add_option("file", keyfile, std::string("key file (default <root>/") + HBEXT_KEY_DEFAULT + ")");
+    keygen->add_flag("--force", force, "replace an existing key file");
+
     CLI::App *run = app.add_subcommand("run", "start zemlanhb and supervise it as its parent; SIGTERM, SIGINT "
                                               "and SIGHUP (terminal closed) stop it in order with down "
                                               "notification; refused (status 16) while a daemon runs on this root");
@@ -918,6 +937,8 @@ int main(int argc, char **argv)
         return cmd_status(json);
     if (app.got_subcommand(watch))
         return cmd_watch(count, timeout, wjson);
+    if (app.got_subcommand(keygen))
+        return cmd_keygen(keyfile, force);
     if (app.got_subcommand(run))
         return cmd_run(nodown, daemon);
     return rc;

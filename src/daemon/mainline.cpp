@@ -14,6 +14,7 @@
 #include "cnthb/cnthb.h"
 #include "daemon/daemon.h"
 #include "frame/frame.h"
+#include "lanhb/key.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
@@ -321,6 +322,12 @@ int zemlanhb_main()
     if (r != 0) {
         HBLOG(HBLOG_BOTH, HBLV_ERROR, "lanhb_loadinfo() failed(ret:%d)", r);
         return hbexit_load(lanlist, cntlist);
+    }
+    r = lanhb_keyload(lanlist);
+    if (r != 0) {
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "lanhb_keyload() failed(ret:%d)", r);
+        hbexit_load(lanlist, cntlist);
+        return HBRET_EXIT_KEY;
     }
     r = cnthb_loadinfo(&cntlist);
     if (r != 0) {

@@ -132,6 +132,7 @@ enum hbret : int32_t {
     HBRET_EXIT_XMLINIT = 4,
     HBRET_EXIT_CONFIG = 12,
     HBRET_EXIT_LOAD = 13, // a heartbeat table not built
+    HBRET_EXIT_KEY = 14,  // a cluster key configured but unusable
 };
 
 // Reads an integer key of the loaded policy; a failed read is logged on the

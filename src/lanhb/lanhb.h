@@ -187,13 +187,15 @@ void lanhb_pktnodeinf(lanhb_packet *pkt, lanhb_list *list, bool named);
 void lanhb_pktrsc(lanhb_packet *pkt, lanhb_rsc *rsc);
 
 // Whether the source address `from` (AF_INET in IPv4 mode, AF_INET6 in IPv6
-// mode) matches the configured address text `ip`.
-bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode);
+// mode) matches the configured address text `ip`. `exact` (keyed mode): an
+// IPv4 address must be the whole mapped address, not a part of its text.
+bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode, bool exact = false);
 // Acceptance of one received datagram of `count` bytes in a buffer of
-// `buflen` bytes: tag, byte order (converted in place), path, node, sender
-// address. On success *rsc and *node are the matched records.
-bool lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
-                  bool v6mode, lanhb_rsc **rsc, lanhb_node **node);
+// `buflen` bytes: length, (keyed) code, tag, byte order (converted in place),
+// path, node, sender address, (keyed) sequence. On success (0) *rsc and
+// *node are the matched records; otherwise the LANHB_REFUSE_* reason.
+int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
+                     bool v6mode, lanhb_rsc **rsc, lanhb_node **node);
 
 // ---- sending -----------------------------------------------------------------
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "frame/frame.h"
+#include "lanhb/key.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
@@ -72,7 +73,7 @@ void lanhb_pktrsc(lanhb_packet *pkt, lanhb_rsc *rsc)
     pkt->rscstat = static_cast<int32_t>(htonl(static_cast<uint32_t>(hbld(rsc->stat))));
 }
 
-bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode)
+bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode, bool exact)
 {
     const bool cfg6 = std::strchr(ip, ':') != nullptr;
     char copy[LANHB_NAME_SIZE];
@@ -94,6 +95,12 @@ bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode)
     if (inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(from)->sin6_addr, sender, sizeof sender) ==
         nullptr)
         return false;
+    if (!cfg6 && exact) {
+        struct in_addr want;
+        const auto &got = reinterpret_cast<const sockaddr_in6 *>(from)->sin6_addr;
+        return inet_pton(AF_INET, copy, &want) == 1 && IN6_IS_ADDR_V4MAPPED(&got) &&
+               std::memcmp(got.s6_addr + 12, &want, 4) == 0;
+    }
     if (!cfg6)
         return std::strstr(sender, copy) != nullptr; // ::ffff:192.0.2.7 holds 192.0.2.7
     struct in6_addr bin;
@@ -105,14 +112,20 @@ bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode)
     return strcasecmp(canon, sender) == 0;
 }
 
-bool lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
-                  bool v6mode, lanhb_rsc **rsc, lanhb_node **node)
+int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
+                     bool v6mode, lanhb_rsc **rsc, lanhb_node **node)
 {
+    const bool keyed = lanhb_keyed();
+    uint64_t seq = 0;
+    // Keyed, the receive call reports the datagram's own length, so a longer
+    // one fails here instead of being cut to fit.
     if (count <= 0 || static_cast<size_t>(count) != buflen || buflen < sizeof(lanhb_packet))
-        return false;
+        return LANHB_REFUSE_LENGTH;
+    if (keyed && !lanhb_keyverify(pkt, buflen, &seq))
+        return LANHB_REFUSE_CODE;
     if (std::memcmp(pkt->tag, LANHB_TAG_HB, sizeof LANHB_TAG_HB - 1) != 0 &&
         std::memcmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) != 0)
-        return false;
+        return LANHB_REFUSE_LENGTH;
 
     pkt->sendtime = ntohl(pkt->sendtime);
     for (int32_t *w : {&pkt->nodepri, &pkt->rscpri, &pkt->rscstat, &pkt->reserved2, &pkt->nodelen})
@@ -123,14 +136,16 @@ bool lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buf
         if (lanhb_getrsc(list, i)->pri == pkt->rscpri)
             r = lanhb_getrsc(list, i);
     if (r == nullptr)
-        return false;
+        return LANHB_REFUSE_SENDER;
     lanhb_node *n = nullptr;
     for (int32_t j = 0; j < list->curnode && n == nullptr; ++j)
         if (lanhb_rscnode(r, j)->pri == pkt->nodepri)
             n = lanhb_rscnode(r, j);
-    if (n == nullptr || !lanhb_ipmatch(n->ip, from, v6mode))
-        return false;
+    if (n == nullptr || !lanhb_ipmatch(n->ip, from, v6mode, keyed))
+        return LANHB_REFUSE_SENDER;
+    if (keyed && !lanhb_seqwin_accept(lanhb_keywin(list, r, n), seq))
+        return LANHB_REFUSE_REPLAY;
     *rsc = r;
     *node = n;
-    return true;
+    return LANHB_ACCEPTED;
 }

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "frame/frame.h"
+#include "lanhb/key.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
@@ -114,7 +115,11 @@ char *hbrecv(lanhb_list *list)
     if (char *ret = opensock(list, port, &s, &v6mode))
         return ret;
 
-    const size_t len = lanhb_pktlen(list->maxnode);
+    lanhb_socksetup(list, s.fd);
+    lanhb_refusedsync(s.fd);
+    hbtick_t synced = hbtick_now();
+    const size_t len = lanhb_wirelen(list->maxnode);
+    const int flags = lanhb_keyed() ? MSG_TRUNC : 0;
     std::unique_ptr<lanhb_packet, hbfree> pkt(static_cast<lanhb_packet *>(std::malloc(len)));
     if (!pkt) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
@@ -152,13 +157,22 @@ char *hbrecv(lanhb_list *list)
             const hbtick_t arrival = hbtick_now();
             sockaddr_storage from{};
             socklen_t fromlen = v6mode ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-            const ssize_t count = recvfrom(s.fd, pkt.get(), len, 0, reinterpret_cast<sockaddr *>(&from), &fromlen);
+            const ssize_t count =
+                recvfrom(s.fd, pkt.get(), len, flags, reinterpret_cast<sockaddr *>(&from), &fromlen);
             lanhb_rsc *rsc = nullptr;
             lanhb_node *node = nullptr;
-            if (lanhb_accept(list, pkt.get(), count, len, reinterpret_cast<sockaddr *>(&from), v6mode, &rsc, &node)) {
+            const auto *src = reinterpret_cast<sockaddr *>(&from);
+            const int32_t why = lanhb_accept(list, pkt.get(), count, len, src, v6mode, &rsc, &node);
+            if (why == LANHB_ACCEPTED) {
                 lanhb_hbdata(list, rsc, node, pkt.get());
                 lanhb_threcvtime(arrival, &maxrecv, rsc->name, node->name, node->ip, list->hbto);
+            } else if (count >= 0) {
+                lanhb_refused(why, src);
             }
+        }
+        if (hbtick_now() - synced >= static_cast<hbtick_t>(tckconf)) {
+            lanhb_refusedsync(s.fd); // the kernel's drops, about once a second
+            synced = hbtick_now();
         }
         if (lanhb_bwatchth.load() == 0)
             lanhb_hbcheck(list);

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "frame/frame.h"
+#include "lanhb/key.h"
 #include "lanhb/lanhb.h"
 #include "services/services.h"
 
@@ -44,7 +45,7 @@ int lookup(const char *host, const char *service, addr_ptr *out)
 // A sending thread's buffer with its fixed fields, or null (logged).
 pkt_ptr newpacket(const lanhb_list *list, const char *tag)
 {
-    const size_t len = lanhb_pktlen(list->maxnode);
+    const size_t len = lanhb_wirelen(list->maxnode);
     pkt_ptr pkt(static_cast<lanhb_packet *>(std::malloc(len)));
     if (!pkt) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
@@ -119,7 +120,8 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     }
 
     pkt->sendtime = htonl(static_cast<uint32_t>(std::time(nullptr)));
-    if (sendto(s.fd, pkt, len, 0, to->ai_addr, to->ai_addrlen) >= 0)
+    const size_t wirelen = lanhb_keyseal(pkt, len);
+    if (sendto(s.fd, pkt, wirelen, 0, to->ai_addr, to->ai_addrlen) >= 0)
         HBLOG(HBLOG_LAN, HBLV_DETAIL, "  sendto OK rsc=(%s) node=(%s) ip=(%s) sock=%d", rsc->name, node->name, node->ip, s.fd);
     else
         HBLOG(HBLOG_LAN, HBLV_ERROR, "sendto failed rsc=(%s) node=(%s) ip=(%s) errno=%d sock=%d", rsc->name, node->name,

@@ -43,6 +43,8 @@ LAN_PATHS = (LAN4, LAN6)
 PATH_PRI = {LAN4: 0, LAN6: 1, CNT: 0}
 RECV_PORT = 29002
 MAXNODE = 32
+KEY_FILE = "etc/authkey"      # under each node's root, named in cluster.xml
+TRAILER = 40                  # sequence and code after a keyed datagram
 
 # Where the bridges' own addresses sit: an outsider on both wires. The
 # receiver matches an IPv4 peer inside the IPv4-mapped text of the source
@@ -363,6 +365,23 @@ class Node:
                 }
         return out
 
+    # -- cluster key
+
+    def key_path(self):
+        return os.path.join(self.root, KEY_FILE)
+
+    def read_key(self):
+        with open(self.key_path(), "rb") as f:
+            return f.read()
+
+    def write_key(self, data):
+        path = self.key_path()
+        if os.path.exists(path):
+            os.unlink(path)
+        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
+        with os.fdopen(fd, "wb") as f:
+            f.write(data)
+
     # -- logs
 
     def log_path(self, kind):
@@ -377,7 +396,7 @@ class Node:
 
 
 class Cluster:
-    def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None):
+    def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None, key=False):
         ctl, dmn = find_tools()
         self.zemctl = zemctl or ctl
         self.daemon = daemon or dmn
@@ -386,6 +405,7 @@ class Cluster:
         self.dir = tempfile.mkdtemp(prefix=f"{self.prefix}-")
         self.hbint = hbint
         self.hbto = hbto
+        self.key = key              # one cluster key, made by node 1's "zemctl keygen"
         self.nodes = [Node(self, i) for i in range(1, nnodes + 1)]
         for node in self.nodes:
             os.makedirs(node.root, mode=0o700)
@@ -444,6 +464,7 @@ class Cluster:
     <device name="0"><info>{n.ip4}/24</info></device>
     <device name="1"><info>{n.ip6}</info></device>
   </server>""" for n in self.nodes)
+        authkey = f"\n      <authkey>{KEY_FILE}</authkey>" if self.key else ""
         return f"""<?xml version="1.0"?>
 <root>
   <all><num><server>{MAXNODE}</server><hbr>16</hbr></num></all>
@@ -453,7 +474,7 @@ class Cluster:
       <mismatch>0</mismatch>
       <timeout>{self.hbto}</timeout>
       <interval>{self.hbint}</interval>
-      <port><recv>{RECV_PORT}</recv><send>0</send></port>
+      <port><recv>{RECV_PORT}</recv><send>0</send></port>{authkey}
     </heartbeat>
     <delaywarn><heartbeat>80</heartbeat></delaywarn>
     <downpacket><interval>0</interval><retry>5</retry></downpacket>
@@ -501,6 +522,11 @@ class Cluster:
         """Network, configuration and fresh shared memory on every node."""
         self.build_network()
         self.write_config()
+        if self.key:
+            first = self.nodes[0]
+            first.zemctl("keygen")
+            for n in self.nodes[1:]:
+                n.write_key(first.read_key())
         for n in self.nodes:
             n.zemctl("init")
 

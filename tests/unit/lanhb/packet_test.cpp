@@ -101,7 +101,7 @@ TEST_F(PacketTest, Acceptance)
         lanhb_rsc *rsc = nullptr;
         lanhb_node *node = nullptr;
         const bool ok = lanhb_accept(list.get(), pkt, static_cast<ssize_t>(len) - shorter, len,
-                                     reinterpret_cast<const sockaddr *>(&from), v6, &rsc, &node);
+                                     reinterpret_cast<const sockaddr *>(&from), v6, &rsc, &node) == 0;
         EXPECT_EQ(ok, accepted);
         if (ok) {
             EXPECT_EQ(rsc, lanhb_getrsc(list.get(), 0));
