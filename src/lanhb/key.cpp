@@ -118,6 +118,7 @@ int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE])
 void lanhb_keyset(const unsigned char *key)
 {
     keyon = key != nullptr;
+    windows.clear();
     if (key != nullptr)
         std::memcpy(keybytes, key, LANHB_KEY_SIZE);
     else
@@ -153,16 +154,16 @@ int32_t lanhb_keyload(lanhb_list *list)
     r = lanhb_keyfile(path, key);
     if (r != LANHB_KEY_OK)
         return r;
+    lanhb_keyset(key);
+    sodium_memzero(key, sizeof key);
     try {
         windows.assign(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode), lanhb_seqwin{});
     } catch (const std::bad_alloc &) {
         HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)",
               static_cast<int>(sizeof(lanhb_seqwin) * list->currsc * list->curnode), ENOMEM);
-        sodium_memzero(key, sizeof key);
+        lanhb_keyset(nullptr);
         return LANHB_KEY_NOMEM;
     }
-    lanhb_keyset(key);
-    sodium_memzero(key, sizeof key);
     HBLOG(HBLOG_LAN, 1, "cluster key %s: datagrams signed and checked (%d-byte trailer)", path,
           static_cast<int>(LANHB_TRAILER_SIZE));
     return LANHB_KEY_OK;

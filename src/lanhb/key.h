@@ -95,6 +95,8 @@ enum : int32_t {
 // Counts one refused datagram from `from` and logs it, at most once per
 // source per minute with the count since the last line. Receiver only.
 void lanhb_refused(int32_t reason, const struct sockaddr *from);
+// Starts counting afresh for the receive socket `fd` and publishes zeros.
+void lanhb_refusedstart(int fd);
 // Takes the kernel's drop count of the receive socket into the counters and
 // publishes them. Receiver only.
 void lanhb_refusedsync(int fd);

@@ -116,7 +116,7 @@ char *hbrecv(lanhb_list *list)
         return ret;
 
     lanhb_socksetup(list, s.fd);
-    lanhb_refusedsync(s.fd);
+    lanhb_refusedstart(s.fd);
     hbtick_t synced = hbtick_now();
     const size_t len = lanhb_wirelen(list->maxnode);
     const int flags = lanhb_keyed() ? MSG_TRUNC : 0;

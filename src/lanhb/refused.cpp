@@ -31,8 +31,7 @@ struct source {
 
 std::array<uint64_t, HBEXT_REFUSED_COUNT> counts{};
 std::array<source, SOURCES> sources;
-uint32_t kerneldrops0 = 0; // the socket's drop count when first read
-bool kernelseen = false;
+uint32_t kerneldrops0 = 0; // the socket's drop count at the receiver's start
 
 in6_addr key(const sockaddr *from)
 {
@@ -93,18 +92,35 @@ void lanhb_refused(int32_t reason, const struct sockaddr *from)
     s->logged = now;
 }
 
-void lanhb_refusedsync(int fd)
+namespace {
+
+// The socket's count of datagrams the kernel dropped for it: refused by its
+// filter or arriving at a full queue.
+bool kerneldrops(int fd, uint32_t *drops)
 {
     uint32_t mem[SK_MEMINFO_VARS] = {};
     socklen_t len = sizeof mem;
-    if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, mem, &len) != 0 || len <= SK_MEMINFO_DROPS * sizeof(uint32_t)) {
-        publish();
-        return;
-    }
-    if (!kernelseen) {
-        kerneldrops0 = mem[SK_MEMINFO_DROPS];
-        kernelseen = true;
-    }
-    counts[LANHB_REFUSE_FILTER - 1] = static_cast<uint32_t>(mem[SK_MEMINFO_DROPS] - kerneldrops0);
+    if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, mem, &len) != 0 || len <= SK_MEMINFO_DROPS * sizeof(uint32_t))
+        return false;
+    *drops = mem[SK_MEMINFO_DROPS];
+    return true;
+}
+
+} // namespace
+
+void lanhb_refusedstart(int fd)
+{
+    counts.fill(0);
+    sources.fill(source{});
+    kerneldrops0 = 0;
+    (void)kerneldrops(fd, &kerneldrops0);
+    publish();
+}
+
+void lanhb_refusedsync(int fd)
+{
+    uint32_t drops = 0;
+    if (kerneldrops(fd, &drops))
+        counts[LANHB_REFUSE_FILTER - 1] = static_cast<uint32_t>(drops - kerneldrops0);
     publish();
 }
