@@ -7,6 +7,13 @@
         send the datagrams stored in FILE (each a 4-byte big-endian length,
         then the bytes) from SRC (port any) to DST:PORT, at most PER_SECOND
         of them per second (0 = as fast as possible); print the count sent.
+    netprobe.py flood SRC DST PORT FILE SECONDS
+        send the datagrams of FILE over and over, as fast as one socket can,
+        for SECONDS; print the count sent.
+    netprobe.py sniff IFACE PORT SECONDS FILE
+        capture the IPv4 UDP datagrams to PORT seen on IFACE for SECONDS and
+        store them in FILE as 4-byte length, 4-byte source address, payload;
+        print the count.
 """
 
 import socket
@@ -30,7 +37,7 @@ def recv(addr, port, seconds):
         print("none", flush=True)
 
 
-def send(src, dst, port, path, per_second="0"):
+def _load(path):
     with open(path, "rb") as f:
         blob = f.read()
     payloads = []
@@ -39,8 +46,60 @@ def send(src, dst, port, path, per_second="0"):
         (n,) = struct.unpack_from(">I", blob, off)
         payloads.append(blob[off + 4:off + 4 + n])
         off += 4 + n
+    return payloads
+
+
+def _sender(src, dst):
     s = socket.socket(_family(dst), socket.SOCK_DGRAM)
     s.bind((src, 0))
+    return s
+
+
+def flood(src, dst, port, path, seconds):
+    payloads = _load(path)
+    s = _sender(src, dst)
+    to = (dst, int(port))
+    end = time.monotonic() + float(seconds)
+    sent = 0
+    while time.monotonic() < end:
+        for p in payloads:
+            try:
+                s.sendto(p, to)
+                sent += 1
+            except OSError:
+                pass
+    print(sent, flush=True)
+
+
+def sniff(iface, port, seconds, path):
+    ETH_P_IP = 0x0800
+    s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_IP))
+    s.bind((iface, 0))
+    s.settimeout(0.2)
+    end = time.monotonic() + float(seconds)
+    count = 0
+    with open(path, "wb") as out:
+        while time.monotonic() < end:
+            try:
+                frame = s.recv(65536)
+            except socket.timeout:
+                continue
+            ip = frame[14:]
+            if len(ip) < 28 or ip[0] >> 4 != 4 or ip[9] != 17:
+                continue
+            ihl = (ip[0] & 0xF) * 4
+            dport = struct.unpack_from(">H", ip, ihl + 2)[0]
+            if dport != int(port):
+                continue
+            payload = ip[ihl + 8:struct.unpack_from(">H", ip, 2)[0]]
+            out.write(struct.pack(">I", len(payload)) + ip[12:16] + payload)
+            count += 1
+    print(count, flush=True)
+
+
+def send(src, dst, port, path, per_second="0"):
+    payloads = _load(path)
+    s = _sender(src, dst)
     rate = float(per_second)
     start = time.monotonic()
     sent = 0
@@ -61,4 +120,4 @@ def send(src, dst, port, path, per_second="0"):
 
 if __name__ == "__main__":
     cmd, args = sys.argv[1], sys.argv[2:]
-    {"recv": recv, "send": send}[cmd](*args)
+    {"recv": recv, "send": send, "flood": flood, "sniff": sniff}[cmd](*args)

@@ -382,6 +382,10 @@ class Node:
         with os.fdopen(fd, "wb") as f:
             f.write(data)
 
+    def refused(self):
+        """The receiver's refusal counters as zemctl status --json shows them."""
+        return json.loads(self.zemctl("status", "--json").stdout).get("refused", {})
+
     # -- logs
 
     def log_path(self, kind):
@@ -540,18 +544,56 @@ class Cluster:
     def ns_exec(self, ns, cmd, **kw):
         return run(["ip", "netns", "exec", ns, *cmd], **kw)
 
-    def send_datagrams(self, ns, src, dst, payloads, port=RECV_PORT, per_second=0, timeout=60):
-        """Send payloads from address src inside namespace ns; return how many went out."""
+    def _probe_send(self, ns, how, src, dst, payloads, port, arg, timeout):
         path = os.path.join(self.dir, f"dgrams-{time.monotonic_ns()}")
         with open(path, "wb") as f:
             for p in payloads:
                 f.write(struct.pack(">I", len(p)) + p)
         try:
-            res = self.ns_exec(ns, [sys.executable, NETPROBE, "send", src, dst, str(port), path,
-                                    str(per_second)], timeout=timeout)
+            res = self.ns_exec(ns, [sys.executable, NETPROBE, how, src, dst, str(port), path, str(arg)],
+                               timeout=timeout)
         finally:
             os.unlink(path)
         return int(res.stdout.strip() or 0)
+
+    def send_datagrams(self, ns, src, dst, payloads, port=RECV_PORT, per_second=0, timeout=60):
+        """Send payloads from address src inside namespace ns; return how many went out."""
+        return self._probe_send(ns, "send", src, dst, payloads, port, per_second, timeout)
+
+    def flood(self, ns, src, dst, payloads, seconds, port=RECV_PORT):
+        """Send payloads over and over, as fast as one socket can, for seconds; return the count."""
+        return self._probe_send(ns, "flood", src, dst, payloads, port, seconds, seconds + 30)
+
+    def add_outsider(self, addr4):
+        """One more IPv4 address of no node on the lan4 wire (in the bridges' namespace)."""
+        self._ip("-n", self.bridge_ns, "addr", "add", f"{addr4}/24", "dev", "br4")
+
+    def sniff_start(self, node, seconds, path=LAN4):
+        """Start capturing the IPv4 heartbeat datagrams that reach node on path."""
+        out = os.path.join(self.dir, f"sniff-{time.monotonic_ns()}")
+        proc = subprocess.Popen(["ip", "netns", "exec", node.ns, sys.executable, NETPROBE, "sniff", path,
+                                 str(RECV_PORT), str(seconds), out], stdout=subprocess.PIPE, text=True)
+        return proc, out, seconds
+
+    @staticmethod
+    def sniff_result(handle):
+        """[(source address, payload)] of a capture started by sniff_start."""
+        proc, out, seconds = handle
+        proc.communicate(timeout=seconds + 10)
+        got = []
+        try:
+            with open(out, "rb") as f:
+                blob = f.read()
+        finally:
+            if os.path.exists(out):
+                os.unlink(out)
+        off = 0
+        while off < len(blob):
+            (n,) = struct.unpack_from(">I", blob, off)
+            src = ".".join(str(b) for b in blob[off + 4:off + 8])
+            got.append((src, blob[off + 8:off + 8 + n]))
+            off += 8 + n
+        return got
 
     def udp_reaches(self, src_ns, src, dst_ns, dst, port=40000, seconds=3.0):
         """Whether a datagram from src (in src_ns) arrives at dst (in dst_ns) within seconds."""
