@@ -1,5 +1,5 @@
 """The main job, run by scripts/demo: a three-node heartbeat cluster on this
-machine, converging, losing a node to a crash, getting it back, and losing
+machine, signing its datagrams with a cluster key, converging, losing a node to a crash, getting it back, and losing
 another in an orderly stop; with what every node saw and when.
 
 Usage: demo.py --build DIR   (DIR holds zemctl and zemlanhb)
@@ -141,7 +141,7 @@ def main():
     if removed:
         print(f"removed leftovers of an earlier run: {' '.join(removed)}")
 
-    c = zemcluster.Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon)
+    c = zemcluster.Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True)
     summary = []
     try:
         c.setup()
@@ -150,7 +150,9 @@ def main():
             print(f"  {n.name}: {LAN4} {n.ip4}, {LAN6} {n.ip6}, controller slot {n.cntno} of "
                   f"{os.path.basename(n.area)}")
         print(f"Heartbeat interval {c.hbint} ms, time-out {c.hbto} ms. "
-              f"Nodes 1 and 2 share the controller path {CNT}.\n")
+              f"Nodes 1 and 2 share the controller path {CNT}.")
+        print(f"Cluster key: made by 'zemctl keygen' on node1 and copied to every node's "
+              f"{zemcluster.KEY_FILE}; every LAN datagram is signed and checked.\n")
 
         def pair(victim):
             # Controller states count only between the two nodes that share it.
@@ -200,6 +202,8 @@ def main():
         summary.append(f"orderly stop of {victim.name} announced by down packets:")
         summary += rows
 
+        refused = c[3].refused()
+        summary.append(f"datagrams node3 refused: {refused}")
         print("\n== what the cluster saw")
         print("\n".join(f"  {line}" for line in summary))
         return 0
