@@ -67,14 +67,15 @@ sock_filter jump(uint16_t code, uint32_t k, uint8_t jt, uint8_t jf) { return soc
 
 } // namespace
 
-int lanhb_filterbuild(const lanhb_list *list, size_t wirelen, sock_filter *prog, int max)
+int lanhb_filterbuild(const lanhb_list *list, size_t wirelen, size_t altlen, sock_filter *prog, int max)
 {
     const addrset a = addresses(list);
     std::vector<sock_filter> p;
     // The packet seen by a UDP socket's filter starts at the UDP header; the
     // IP header is reached through SKF_NET_OFF.
     p.push_back(stmt(BPF_LD | BPF_W | BPF_LEN, 0));
-    p.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(wirelen + 8), 1, 0));
+    p.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(wirelen + 8), 2, 0));
+    p.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>((altlen != 0 ? altlen : wirelen) + 8), 1, 0));
     p.push_back(stmt(BPF_RET | BPF_K, 0));
     p.push_back(stmt(BPF_LD | BPF_B | BPF_ABS, static_cast<uint32_t>(SKF_NET_OFF)));
     p.push_back(stmt(BPF_ALU | BPF_AND | BPF_K, 0xf0));
@@ -128,7 +129,8 @@ void lanhb_socksetup(const lanhb_list *list, int fd)
     if (!lanhb_keyed())
         return;
     std::vector<sock_filter> prog(BPF_MAX);
-    const int n = lanhb_filterbuild(list, lanhb_wirelen(list->maxnode), prog.data(), BPF_MAX);
+    const int n = lanhb_filterbuild(list, lanhb_wirelen(list->maxnode),
+                                    lanhb_keyunsigned() ? lanhb_pktlen(list->maxnode) : 0, prog.data(), BPF_MAX);
     sock_fprog fp{static_cast<unsigned short>(n), prog.data()};
     if (n == 0)
         HBLOG(HBLOG_LAN, 2, "socket filter: too many addresses; datagrams are checked in the daemon only");

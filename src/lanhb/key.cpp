@@ -28,6 +28,9 @@ namespace {
 // thread creation orders the writes before every read.
 bool keyon = false;
 unsigned char keybytes[LANHB_KEY_SIZE];
+bool key2on = false; // a second key accepted on receipt (a key change)
+unsigned char key2bytes[LANHB_KEY_SIZE];
+bool unsignedok = false; // unsigned datagrams accepted too (enabling a key)
 std::vector<lanhb_seqwin> windows; // currsc x curnode, the receiver's only
 
 // The last sequence handed out. A sequence is the wall-clock time in
@@ -49,9 +52,10 @@ uint64_t nextseq()
     return seq;
 }
 
-void mac(const unsigned char *data, size_t len, unsigned char out[LANHB_MAC_SIZE])
+void mac(const unsigned char *data, size_t len, unsigned char out[LANHB_MAC_SIZE],
+         const unsigned char *key = keybytes)
 {
-    crypto_generichash(out, LANHB_MAC_SIZE, data, len, keybytes, LANHB_KEY_SIZE);
+    crypto_generichash(out, LANHB_MAC_SIZE, data, len, key, LANHB_KEY_SIZE);
 }
 
 void putbe64(unsigned char *p, uint64_t v)
@@ -115,47 +119,78 @@ int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE])
     return r;
 }
 
-void lanhb_keyset(const unsigned char *key)
+void lanhb_keyset(const unsigned char *key, const unsigned char *also, bool open)
 {
     keyon = key != nullptr;
+    key2on = keyon && also != nullptr;
+    unsignedok = keyon && open;
     windows.clear();
-    if (key != nullptr)
+    sodium_memzero(keybytes, sizeof keybytes);
+    sodium_memzero(key2bytes, sizeof key2bytes);
+    if (keyon)
         std::memcpy(keybytes, key, LANHB_KEY_SIZE);
-    else
-        sodium_memzero(keybytes, sizeof keybytes);
+    if (key2on)
+        std::memcpy(key2bytes, also, LANHB_KEY_SIZE);
 }
 
 bool lanhb_keyed() { return keyon; }
 
-int32_t lanhb_keyload(lanhb_list *list)
-{
-    char name[256] = {};
-    int32_t r = xmllib_load_policy("cluster");
-    if (r == 0) {
-        int32_t len = sizeof name - 1;
-        if (xmllib_get_value(LANHB_KEYCFG, XMLLIB_KIND_TEXT, name, &len) != 0)
-            name[0] = '\0'; // not configured: no key
-        name[sizeof name - 1] = '\0';
-        xmllib_unload_policy("cluster");
-    }
-    if (name[0] == '\0')
-        return LANHB_KEY_OK;
+bool lanhb_keyunsigned() { return unsignedok; }
 
+namespace {
+
+// A text value of the policy "cluster"; empty when it cannot be read.
+void cfgtext(const char *key, char *out, int32_t size)
+{
+    int32_t len = size - 1;
+    if (xmllib_get_value(key, XMLLIB_KIND_TEXT, out, &len) != 0)
+        out[0] = '\0';
+    out[size - 1] = '\0';
+}
+
+// Resolves and reads one configured key file into `key`.
+int32_t readkey(const char *name, unsigned char key[LANHB_KEY_SIZE])
+{
     char path[512];
     if (hbext_path(name, path, sizeof path) != 0) {
         HBLOG(HBLOG_LAN, 1, "key file %s: name too long", name);
         return LANHB_KEY_MISSING;
     }
+    return lanhb_keyfile(path, key);
+}
+
+} // namespace
+
+int32_t lanhb_keyload(lanhb_list *list)
+{
+    char name[256] = {}, also[256] = {};
+    int32_t open = 0;
+    if (xmllib_load_policy("cluster") == 0) {
+        cfgtext(LANHB_KEYCFG, name, sizeof name);
+        cfgtext(LANHB_KEYCFG_ALSO, also, sizeof also);
+        int32_t len = sizeof open;
+        if (xmllib_get_value(LANHB_KEYCFG_UNSIGNED, XMLLIB_KIND_INT, &open, &len) != 0)
+            open = 0;
+        xmllib_unload_policy("cluster");
+    }
+    if (name[0] == '\0')
+        return LANHB_KEY_OK; // no key: the transition settings mean nothing either
+
     if (sodium_init() < 0) {
         HBLOG(HBLOG_LAN, 1, "sodium_init() failed");
         return LANHB_KEY_READ;
     }
-    unsigned char key[LANHB_KEY_SIZE];
-    r = lanhb_keyfile(path, key);
-    if (r != LANHB_KEY_OK)
+    unsigned char key[LANHB_KEY_SIZE], key2[LANHB_KEY_SIZE];
+    int32_t r = readkey(name, key);
+    if (r == LANHB_KEY_OK && also[0] != '\0')
+        r = readkey(also, key2);
+    if (r != LANHB_KEY_OK) {
+        sodium_memzero(key, sizeof key);
         return r;
-    lanhb_keyset(key);
+    }
+    lanhb_keyset(key, also[0] != '\0' ? key2 : nullptr, open != 0);
     sodium_memzero(key, sizeof key);
+    sodium_memzero(key2, sizeof key2);
     try {
         windows.assign(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode), lanhb_seqwin{});
     } catch (const std::bad_alloc &) {
@@ -164,8 +199,9 @@ int32_t lanhb_keyload(lanhb_list *list)
         lanhb_keyset(nullptr);
         return LANHB_KEY_NOMEM;
     }
-    HBLOG(HBLOG_LAN, 1, "cluster key %s: datagrams signed and checked (%d-byte trailer)", path,
-          static_cast<int>(LANHB_TRAILER_SIZE));
+    HBLOG(HBLOG_LAN, 1, "cluster key %s: datagrams signed and checked (%d-byte trailer)%s%s%s", name,
+          static_cast<int>(LANHB_TRAILER_SIZE), also[0] != '\0' ? "; also accepted: key " : "", also,
+          open != 0 ? "; unsigned datagrams accepted too" : "");
     return LANHB_KEY_OK;
 }
 
@@ -194,8 +230,13 @@ bool lanhb_keyverify(const lanhb_packet *pkt, size_t wirelen, uint64_t *seq)
     const size_t signedlen = wirelen - LANHB_MAC_SIZE;
     unsigned char want[LANHB_MAC_SIZE];
     mac(p, signedlen, want);
-    if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0)
-        return false;
+    if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0) {
+        if (!key2on)
+            return false;
+        mac(p, signedlen, want, key2bytes);
+        if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0)
+            return false;
+    }
     *seq = getbe64(p + signedlen - LANHB_SEQ_SIZE);
     return true;
 }

@@ -29,6 +29,10 @@ inline constexpr size_t LANHB_TRAILER_SIZE = LANHB_SEQ_SIZE + LANHB_MAC_SIZE;
 // Configuration key naming the key file (text; relative names are taken
 // under the platform's root). Absent or empty: no key.
 inline constexpr char LANHB_KEYCFG[] = "/root/cluster/heartbeat/authkey";
+// For changing keys on a running cluster, with a key only: a second key file
+// whose datagrams are accepted too, and (1) acceptance of unsigned datagrams.
+inline constexpr char LANHB_KEYCFG_ALSO[] = "/root/cluster/heartbeat/authalso";
+inline constexpr char LANHB_KEYCFG_UNSIGNED[] = "/root/cluster/heartbeat/authunsigned";
 
 // Result codes of lanhb_keyload and lanhb_keyfile.
 enum : int32_t {
@@ -50,9 +54,13 @@ int32_t lanhb_keyload(lanhb_list *list);
 // group or others, exactly LANHB_KEY_SIZE bytes. Logs the reason of a refusal
 // (never the key).
 int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE]);
-// Switches keyed mode on with the given key (the tests' way in) or off (null).
-void lanhb_keyset(const unsigned char *key);
+// Switches keyed mode on with the given key (the tests' way in) or off
+// (null); `also` is a second key accepted on receipt, `open` accepts
+// unsigned datagrams too. Forgets every replay window.
+void lanhb_keyset(const unsigned char *key, const unsigned char *also = nullptr, bool open = false);
 bool lanhb_keyed();
+// Keyed, and unsigned datagrams are accepted as well.
+bool lanhb_keyunsigned();
 
 // Bytes a datagram occupies on the wire: the plain length, plus the trailer
 // when keyed. Sending and receiving buffers have this size.
@@ -63,8 +71,8 @@ size_t lanhb_wirelen(int32_t maxnode);
 size_t lanhb_keyseal(lanhb_packet *pkt, size_t len);
 // The same with a given sequence.
 void lanhb_keysealseq(lanhb_packet *pkt, size_t len, uint64_t seq);
-// Whether the trailer of the keyed datagram of `wirelen` bytes verifies; its
-// sequence into *seq.
+// Whether the trailer of the keyed datagram of `wirelen` bytes verifies with
+// the key or the second key; its sequence into *seq.
 bool lanhb_keyverify(const lanhb_packet *pkt, size_t wirelen, uint64_t *seq);
 
 // Replay window of one node on one path: the newest sequence accepted and a
@@ -107,8 +115,8 @@ void lanhb_refusedsync(int fd);
 // only keyed datagrams from the table's addresses. Failures are logged and
 // survived.
 void lanhb_socksetup(const lanhb_list *list, int fd);
-// The classic BPF program passing only UDP datagrams of `wirelen` bytes whose
-// IPv4 or IPv6 source is one of the node addresses of the table (the own
-// loopback entry included). Returns the instruction count, or 0 when the
-// program would not fit `max`.
-int lanhb_filterbuild(const lanhb_list *list, size_t wirelen, sock_filter *prog, int max);
+// The classic BPF program passing only UDP datagrams of `wirelen` bytes (or
+// of `altlen` bytes, when not 0) whose IPv4 or IPv6 source is one of the node
+// addresses of the table (the own loopback entry included). Returns the
+// instruction count, or 0 when the program would not fit `max`.
+int lanhb_filterbuild(const lanhb_list *list, size_t wirelen, size_t altlen, sock_filter *prog, int max);

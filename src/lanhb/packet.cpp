@@ -116,12 +116,17 @@ int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t 
                      bool v6mode, lanhb_rsc **rsc, lanhb_node **node)
 {
     const bool keyed = lanhb_keyed();
+    // While a key is being introduced, an unsigned datagram of the plain
+    // length is taken by the unkeyed rules (but from the exact address).
+    const bool sealed = keyed && !(lanhb_keyunsigned() && count > 0 &&
+                                   static_cast<size_t>(count) == buflen - LANHB_TRAILER_SIZE);
+    const size_t want = keyed && !sealed ? buflen - LANHB_TRAILER_SIZE : buflen;
     uint64_t seq = 0;
     // Keyed, the receive call reports the datagram's own length, so a longer
     // one fails here instead of being cut to fit.
-    if (count <= 0 || static_cast<size_t>(count) != buflen || buflen < sizeof(lanhb_packet))
+    if (count <= 0 || static_cast<size_t>(count) != want || want < sizeof(lanhb_packet))
         return LANHB_REFUSE_LENGTH;
-    if (keyed && !lanhb_keyverify(pkt, buflen, &seq))
+    if (sealed && !lanhb_keyverify(pkt, buflen, &seq))
         return LANHB_REFUSE_CODE;
     if (std::memcmp(pkt->tag, LANHB_TAG_HB, sizeof LANHB_TAG_HB - 1) != 0 &&
         std::memcmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) != 0)
@@ -143,7 +148,7 @@ int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t 
             n = lanhb_rscnode(r, j);
     if (n == nullptr || !lanhb_ipmatch(n->ip, from, v6mode, keyed))
         return LANHB_REFUSE_SENDER;
-    if (keyed && !lanhb_seqwin_accept(lanhb_keywin(list, r, n), seq))
+    if (sealed && !lanhb_seqwin_accept(lanhb_keywin(list, r, n), seq))
         return LANHB_REFUSE_REPLAY;
     *rsc = r;
     *node = n;

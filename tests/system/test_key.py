@@ -150,3 +150,34 @@ def cpu_ticks(pid):
     with open(f"/proc/{pid}/stat") as f:
         fields = f.read().rsplit(")", 1)[1].split()
     return int(fields[11]) + int(fields[12])
+
+
+def test_a_key_is_enabled_node_by_node_without_an_offline(tools):
+    """The roll-out of docs/operations.md: each node restarted in resume mode
+    without down notification, first keyed but taking unsigned datagrams too,
+    then keyed only. No node may lose a peer at any step."""
+    hbto = 3
+    for c in zemcluster.started(2, start=lambda c: c.start_all("--no-down"), tag="roll",
+                                  hbto=hbto * 1000):
+        n1, n2 = c.nodes
+        assert not wait_healthy(c, 20)
+        n1.zemctl("keygen")
+        n2.write_key(n1.read_key())
+        key = f"<authkey>{zemcluster.KEY_FILE}</authkey>"
+        t0 = time.time()
+        for node, extra in ((n1, key + "<authunsigned>1</authunsigned>"),
+                            (n2, key + "<authunsigned>1</authunsigned>"), (n1, key), (n2, key)):
+            node.write_cluster_xml(extra)
+            node.stop()
+            node.zemctl("set", "waitstat", "1")
+            node.start("--no-down")
+            time.sleep(hbto + 0.5)      # long enough for a time-out to show
+            assert not wait_healthy(c, 2), (node.name, extra)
+        for n in c.nodes:
+            assert len(events(n, "lanhb", "cluster key etc/authkey", t0)) == 2, n.name
+            assert not events(n, "lanhb", " : OFFLINE ***", t0), n.name
+            assert not events(n, "lanhb", "**TIMEOUT(", t0), n.name
+        # Keyed only at the end: an unsigned datagram from a member is refused.
+        before = n1.refused()
+        c.send_datagrams(n2.ns, n2.ip4, n1.ip4, [heartbeat(n2.pri, PATH_PRI[LAN4])])
+        assert wait_until(lambda: grown(before, n1.refused(), "filter") == 1, 3)

@@ -374,6 +374,13 @@ class Node:
         with open(self.key_path(), "rb") as f:
             return f.read()
 
+    def write_cluster_xml(self, heartbeat_extra=""):
+        """This node's cluster.xml: the cluster's, with heartbeat_extra added to
+        /root/cluster/heartbeat (a node in the middle of a change)."""
+        xml = self.cluster.cluster_xml().replace("\n    </heartbeat>", heartbeat_extra + "\n    </heartbeat>", 1)
+        with open(os.path.join(self.root, "etc", "cluster.xml"), "w") as f:
+            f.write(xml)
+
     def write_key(self, data):
         path = self.key_path()
         if os.path.exists(path):

@@ -200,18 +200,27 @@ TEST_F(KeyTest, KeyedAcceptance)
         {"other key", sealed(list.get(), 2, LANHB_TAG_DOWN, other), wire, "::ffff:198.18.0.2", true,
          LANHB_REFUSE_CODE},
     };
-    lanhb_keyset(key.data()); // fresh windows
-    for (const row &r : rows) {
-        bytes buf = r.dgram;
+    auto verdict = [&](const bytes &dgram, size_t count, const char *from_, bool v6) {
+        bytes buf = dgram;
         buf.resize(wire + 1);
-        const sockaddr_storage from = addr(r.from);
+        const sockaddr_storage from = addr(from_);
         lanhb_rsc *rsc = nullptr;
         lanhb_node *node = nullptr;
-        EXPECT_EQ(lanhb_accept(list.get(), reinterpret_cast<lanhb_packet *>(buf.data()), static_cast<ssize_t>(r.count),
-                               wire, reinterpret_cast<const sockaddr *>(&from), r.v6, &rsc, &node),
-                  r.want)
-            << r.what;
-    }
+        return lanhb_accept(list.get(), reinterpret_cast<lanhb_packet *>(buf.data()), static_cast<ssize_t>(count),
+                            wire, reinterpret_cast<const sockaddr *>(&from), v6, &rsc, &node);
+    };
+    lanhb_keyset(key.data()); // fresh windows
+    for (const row &r : rows)
+        EXPECT_EQ(verdict(r.dgram, r.count, r.from, r.v6), r.want) << r.what;
+
+    // While keys change: a second key and unsigned datagrams count too, the
+    // latter only from the exact address.
+    const bytes bysecond = sealed(list.get(), 2, LANHB_TAG_HB, other);
+    lanhb_keyset(key.data(), other.data(), true);
+    EXPECT_EQ(verdict(bysecond, wire, "::ffff:198.18.0.2", true), LANHB_ACCEPTED);
+    EXPECT_EQ(verdict(genuine, plain, "::ffff:198.18.0.2", true), LANHB_ACCEPTED);
+    EXPECT_EQ(verdict(genuine, plain, "::ffff:198.18.0.20", true), LANHB_REFUSE_SENDER);
+    EXPECT_EQ(verdict(tampered, wire, "::ffff:198.18.0.2", true), LANHB_REFUSE_CODE);
 }
 
 // Receives on a socket with the filter for `list` until quiet; (source, length) pairs.
@@ -253,21 +262,34 @@ TEST_F(KeyTest, FilterPassesOnlyKeyedLengthFromMembers)
     int fd = -1;
     const uint16_t port = freeport(&fd);
     std::vector<sock_filter> prog(4096);
-    const int n = lanhb_filterbuild(list.get(), wire, prog.data(), 4096);
+    const int n = lanhb_filterbuild(list.get(), wire, 0, prog.data(), 4096);
     ASSERT_GT(n, 0);
     sock_fprog fp{static_cast<unsigned short>(n), prog.data()};
     ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fp, sizeof fp), 0);
     lanhb_refusedstart(fd);
 
-    sendfrom("127.0.0.1", port, wire);
-    sendfrom("127.0.0.1", port, wire - LANHB_TRAILER_SIZE); // unkeyed length
-    sendfrom("127.0.0.1", port, wire + 1);
-    sendfrom("127.0.0.2", port, wire); // not a member
-    sendfrom("::1", port, wire);
+    auto sendall = [&] {
+        sendfrom("127.0.0.1", port, wire);
+        sendfrom("127.0.0.1", port, wire - LANHB_TRAILER_SIZE); // unkeyed length
+        sendfrom("127.0.0.1", port, wire + 1);
+        sendfrom("127.0.0.2", port, wire); // not a member
+        sendfrom("::1", port, wire);
+    };
+    sendall();
     const std::set<std::pair<std::string, size_t>> want = {{"::ffff:127.0.0.1", wire}, {"::1", wire}};
     EXPECT_EQ(drain(fd), want);
     lanhb_refusedsync(fd);
     EXPECT_EQ(fake::refused()[LANHB_REFUSE_FILTER - 1], 3u);
+
+    // While unsigned datagrams are accepted too, their length passes as well
+    // (a new program replaces the old).
+    fp.len = static_cast<unsigned short>(
+        lanhb_filterbuild(list.get(), wire, wire - LANHB_TRAILER_SIZE, prog.data(), 4096));
+    ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fp, sizeof fp), 0);
+    sendall();
+    std::set<std::pair<std::string, size_t>> more = want;
+    more.insert({"::ffff:127.0.0.1", wire - LANHB_TRAILER_SIZE});
+    EXPECT_EQ(drain(fd), more);
     close(fd);
 }
 
