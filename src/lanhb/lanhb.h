@@ -186,6 +186,8 @@ void lanhb_pktnodeinf(lanhb_packet *pkt, lanhb_list *list, bool named);
 // Sets rscpri and rscstat for the peers of one path.
 void lanhb_pktrsc(lanhb_packet *pkt, lanhb_rsc *rsc);
 
+// Copies a configured address text without its zone suffix ("%net0").
+void lanhb_ipnozone(const char *ip, char out[LANHB_NAME_SIZE]);
 // Whether the source address `from` (AF_INET in IPv4 mode, AF_INET6 in IPv6
 // mode) matches the configured address text `ip`. `exact` (keyed mode): an
 // IPv4 address must be the whole mapped address, not a part of its text.

@@ -73,14 +73,20 @@ void lanhb_pktrsc(lanhb_packet *pkt, lanhb_rsc *rsc)
     pkt->rscstat = static_cast<int32_t>(htonl(static_cast<uint32_t>(hbld(rsc->stat))));
 }
 
+void lanhb_ipnozone(const char *ip, char out[LANHB_NAME_SIZE])
+{
+    const size_t n = strnlen(ip, LANHB_NAME_SIZE - 1);
+    std::memcpy(out, ip, n);
+    out[n] = '\0';
+    if (char *zone = std::strchr(out, '%'))
+        *zone = '\0';
+}
+
 bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode, bool exact)
 {
     const bool cfg6 = std::strchr(ip, ':') != nullptr;
     char copy[LANHB_NAME_SIZE];
-    std::strncpy(copy, ip, sizeof copy);
-    copy[sizeof copy - 1] = '\0';
-    if (char *zone = std::strchr(copy, '%'))
-        *zone = '\0';
+    lanhb_ipnozone(ip, copy);
 
     if (!v6mode) {
         if (cfg6 || from->sa_family != AF_INET)
