@@ -23,6 +23,32 @@ struct refused_layout {
     uint64_t count[HBEXT_REFUSED_COUNT];
 };
 
+// Maps run/lanhbrefused after checking its size and header; null when it
+// is missing or not such a file.
+refused_layout *open_refused(bool write)
+{
+    const int dfd = plat_rundir(false);
+    if (dfd < 0)
+        return nullptr;
+    const int fd = openat(dfd, REFUSED_FILE, (write ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC);
+    close(dfd);
+    if (fd < 0)
+        return nullptr;
+    struct stat sb {};
+    void *p = MAP_FAILED;
+    if (fstat(fd, &sb) == 0 && S_ISREG(sb.st_mode) && sb.st_size == static_cast<off_t>(sizeof(refused_layout)))
+        p = mmap(nullptr, sizeof(refused_layout), write ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    if (p == MAP_FAILED)
+        return nullptr;
+    auto *m = static_cast<refused_layout *>(p);
+    if (m->head.magic != REFUSED_MAGIC || m->head.version != SHM_VERSION || m->head.size != sizeof(refused_layout)) {
+        munmap(p, sizeof(refused_layout));
+        return nullptr;
+    }
+    return m;
+}
+
 std::mutex mapmx;
 refused_layout *mapped = nullptr; // the daemon's own fresh file, once made
 
@@ -34,19 +60,8 @@ refused_layout *refused_map()
     refused_layout fresh{};
     fresh.head = {REFUSED_MAGIC, SHM_VERSION, sizeof fresh};
     std::string err;
-    if (plat_replace_file(REFUSED_FILE, &fresh, sizeof fresh, err) != 0)
-        return nullptr;
-    const int dfd = plat_rundir(false);
-    if (dfd < 0)
-        return nullptr;
-    const int fd = openat(dfd, REFUSED_FILE, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-    close(dfd);
-    if (fd < 0)
-        return nullptr;
-    void *p = mmap(nullptr, sizeof(refused_layout), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    if (p != MAP_FAILED)
-        mapped = static_cast<refused_layout *>(p);
+    if (plat_replace_file(REFUSED_FILE, &fresh, sizeof fresh, err) == 0)
+        mapped = open_refused(true);
     return mapped;
 }
 
@@ -78,29 +93,11 @@ extern "C" int32_t hbext_setrefused(const uint64_t *counts)
 
 int32_t plat_getrefused(uint64_t *counts)
 {
-    const int dfd = plat_rundir(false);
-    if (dfd < 0)
+    refused_layout *m = open_refused(false);
+    if (m == nullptr)
         return PLAT_ENOENT;
-    const int fd = openat(dfd, REFUSED_FILE, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    close(dfd);
-    if (fd < 0)
-        return PLAT_ENOENT;
-    struct stat sb {};
-    if (fstat(fd, &sb) != 0 || !S_ISREG(sb.st_mode) || sb.st_size != static_cast<off_t>(sizeof(refused_layout))) {
-        close(fd);
-        return PLAT_EFORMAT;
-    }
-    void *p = mmap(nullptr, sizeof(refused_layout), PROT_READ, MAP_SHARED, fd, 0);
-    close(fd);
-    if (p == MAP_FAILED)
-        return PLAT_EIO;
-    auto *m = static_cast<refused_layout *>(p);
-    int32_t r = 0;
-    if (m->head.magic != REFUSED_MAGIC || m->head.version != SHM_VERSION || m->head.size != sizeof(refused_layout))
-        r = PLAT_EFORMAT;
-    else
-        for (int i = 0; i < HBEXT_REFUSED_COUNT; ++i)
-            counts[i] = std::atomic_ref<uint64_t>(m->count[i]).load(std::memory_order_relaxed);
-    munmap(p, sizeof(refused_layout));
-    return r;
+    for (int i = 0; i < HBEXT_REFUSED_COUNT; ++i)
+        counts[i] = std::atomic_ref<uint64_t>(m->count[i]).load(std::memory_order_relaxed);
+    munmap(m, sizeof(refused_layout));
+    return 0;
 }

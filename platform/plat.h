@@ -232,7 +232,8 @@ int32_t plat_setdownnotify(int32_t on);
 uint32_t plat_statchange_count();
 uint32_t plat_statchange_wait(uint32_t seen, int timeout_ms);
 // The LAN receiver's refusal counters (HBEXT_REFUSED_COUNT values) as the
-// running or last daemon published them; PLAT_ENOENT before any.
+// running or last daemon published them; PLAT_ENOENT when there are none
+// (or the file is damaged).
 int32_t plat_getrefused(uint64_t *counts);
 
 // ---- heartbeat area -----------------------------------------------------------------
