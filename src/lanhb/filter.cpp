@@ -123,6 +123,11 @@ void lanhb_socksetup(const lanhb_list *list, int fd)
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)
         HBLOG(HBLOG_LAN, 2, "setsockopt(SO_RCVBUF,%d) failed(errno:%d)", size, errno);
+    // The kernel reports twice what it grants (bookkeeping included).
+    int got = 0;
+    socklen_t len = sizeof got;
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &len) == 0 && got / 2 < size)
+        HBLOG(HBLOG_LAN, 2, "receive buffer %d bytes, not %d: limited by net.core.rmem_max", got / 2, size);
     if (!lanhb_keyed())
         return;
     std::vector<sock_filter> prog(BPF_MAX);
