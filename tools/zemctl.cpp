@@ -23,8 +23,8 @@
 
 #include "keygen.h"
 #include "plat.h"
-#include "zem_version.h"
 #include "services/hbext.h"
+#include "zem_version.h"
 
 namespace {
 
