@@ -391,7 +391,7 @@ class Node:
 
     def refused(self):
         """The receiver's refusal counters as zemctl status --json shows them."""
-        return json.loads(self.zemctl("status", "--json").stdout).get("refused", {})
+        return self.status_json().get("refused", {})
 
     # -- logs
 
