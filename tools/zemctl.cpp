@@ -909,9 +909,9 @@ int main(int argc, char **argv)
 
     CLI::App *keygen = app.add_subcommand("keygen", "write a new random cluster key file (mode 0600)");
     std::string keyfile;
-    bool force = false;
+    bool keyforce = false;
     keygen->add_option("file", keyfile, std::string("key file (default <root>/") + HBEXT_KEY_DEFAULT + ")");
-    keygen->add_flag("--force", force, "replace an existing key file");
+    keygen->add_flag("--force", keyforce, "replace an existing key file");
 
     CLI::App *run = app.add_subcommand("run", "start zemlanhb and supervise it as its parent; SIGTERM, SIGINT "
                                               "and SIGHUP (terminal closed) stop it in order with down "
@@ -938,7 +938,7 @@ int main(int argc, char **argv)
     if (app.got_subcommand(watch))
         return cmd_watch(count, timeout, wjson);
     if (app.got_subcommand(keygen))
-        return cmd_keygen(keyfile, force);
+        return cmd_keygen(keyfile, keyforce);
     if (app.got_subcommand(run))
         return cmd_run(nodown, daemon);
     return rc;
