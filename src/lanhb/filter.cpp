@@ -122,12 +122,12 @@ void lanhb_socksetup(const lanhb_list *list, int fd)
     // the plain option gets what the limit allows.
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0 &&
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)
-        HBLOG(HBLOG_LAN, 2, "setsockopt(SO_RCVBUF,%d) failed(errno:%d)", size, errno);
+        HBLOG(HBLOG_LAN, HBLV_WARN, "setsockopt(SO_RCVBUF,%d) failed(errno:%d)", size, errno);
     // The kernel reports twice what it grants (bookkeeping included).
     int got = 0;
     socklen_t len = sizeof got;
     if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &len) == 0 && got / 2 < size)
-        HBLOG(HBLOG_LAN, 2, "receive buffer %d bytes, not %d: limited by net.core.rmem_max", got / 2, size);
+        HBLOG(HBLOG_LAN, HBLV_WARN, "receive buffer %d bytes, not %d: limited by net.core.rmem_max", got / 2, size);
     if (!lanhb_keyed())
         return;
     std::vector<sock_filter> prog(BPF_MAX);
@@ -135,9 +135,9 @@ void lanhb_socksetup(const lanhb_list *list, int fd)
                                     lanhb_keyunsigned() ? lanhb_pktlen(list->maxnode) : 0, prog.data(), BPF_MAX);
     sock_fprog fp{static_cast<unsigned short>(n), prog.data()};
     if (n == 0)
-        HBLOG(HBLOG_LAN, 2, "socket filter: too many addresses; datagrams are checked in the daemon only");
+        HBLOG(HBLOG_LAN, HBLV_WARN, "socket filter: too many addresses; datagrams are checked in the daemon only");
     else if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fp, sizeof fp) != 0)
-        HBLOG(HBLOG_LAN, 2, "setsockopt(SO_ATTACH_FILTER) failed(errno:%d)", errno);
+        HBLOG(HBLOG_LAN, HBLV_WARN, "setsockopt(SO_ATTACH_FILTER) failed(errno:%d)", errno);
     else
-        HBLOG(HBLOG_LAN, 8, "socket filter: %d instructions", n);
+        HBLOG(HBLOG_LAN, HBLV_DETAIL, "socket filter: %d instructions", n);
 }

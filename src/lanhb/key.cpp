@@ -80,23 +80,23 @@ int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE])
     if (fd < 0) {
         const int err = errno;
         if (err == ELOOP) {
-            HBLOG(HBLOG_LAN, 1, "key file %s is a symbolic link: refused", path);
+            HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s is a symbolic link: refused", path);
             return LANHB_KEY_SYMLINK;
         }
-        HBLOG(HBLOG_LAN, 1, "key file %s: open() failed(errno:%d)", path, err);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: open() failed(errno:%d)", path, err);
         return LANHB_KEY_MISSING;
     }
     struct stat st {};
     int32_t r = LANHB_KEY_OK;
     if (fstat(fd, &st) != 0) {
-        HBLOG(HBLOG_LAN, 1, "key file %s: fstat() failed(errno:%d)", path, errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: fstat() failed(errno:%d)", path, errno);
         r = LANHB_KEY_READ;
     } else if (!S_ISREG(st.st_mode) || (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        HBLOG(HBLOG_LAN, 1, "key file %s: mode %04o: must be a regular file of mode 0600 or 0400", path,
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: mode %04o: must be a regular file of mode 0600 or 0400", path,
               static_cast<unsigned>(st.st_mode & 07777));
         r = LANHB_KEY_MODE;
     } else if (st.st_size != static_cast<off_t>(LANHB_KEY_SIZE)) {
-        HBLOG(HBLOG_LAN, 1, "key file %s: %lld bytes, must be %d", path, static_cast<long long>(st.st_size),
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: %lld bytes, must be %d", path, static_cast<long long>(st.st_size),
               static_cast<int>(LANHB_KEY_SIZE));
         r = LANHB_KEY_SIZE_BAD;
     } else {
@@ -106,7 +106,7 @@ int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE])
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0) {
-                HBLOG(HBLOG_LAN, 1, "key file %s: read() failed(errno:%d)", path, n < 0 ? errno : 0);
+                HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: read() failed(errno:%d)", path, n < 0 ? errno : 0);
                 r = LANHB_KEY_READ;
                 break;
             }
@@ -153,7 +153,7 @@ int32_t readkey(const char *name, unsigned char key[LANHB_KEY_SIZE])
 {
     char path[512];
     if (hbext_path(name, path, sizeof path) != 0) {
-        HBLOG(HBLOG_LAN, 1, "key file %s: name too long", name);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: name too long", name);
         return LANHB_KEY_MISSING;
     }
     return lanhb_keyfile(path, key);
@@ -177,7 +177,7 @@ int32_t lanhb_keyload(lanhb_list *list)
         return LANHB_KEY_OK; // no key: the transition settings mean nothing either
 
     if (sodium_init() < 0) {
-        HBLOG(HBLOG_LAN, 1, "sodium_init() failed");
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "sodium_init() failed");
         return LANHB_KEY_READ;
     }
     unsigned char key[LANHB_KEY_SIZE], key2[LANHB_KEY_SIZE];
@@ -194,12 +194,12 @@ int32_t lanhb_keyload(lanhb_list *list)
     try {
         windows.assign(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode), lanhb_seqwin{});
     } catch (const std::bad_alloc &) {
-        HBLOG(HBLOG_LAN, 1, "malloc(%d) failed(errno:%d)",
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)",
               static_cast<int>(sizeof(lanhb_seqwin) * list->currsc * list->curnode), ENOMEM);
         lanhb_keyset(nullptr);
         return LANHB_KEY_NOMEM;
     }
-    HBLOG(HBLOG_LAN, 1, "cluster key %s: datagrams signed and checked (%d-byte trailer)%s%s%s", name,
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "cluster key %s: datagrams signed and checked (%d-byte trailer)%s%s%s", name,
           static_cast<int>(LANHB_TRAILER_SIZE), also[0] != '\0' ? "; also accepted: key " : "", also,
           open != 0 ? "; unsigned datagrams accepted too" : "");
     return LANHB_KEY_OK;

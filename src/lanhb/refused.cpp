@@ -49,7 +49,7 @@ void publish()
 {
     const int32_t r = hbext_setrefused(counts.data());
     if (r != 0)
-        HBLOG(HBLOG_LAN, 8, "hbext_setrefused() failed(ret:%d)", r);
+        HBLOG(HBLOG_LAN, HBLV_DETAIL, "hbext_setrefused() failed(ret:%d)", r);
 }
 
 } // namespace
@@ -86,7 +86,7 @@ void lanhb_refused(int32_t reason, const struct sockaddr *from)
         inet_ntop(AF_INET, a.s6_addr + 12, text, sizeof text);
     else
         inet_ntop(AF_INET6, &a, text, sizeof text);
-    HBLOG(HBLOG_LAN, 2, "refused %llu datagram(s) from %s: %s (%s)", static_cast<unsigned long long>(s->pending),
+    HBLOG(HBLOG_LAN, HBLV_WARN, "refused %llu datagram(s) from %s: %s (%s)", static_cast<unsigned long long>(s->pending),
           text, HBEXT_REFUSED_NAMES[reason - 1], WHY[reason - 1]);
     s->pending = 0;
     s->logged = now;
