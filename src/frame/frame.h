@@ -58,6 +58,17 @@ void logterm();
 
 #define HBLOG(module, level, ...) hblog((module), (level), __FILE__, __LINE__, __func__, __VA_ARGS__)
 
+// Where a record is logged from. The helpers both heartbeats share take one
+// as their last argument, filled in at the call, so that their records name
+// the heartbeat function that called them (" *** lan4 : NORMAL ***" comes
+// from lanhb_setrscstat, not from the frame's vote).
+struct hbwhere {
+    const char *file = __builtin_FILE();
+    int line = __builtin_LINE();
+    const char *func = __builtin_FUNCTION();
+};
+#define HBLOG_AT(at, module, level, ...) hblog((module), (level), (at).file, (at).line, (at).func, __VA_ARGS__)
+
 // ---- clock and timing -----------------------------------------------------
 
 // A count of clock ticks of times(); differences are taken unsigned, so a
@@ -137,7 +148,7 @@ enum hbret : int32_t {
 
 // Reads an integer key of the loaded policy; a failed read is logged on the
 // given module and yields dflt.
-int32_t hbcfg_getint(int module, const char *key, int32_t dflt);
+int32_t hbcfg_getint(int module, const char *key, int32_t dflt, hbwhere at = {});
 
 // What both loaders learn first: the release texts ("unknown" when
 // unreadable, a failure logged at HBLV_WARN), the counts of paths of their
@@ -147,14 +158,14 @@ struct hbrelease {
     char edition[16];
     char version[16];
 };
-hbrelease hbcfg_release(int module);
-int32_t hbcfg_counts(int module, const char *kind, int32_t *currsc, int32_t *curnode);
-int32_t hbcfg_ownnode(int module, char *host, size_t size, int32_t *ownpri);
+hbrelease hbcfg_release(int module, hbwhere at = {});
+int32_t hbcfg_counts(int module, const char *kind, int32_t *currsc, int32_t *curnode, hbwhere at = {});
+int32_t hbcfg_ownnode(int module, char *host, size_t size, int32_t *ownpri, hbwhere at = {});
 
 // Copies a path's (kind non-null) or node's name from an enumeration into
 // name and returns its priority from the node manager; -1 when that cannot
 // be read (logged on module).
-int32_t hbcfg_namepri(int module, const char *kind, const char *from, char *name, size_t size);
+int32_t hbcfg_namepri(int module, const char *kind, const char *from, char *name, size_t size, hbwhere at = {});
 
 // ---- settings ----------------------------------------------------------------------
 
@@ -175,7 +186,7 @@ struct hbsetting {
     int32_t dflt;
     hbbound fix[2] = {};
 };
-int32_t hbcfg_read(int module, const hbsetting &set);
+int32_t hbcfg_read(int module, const hbsetting &set, hbwhere at = {});
 
 // The settings both heartbeat kinds read alike; each kind has its own
 // interval of down notices and its own path limit.
@@ -203,7 +214,7 @@ inline constexpr hbsetting HB_SET_DPRETRY = {
 // NULs, so a list the platform did not close still ends. Returns 0,
 // HBRET_ENUMRSC or HBRET_ENUMNODE when a call fails, or HBRET_NOMEM
 // (failures logged on module).
-int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out);
+int32_t hbcfg_enum(int module, const char *kind, bool rsc, hbmsz *out, hbwhere at = {});
 
 // ---- shared fields ------------------------------------------------------------------
 
@@ -229,7 +240,7 @@ template <class T> T hbadd(T &field, std::type_identity_t<T> delta)
 
 // A node's state on a path as the node manager has it; UNKNOWN when it
 // cannot be read (logged on module).
-int32_t hbsvstat_read(int module, const char *kind, const char *rsc, int32_t pri);
+int32_t hbsvstat_read(int module, const char *kind, const char *rsc, int32_t pri, hbwhere at = {});
 
 // The overall state of a path, voted by the states of its nodes: ERROR when
 // the own node is down, else CAUTION when a peer is, else NORMAL when one is
@@ -240,7 +251,8 @@ public:
     // Logs " *** <path> : <state> ***", stores the state into *stat (hbst)
     // and publishes it; failmsg names the failed publication (path, state,
     // result). The caller holds the table's lock.
-    int32_t publish(int module, const char *kind, const char *rsc, int32_t *stat, const char *failmsg) const;
+    int32_t publish(int module, const char *kind, const char *rsc, int32_t *stat, const char *failmsg,
+                    hbwhere at = {}) const;
 
 private:
     bool owndown_ = false, peerdown_ = false, online_ = false, unused_ = false;
@@ -250,12 +262,12 @@ private:
 // with `stat` and `pri`) and publishes it as hbpathvote::publish does.
 template <class NodeAt>
 int32_t hbpath_set(int module, const char *kind, const char *rsc, int32_t *stat, int32_t curnode, int32_t ownpri,
-                   NodeAt node, const char *failmsg)
+                   NodeAt node, const char *failmsg, hbwhere at = {})
 {
     hbpathvote vote;
     for (int32_t j = 0; j < curnode; ++j)
         vote.add(hbld(node(j)->stat), node(j)->pri == ownpri);
-    return vote.publish(module, kind, rsc, stat, failmsg);
+    return vote.publish(module, kind, rsc, stat, failmsg, at);
 }
 
 // ---- stop ----------------------------------------------------------------------

@@ -49,12 +49,13 @@ inline constexpr hbsetting LANHB_SET_DPINT = {
 
 // Re-reads the down-packet interval and retry into *dpint and *dpretry; both
 // null: there is no table (logged, and success).
-int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry);
+int32_t lanhb_loadexit(int32_t *dpint, int32_t *dpretry);
 // The same into a table of either kind (its dpint and dpretry fields), or
 // null.
 template <class Table> int32_t lanhb_loadexit(Table *table)
 {
-    return table == nullptr ? lanhb_loadexitinto(nullptr, nullptr) : lanhb_loadexitinto(&table->dpint, &table->dpretry);
+    return table == nullptr ? lanhb_loadexit(static_cast<int32_t *>(nullptr), nullptr)
+                            : lanhb_loadexit(&table->dpint, &table->dpretry);
 }
 
 // ---- the table ----------------------------------------------------------------

@@ -6,7 +6,7 @@
 
 // Shared by both tables: only the two given fields change, and only when the
 // configuration and its policy could be loaded.
-int32_t lanhb_loadexitinto(int32_t *dpint, int32_t *dpretry)
+int32_t lanhb_loadexit(int32_t *dpint, int32_t *dpretry)
 {
     if (dpint == nullptr || dpretry == nullptr) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "IGNORE: lanhb_plist is NULL");
