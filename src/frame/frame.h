@@ -114,7 +114,7 @@ int32_t setsched(int32_t *bwatchth);
 int32_t setstacksz(pthread_attr_t *attr);
 // Reads a stack-size key (its policy already loaded) into thstacksz and
 // corrects it; failures are logged on the given module.
-int32_t loadstacksz(int module, const char *key);
+int32_t loadstacksz(int module, const char *key, hbwhere at = {});
 
 // ---- configuration ---------------------------------------------------------
 

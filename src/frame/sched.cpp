@@ -53,14 +53,14 @@ int32_t setsched(int32_t *bwatchth)
     return 0;
 }
 
-int32_t loadstacksz(int module, const char *key)
+int32_t loadstacksz(int module, const char *key, hbwhere at)
 {
-    thstacksz = hbcfg_getint(module, key, 0);
+    thstacksz = hbcfg_getint(module, key, 0, at);
     if (thstacksz < 0) {
-        HBLOG(module, HBLV_ERROR, "invalid STACKSIZE(%d). set to 0.", thstacksz);
+        HBLOG_AT(at, module, HBLV_ERROR, "invalid STACKSIZE(%d). set to 0.", thstacksz);
         thstacksz = 0;
     } else if (thstacksz > 0 && thstacksz < HB_MIN_STACKSZ) {
-        HBLOG(module, HBLV_ERROR, "under minimum STACKSIZE(%d). set to %d.", thstacksz, HB_MIN_STACKSZ);
+        HBLOG_AT(at, module, HBLV_ERROR, "under minimum STACKSIZE(%d). set to %d.", thstacksz, HB_MIN_STACKSZ);
         thstacksz = HB_MIN_STACKSZ;
     }
     return 0;

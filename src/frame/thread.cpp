@@ -135,11 +135,11 @@ int32_t hbpace_pause(hbpace *pace, int32_t hbint)
     return HBPACE_FAST_MS;
 }
 
-bool hbpace_announce(hbpace *pace, int module, const char *which, int32_t hbint)
+bool hbpace_announce(hbpace *pace, int module, const char *which, int32_t hbint, hbwhere at)
 {
     if (pace->normal != 0)
         return false;
-    HBLOG(module, HBLV_DETAIL, "***** start normal polling(%s) %d msec. *****", which, hbint);
+    HBLOG_AT(at, module, HBLV_DETAIL, "***** start normal polling(%s) %d msec. *****", which, hbint);
     pace->normal = 1;
     return true;
 }

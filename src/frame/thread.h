@@ -74,7 +74,7 @@ struct hbpace {
 int32_t hbpace_pause(hbpace *pace, int32_t hbint);
 // Logs "***** start normal polling(<which>) <hbint> msec. *****" the first
 // time it is called after the start-up stretch; true that once.
-bool hbpace_announce(hbpace *pace, int module, const char *which, int32_t hbint);
+bool hbpace_announce(hbpace *pace, int module, const char *which, int32_t hbint, hbwhere at = {});
 
 // ---- the table lock ------------------------------------------------
 
@@ -97,7 +97,8 @@ private:
 // one time-out pass (never cancelled half-way), timed by looptime. Logs
 // "SIGUSR1 already received" when the stop ends it.
 template <class Check>
-void hbth_watchloop(int module, int32_t hbint, Check check, int32_t (*looptime)(hbtick_t, hbtick_t *))
+void hbth_watchloop(int module, int32_t hbint, Check check, int32_t (*looptime)(hbtick_t, hbtick_t *),
+                    hbwhere at = {})
 {
     hbth_canceloff(module);
     hbtick_t maxloop = 0;
@@ -110,5 +111,5 @@ void hbth_watchloop(int module, int32_t hbint, Check check, int32_t (*looptime)(
         check();
         looptime(t0, &maxloop);
     }
-    HBLOG(module, HBLV_ERROR, "SIGUSR1 already received");
+    HBLOG_AT(at, module, HBLV_ERROR, "SIGUSR1 already received");
 }
