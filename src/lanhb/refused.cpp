@@ -47,9 +47,12 @@ in6_addr key(const sockaddr *from)
 
 void publish()
 {
+    // Logged once: a datagram's refusal must never write to the log unkeyed.
+    static bool failed = false;
     const int32_t r = hbext_setrefused(counts.data());
-    if (r != 0)
+    if (r != 0 && !failed)
         HBLOG(HBLOG_LAN, HBLV_DETAIL, "hbext_setrefused() failed(ret:%d)", r);
+    failed = r != 0;
 }
 
 } // namespace
@@ -60,6 +63,10 @@ void lanhb_refused(int32_t reason, const struct sockaddr *from)
         return;
     ++counts[static_cast<size_t>(reason - 1)];
     publish();
+    // Without a key a refusal stays silent in the log, as the receiver has
+    // always done; only the counters tell.
+    if (!lanhb_keyed())
+        return;
 
     const in6_addr a = key(from);
     const hbtick_t now = hbtick_now();

@@ -301,6 +301,11 @@ TEST_F(KeyTest, RefusalsLoggedOncePerSourcePerMinute)
     lanhb_refusedstart(fd);
     close(fd);
     const sockaddr_storage a = addr("::ffff:198.18.0.20"), b = addr("2001:db8::fe");
+    // Unkeyed, a refusal is counted but the log stays silent.
+    lanhb_refused(LANHB_REFUSE_LENGTH, reinterpret_cast<const sockaddr *>(&a));
+    EXPECT_EQ(lancount("refused "), 0);
+    const keybuf key = testkey(0);
+    lanhb_keyset(key.data());
     for (int i = 0; i < 3; ++i)
         lanhb_refused(LANHB_REFUSE_SENDER, reinterpret_cast<const sockaddr *>(&a));
     lanhb_refused(LANHB_REFUSE_CODE, reinterpret_cast<const sockaddr *>(&b));
@@ -313,7 +318,7 @@ TEST_F(KeyTest, RefusalsLoggedOncePerSourcePerMinute)
     now += 1 * tckconf;
     lanhb_refused(LANHB_REFUSE_REPLAY, reinterpret_cast<const sockaddr *>(&a));
     EXPECT_EQ(lancount("refused 4 datagram(s) from 198.18.0.20: replay"), 1);
-    const std::array<uint64_t, HBEXT_REFUSED_COUNT> want = {0, 3, 1, 2, 0};
+    const std::array<uint64_t, HBEXT_REFUSED_COUNT> want = {1, 3, 1, 2, 0};
     EXPECT_EQ(fake::refused(), want);
 }
 
