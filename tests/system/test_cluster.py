@@ -11,6 +11,7 @@ Nodes 1 and 2 share the controller's heartbeat area; node 3 has its own,
 so controller states are checked only between nodes 1 and 2.
 """
 
+import contextlib
 import os
 import random
 import signal
@@ -20,8 +21,8 @@ import pytest
 
 import zemcluster
 from zemcluster import (CNT, LAN4, LAN6, LAN_PATHS, OUTSIDER4, OUTSIDER6, PATH_PRI,
-                        events, heartbeat, log_kind, node_line, wait_healthy,
-                        wait_until)
+                        events, heartbeat, log_kind, node_line, offline_times,
+                        paths_seen_by, wait_healthy, wait_until)
 
 HBINT = 0.5          # seconds, as configured
 HBTO_S = 2           # configured 2000 ms, in whole seconds as the daemon counts it
@@ -47,30 +48,6 @@ def healthy(cluster):
     left = wait_healthy(cluster, 20)
     assert not left, f"cluster did not converge: {left}"
     return cluster
-
-
-def offline_times(observers, victim, paths, since, timeout):
-    """For every (observer, path): the time of the first OFFLINE record of victim
-    at or after since, waiting up to timeout seconds for all of them."""
-    found = {}
-
-    def all_seen():
-        for obs in observers:
-            for path in paths:
-                if (obs.name, path) not in found:
-                    ev = events(obs, log_kind(path), node_line(path, victim) + "OFFLINE ***", since)
-                    if ev:
-                        found[(obs.name, path)] = ev[0][0] - since
-        return len(found) == len(observers) * len(paths)
-
-    wait_until(all_seen, timeout, 0.1)
-    return found
-
-
-def paths_seen_by(obs, victim):
-    """Paths on which obs can judge victim: both LAN paths, and the controller
-    path when both are of the controller-sharing pair."""
-    return list(LAN_PATHS) + ([CNT] if obs.idx <= 2 and victim.idx <= 2 else [])
 
 
 def timeout_before(lines, idx):
@@ -434,3 +411,19 @@ def test_hangup_of_run_stops_the_daemon_with_down_notices(healthy):
         for path in LAN_PATHS:
             assert wait_until(lambda: events(obs, "lanhb", f"DOWNPACKET recv({path},{victim.name}({victim.pri}))",
                                              t0), 5), (obs.name, path)
+
+
+def test_own_address_with_prefix_fails_its_bind_but_peers_still_hear_it(tools):
+    # node1's IPv4 address written as "198.18.0.1/24": peers send to the
+    # address with the prefix cut off, but node1 binds its sending socket to
+    # the text as it stands, which fails every cycle and is logged; the
+    # heartbeats still leave, from an unbound socket.
+    with contextlib.contextmanager(zemcluster.started)(2, tag="pfx", prefixed=(1,)) as c:
+        n1, n2 = c.nodes
+        assert not wait_healthy(c, 20)
+        t0 = time.time()
+        time.sleep(HBINT * 4)
+        failed = events(n1, "lanhb", f"getaddrinfo({n1.ip4}/24) failed rsc=({LAN4})", t0)
+        assert len(failed) >= 2, "the bind lookup of the prefixed address did not fail each cycle"
+        assert not events(n2, "lanhb", "getaddrinfo(", t0), "a peer's lookups failed as well"
+        assert not events(n1, "lanhb", f"getaddrinfo({n1.ip6}) failed", t0)

@@ -55,6 +55,28 @@ def test_namespaces_are_isolated_from_the_host(net):
     assert "198.18.0.0/24" in routes
 
 
+def test_neighbour_tables_sized_for_the_cluster_and_put_back():
+    def limits():
+        out = {}
+        for fam in ("ipv4", "ipv6"):
+            for n in (2, 3):
+                with open(zemcluster.NEIGH_SYSCTL.format(fam=fam, n=n)) as f:
+                    out[(fam, n)] = int(f.read())
+        return out
+
+    before = limits()
+    soft, hard = zemcluster.neigh_need(64)
+    tables = zemcluster.NeighTables(64)
+    try:
+        during = limits()
+        for fam in ("ipv4", "ipv6"):
+            assert during[(fam, 2)] >= soft and during[(fam, 3)] >= hard, (fam, during)
+        assert zemcluster.NeighTables(2).changed == [], "a small cluster lowered a limit"
+    finally:
+        tables.restore()
+    assert limits() == before
+
+
 CHILD = """
 import os, sys, time
 path = sys.argv[1]

@@ -9,6 +9,10 @@ path (controller numbers 0 and 1); every further node gets an area of its own.
 A node runs "zemctl run" under nodeinit.py, which is process 1 of a PID
 namespace of the node's own.
 
+The host's neighbour tables (one per address family, shared by every
+namespace) are raised for the cluster's size while it lives and put back
+by destroy().
+
 Everything is named "zst<pid>-..." after the creating process, so parallel
 runs never collide and sweep() can remove what a crashed run left behind.
 destroy() removes every namespace, process and file a cluster made; it is
@@ -206,6 +210,55 @@ def leftovers(owner=None):
     return [ns for ns in _netns_list() if ns.startswith(f"{PREFIX}{owner}-")]
 
 
+# ---------------------------------------------------------------- neighbour tables
+
+NEIGH_SYSCTL = "/proc/sys/net/{fam}/neigh/default/gc_thresh{n}"
+
+
+def neigh_need(nnodes):
+    """(gc_thresh2, gc_thresh3) a cluster of nnodes needs in each family's
+    table: every node keeps an entry for every other node and the bridge's
+    outsider, and the kernel refuses entries past gc_thresh3 (sendto then
+    fails with EINVAL). Four times that, so entries on their way out and a
+    neighbour cluster of the same size still fit."""
+    hard = 4 * nnodes * (nnodes + 2)
+    return hard // 2, hard
+
+
+class NeighTables:
+    """Raises both families' neighbour-table limits to what a cluster needs,
+    never lowers them, and restore() puts back what it changed unless
+    someone else changed the value since."""
+
+    def __init__(self, nnodes):
+        self.changed = []   # (path, old, ours)
+        soft, hard = neigh_need(nnodes)
+        for fam in ("ipv4", "ipv6"):
+            for n, want in ((2, soft), (3, hard)):
+                path = NEIGH_SYSCTL.format(fam=fam, n=n)
+                try:
+                    with open(path) as f:
+                        old = int(f.read())
+                    if old < want:
+                        with open(path, "w") as f:
+                            f.write(str(want))
+                        self.changed.append((path, old, want))
+                except OSError as e:
+                    raise HarnessError(f"cannot size the neighbour table ({path}): {e}") from e
+
+    def restore(self):
+        for path, old, ours in reversed(self.changed):
+            try:
+                with open(path) as f:
+                    if int(f.read()) != ours:
+                        continue
+                with open(path, "w") as f:
+                    f.write(str(old))
+            except OSError:
+                pass
+        self.changed = []
+
+
 # ---------------------------------------------------------------- the cluster
 
 class Node:
@@ -398,16 +451,27 @@ class Node:
     def log_path(self, kind):
         return os.path.join(self.root, "log", f"{kind}.log")
 
+    def log_files(self, kind):
+        """The log's files that exist, oldest rotated generation first."""
+        base = self.log_path(kind)
+        names = [f"{base}.{g}" for g in (3, 2, 1)] + [base]
+        return [p for p in names if os.path.exists(p)]
+
     def log_lines(self, kind):
-        try:
-            with open(self.log_path(kind), errors="replace") as f:
-                return f.read().splitlines()
-        except OSError:
-            return []
+        """Every record still kept, rotated generations included, oldest first."""
+        out = []
+        for path in self.log_files(kind):
+            try:
+                with open(path, errors="replace") as f:
+                    out += f.read().splitlines()
+            except OSError:
+                pass
+        return out
 
 
 class Cluster:
-    def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None, key=False):
+    def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None, key=False,
+                 prefixed=(), warnrate=80, loglevel=4, logsize=50000000):
         ctl, dmn = find_tools()
         self.zemctl = zemctl or ctl
         self.daemon = daemon or dmn
@@ -417,7 +481,12 @@ class Cluster:
         self.hbint = hbint
         self.hbto = hbto
         self.key = key              # one cluster key, made by node 1's "zemctl keygen"
+        self.warnrate = warnrate      # delay warnings at this percentage of the time-out
+        self.loglevel = loglevel      # of both logs
+        self.logsize = logsize        # rotation size of both logs, bytes
         self.nodes = [Node(self, i) for i in range(1, nnodes + 1)]
+        self.prefixed = set(prefixed)   # nodes whose IPv4 address is written with "/24"
+        self.neigh = None
         for node in self.nodes:
             os.makedirs(node.root, mode=0o700)
         self.namespaces = []
@@ -442,6 +511,7 @@ class Cluster:
         self._ip("-n", ns, "link", "set", "lo", "up")
 
     def build_network(self):
+        self.neigh = NeighTables(len(self.nodes))
         br = self.bridge_ns
         self._add_ns(br)
         for fam, addr in ((4, f"{OUTSIDER4}/24"), (6, f"{OUTSIDER6}/64")):
@@ -472,7 +542,7 @@ class Cluster:
             f"""
   <server name="{n.name}">
     <priority>{n.pri}</priority>
-    <device name="0"><info>{n.ip4}/24</info></device>
+    <device name="0"><info>{n.ip4}{"/24" if n.idx in self.prefixed else ""}</info></device>
     <device name="1"><info>{n.ip6}</info></device>
   </server>""" for n in self.nodes)
         authkey = f"\n      <authkey>{KEY_FILE}</authkey>" if self.key else ""
@@ -487,7 +557,7 @@ class Cluster:
       <interval>{self.hbint}</interval>
       <port><recv>{RECV_PORT}</recv><send>0</send></port>{authkey}
     </heartbeat>
-    <delaywarn><heartbeat>80</heartbeat></delaywarn>
+    <delaywarn><heartbeat>{self.warnrate}</heartbeat></delaywarn>
     <downpacket><interval>0</interval><retry>5</retry></downpacket>
   </cluster>
   <heartbeat>
@@ -499,13 +569,13 @@ class Cluster:
     <cnthb name="{CNT}"><priority>{PATH_PRI[CNT]}</priority></cnthb>
   </heartbeat>
   <lanhb>
-    <log><level>4</level><size>50000000</size></log>
+    <log><level>{self.loglevel}</level><size>{self.logsize}</size></log>
     <watchth>1</watchth>
     <thread><stacksize>0</stacksize></thread>
     <socket><nbio>1</nbio></socket>
   </lanhb>
   <cnthb>
-    <log><level>4</level><size>50000000</size></log>
+    <log><level>{self.loglevel}</level><size>{self.logsize}</size></log>
     <watchth>0</watchth>
     <thread><stacksize>0</stacksize></thread>
     <downpacket><wait>20</wait><retry>100</retry></downpacket>
@@ -655,6 +725,8 @@ class Cluster:
         self.reports = self.sanitizer_reports()
         for ns in reversed(self.namespaces):
             _kill_netns(ns)
+        if self.neigh is not None:
+            self.neigh.restore()
         if not os.environ.get("ZEM_SYSTEM_KEEP"):
             shutil.rmtree(self.dir, ignore_errors=True)
         with _lock:
@@ -711,6 +783,30 @@ def events(node, kind, text, since=0.0):
             if t is not None and t >= since:
                 out.append((t, line))
     return out
+
+
+def offline_times(observers, victim, paths, since, timeout):
+    """For every (observer, path): the time of the first OFFLINE record of victim
+    at or after since, waiting up to timeout seconds for all of them."""
+    found = {}
+
+    def all_seen():
+        for obs in observers:
+            for path in paths:
+                if (obs.name, path) not in found:
+                    ev = events(obs, log_kind(path), node_line(path, victim) + "OFFLINE ***", since)
+                    if ev:
+                        found[(obs.name, path)] = ev[0][0] - since
+        return len(found) == len(observers) * len(paths)
+
+    wait_until(all_seen, timeout, 0.1)
+    return found
+
+
+def paths_seen_by(obs, victim):
+    """Paths on which obs can judge victim: both LAN paths, and the controller
+    path when both are of the controller-sharing pair."""
+    return list(LAN_PATHS) + ([CNT] if obs.idx <= 2 and victim.idx <= 2 else [])
 
 
 def problems(cluster, expect=None):
