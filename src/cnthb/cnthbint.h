@@ -113,8 +113,7 @@ template <class F> int32_t cnthb_fwcall(cnthb_rsc *rsc, F call)
     {
         hbth_cancelon(HBLOG_CNT);
         cnthb_rwguard hold(rsc);
-        hbth_prepunwind();
-        pthread_testcancel();
+        hbth_cancelpoint();
         r = call();
         hbth_canceloff(HBLOG_CNT);
     }

@@ -164,8 +164,7 @@ cnthb_rwguard::cnthb_rwguard(cnthb_rsc *rsc)
             HBLOG(HBLOG_CNT, HBLV_ERROR, "pthread_mutex_lock() failed(ret:%d,errno:%d)", r, errno);
             return; // the call is made without the lock rather than not at all
         }
-        hbth_prepunwind();
-        pthread_testcancel();
+        hbth_cancelpoint();
     }
 }
 

@@ -9,6 +9,12 @@
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
+#define HBTH_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/asan_interface.h>
+#define HBTH_ASAN 1
+#endif
 #endif
 
 namespace {
@@ -60,28 +66,28 @@ int waituntil(int fd, const struct timespec &deadline)
 void hbth_canceloff(int module) { setcancel(module, PTHREAD_CANCEL_DISABLE); }
 void hbth_cancelon(int module) { setcancel(module, PTHREAD_CANCEL_ENABLE); }
 
-void hbth_prepunwind()
+#ifdef HBTH_ASAN
+// The first clean-up of the unwinding, while only the C library's frames
+// (not instrumented) lie below: the hook clears the whole stack's marks
+// before any instrumented frame is left.
+static void hbth_clearmarks(void *) { __asan_handle_no_return(); }
+#endif
+
+void hbth_cancelpoint()
 {
-#if defined(__SANITIZE_ADDRESS__)
-    pthread_attr_t attr;
-    if (pthread_getattr_np(pthread_self(), &attr) != 0)
-        return;
-    void *low = nullptr;
-    size_t size = 0;
-    pthread_attr_getstack(&attr, &low, &size);
-    pthread_attr_destroy(&attr);
-    char *const here = static_cast<char *>(__builtin_frame_address(0));
-    char *const top = static_cast<char *>(low) + size;
-    if (here >= static_cast<char *>(low) && here < top)
-        __asan_unpoison_memory_region(here, static_cast<size_t>(top - here));
+#ifdef HBTH_ASAN
+    pthread_cleanup_push(hbth_clearmarks, nullptr);
+    pthread_testcancel();
+    pthread_cleanup_pop(0);
+#else
+    pthread_testcancel();
 #endif
 }
 
 void hbth_testcancel(int module)
 {
     hbth_cancelon(module);
-    hbth_prepunwind();
-    pthread_testcancel();
+    hbth_cancelpoint();
     hbth_canceloff(module);
 }
 

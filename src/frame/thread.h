@@ -28,12 +28,15 @@
 void hbth_canceloff(int module);
 void hbth_cancelon(int module);
 void hbth_testcancel(int module);
-// Called right before a cancellation point. Cancellation unwinds frames
-// without their epilogues; in the address sanitizer's build the marks those
-// leave on the stack trip the sanitizer's own code in the unwinding's
-// clean-ups, so this clears the marks of the live frames above (at the cost
-// of their overflow checks until they are entered again). Elsewhere nothing.
-void hbth_prepunwind();
+// pthread_testcancel, the one call at which a pending cancellation takes
+// effect. In the address sanitizer's build it first clears the stack's
+// marks when the cancellation is acted on: the sanitizer's no-return hook,
+// run at each clean-up of the unwinding, reads through its own sigaltstack
+// interceptor the marks of the frames already unwound and reports them
+// (tests/toolchain/asan_cancel_unwind.cpp shows it without the daemon).
+// Live frames keep their overflow checks until then. Elsewhere just
+// pthread_testcancel.
+void hbth_cancelpoint();
 
 // ---- waits ---------------------------------------------------------------------------
 //

@@ -89,8 +89,7 @@ struct Hang {
             ~Leave() { --n; }
         } leave{waiting};
         while (!opened) {
-            hbth_prepunwind();
-            pthread_testcancel();
+            hbth_cancelpoint();
             int old = 0;
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
