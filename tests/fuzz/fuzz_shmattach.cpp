@@ -1,0 +1,99 @@
+// A shared-memory file as found under run/: the first byte picks the file
+// (node manager, cluster manager, semaphore) and whether the rest keeps its
+// own length or is cut or padded to the layout's; the rest is the content.
+// Attach must refuse what it cannot trust, and every operation on an attached
+// file must stay inside it.
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "fuzz_common.h"
+#include "plat.h"
+
+using namespace fuzzcommon;
+
+namespace {
+
+std::string root;
+
+void nodemanager()
+{
+    if (shmnm_attach() != 0)
+        return;
+    std::vector<char> names(NM_MAXNODE * NM_NODENAME + 1);
+    int32_t size = static_cast<int32_t>(names.size());
+    int32_t v = 0;
+    shmnm_getwaitstat(&v);
+    if (shmnm_enumnode(names.data(), &size) == 0)
+        for (const char *p = names.data(); *p != '\0'; p += std::strlen(p) + 1) {
+            shmnm_getnodepri(p, &v);
+            shmnm_getnodestat(p, &v);
+            shmnm_gethdstat(p, &v);
+        }
+    for (const char *kind : {HB_KIND_LANHB, HB_KIND_CNTHB}) {
+        std::vector<char> rscs(NM_MAXRSC * NM_RSCNAME + 1);
+        size = static_cast<int32_t>(rscs.size());
+        if (shmnm_enumrsc(kind, rscs.data(), &size) != 0)
+            continue;
+        for (const char *p = rscs.data(); *p != '\0'; p += std::strlen(p) + 1) {
+            shmnm_getrscpri(kind, p, &v);
+            for (int32_t id : {-1, 0, 1, NM_MAXNODE - 1, NM_MAXNODE})
+                if (shmnm_getrscsvstat(kind, p, id, &v) == 0)
+                    shmnm_setrscsvstat(kind, p, id, SHMNM_SVSTAT_ONLINE);
+            shmnm_setrscstat(kind, p, SHMNM_RSCSTAT_NORMAL);
+        }
+    }
+    shmnm_setnonvolstat(SHMNM_NONVOL_NOTREADY);
+    shmnm_detach();
+}
+
+void clustermanager()
+{
+    if (shmcm_attach() != 0)
+        return;
+    char text[SHMCM_TEXT_SIZE];
+    if (shmcm_getedition(text) == 0)
+        require(std::memchr(text, '\0', sizeof text) != nullptr, "edition ends inside its buffer");
+    if (shmcm_getversion(text) == 0)
+        require(std::memchr(text, '\0', sizeof text) != nullptr, "version ends inside its buffer");
+    int32_t a = 0, b = 0;
+    char info[SHMCM_ACTINFO_SIZE];
+    shmcm_getaction(&a, info, nullptr);
+    shmcm_getratio(&a, &b);
+    shmcm_detach();
+}
+
+void semaphore()
+{
+    if (sem_attach() != 0)
+        return;
+    sem_set_statchange();
+    sem_detach();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    root = makeroot();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 1)
+        return 0;
+    const int which = data[0] % 3;
+    const bool keeplen = (data[0] & 0x80) != 0;
+    const char *const files[] = {NM_FILE, CM_FILE, SEM_FILE};
+    const size_t sizes[] = {sizeof(nm_layout), sizeof(cm_layout), sizeof(sem_layout)};
+    std::string content(reinterpret_cast<const char *>(data + 1), size - 1);
+    if (!keeplen)
+        content.resize(sizes[which], '\0');
+    std::ofstream(root + "/run/" + files[which], std::ios::binary | std::ios::trunc)
+        .write(content.data(), static_cast<long>(content.size()));
+    void (*const use[])() = {nodemanager, clustermanager, semaphore};
+    use[which]();
+    return 0;
+}
