@@ -4,7 +4,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
+#include <string_view>
 
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
@@ -47,18 +49,29 @@ inline bool rscstat_ok(int32_t s)
            s == SHMNM_RSCSTAT_UNKNOWN || s == SHMNM_RSCSTAT_UNUSED;
 }
 
-// A private ZEM_ROOT with etc/ and run/, for the platform's own files.
-inline std::string makeroot()
+// A private ZEM_ROOT with etc/ and run/ for the platform's own files, made
+// on first use and removed at exit.
+inline const std::string &fuzzroot()
 {
-    char tmpl[] = "/tmp/zemfuzz-XXXXXX";
-    const char *dir = mkdtemp(tmpl);
-    require(dir != nullptr, "mkdtemp");
-    const std::string root = dir;
-    require(system(("mkdir -p " + root + "/etc " + root + "/run " + root + "/log").c_str()) == 0, "mkdir");
-    setenv("ZEM_ROOT", root.c_str(), 1);
-    static const std::string gone = root;
-    atexit([] { (void)!system(("rm -rf " + gone).c_str()); });
+    static const std::string root = [] {
+        char tmpl[] = "/tmp/zemfuzz-XXXXXX";
+        const char *dir = mkdtemp(tmpl);
+        require(dir != nullptr, "mkdtemp");
+        const std::string made = dir;
+        require(system(("mkdir -p " + made + "/etc " + made + "/run").c_str()) == 0, "mkdir");
+        setenv("ZEM_ROOT", made.c_str(), 1);
+        // The string may be gone by then; the environment is not.
+        atexit([] { (void)!system((std::string("rm -rf ") + getenv("ZEM_ROOT")).c_str()); });
+        return made;
+    }();
     return root;
+}
+
+// Replaces a file under the root by the given bytes.
+inline void putfile(const std::string &rel, std::string_view bytes)
+{
+    std::ofstream(fuzzroot() + "/" + rel, std::ios::binary | std::ios::trunc)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 } // namespace fuzzcommon

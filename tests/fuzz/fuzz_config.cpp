@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -18,17 +17,10 @@ using namespace fuzzcommon;
 
 namespace {
 
-std::string root;
-
 // Keys the daemon reads, so the lookup walks real paths as well.
 const char *const keys[] = {"/root/cluster/heartbeat/timeout", "/root/cluster/heartbeat/interval",
                             "/root/all/num/server", "/root/heartbeat/lanhb@lan4/device",
                             "/root/server@node1/device@0/info"};
-
-void put(const std::string &rel, std::string_view text)
-{
-    std::ofstream(root + "/" + rel, std::ios::binary | std::ios::trunc).write(text.data(), static_cast<long>(text.size()));
-}
 
 void lookup(const std::string &key)
 {
@@ -62,12 +54,6 @@ void created_matches(const plat_cluster &cl)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    root = makeroot();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::string_view in(reinterpret_cast<const char *>(data), size);
@@ -77,8 +63,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         p = in.substr(0, cut);
         in.remove_prefix(std::min(cut + 1, in.size()));
     }
-    put("etc/cluster.xml", part[0]);
-    put("etc/local.xml", part[1]);
+    putfile("etc/cluster.xml", part[0]);
+    putfile("etc/local.xml", part[1]);
     const std::string key(part[2]);
 
     plat_cluster cl;

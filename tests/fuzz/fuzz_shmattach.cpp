@@ -4,7 +4,6 @@
 // Attach must refuse what it cannot trust, and every operation on an attached
 // file must stay inside it.
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -14,8 +13,6 @@
 using namespace fuzzcommon;
 
 namespace {
-
-std::string root;
 
 void nodemanager()
 {
@@ -74,12 +71,6 @@ void semaphore()
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    root = makeroot();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1)
@@ -91,8 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::string content(reinterpret_cast<const char *>(data + 1), size - 1);
     if (!keeplen)
         content.resize(sizes[which], '\0');
-    std::ofstream(root + "/run/" + files[which], std::ios::binary | std::ios::trunc)
-        .write(content.data(), static_cast<long>(content.size()));
+    putfile(std::string("run/") + files[which], content);
     void (*const use[])() = {nodemanager, clustermanager, semaphore};
     use[which]();
     return 0;
