@@ -214,7 +214,7 @@ def stress(args):
 # ------------------------------------------------------------------ soak
 
 def log_sizes(c):
-    return {os.path.basename(p): os.path.getsize(p)
+    return {f"{n.name}/{os.path.basename(p)}": os.path.getsize(p)
             for n in c.nodes for kind in ("lanhb", "cnthb") for p in n.log_files(kind)}
 
 
