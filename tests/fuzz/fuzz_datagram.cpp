@@ -104,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     lanhb_rsc *rsc = nullptr;
     lanhb_node *node = nullptr;
     if (lanhb_accept(list.get(), pkt, static_cast<ssize_t>(count), len, reinterpret_cast<sockaddr *>(&from), v6mode,
-                     &rsc, &node)) {
+                     &rsc, &node) == 0) {
         require(rsc != nullptr && node != nullptr, "accepted datagram without its records");
         require(node->pri == pkt->nodepri && rsc->pri == pkt->rscpri, "accepted for another node or path");
         lanhb_hbdata(list.get(), rsc, node, pkt);
