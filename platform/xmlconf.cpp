@@ -291,7 +291,8 @@ int32_t xmllib_get_value(const char *key, int32_t kind, void *value, int32_t *le
     if (kind == XMLLIB_KIND_TEXT) {
         if (*len < 1 || text.size() + 1 > static_cast<size_t>(*len))
             return PLAT_ESPACE;
-        memcpy(value, text.data(), text.size());
+        if (!text.empty()) // a blank value's view may have no data at all
+            memcpy(value, text.data(), text.size());
         static_cast<char *>(value)[text.size()] = '\0';
         *len = static_cast<int32_t>(text.size() + 1);
         return 0;
