@@ -10,7 +10,7 @@ namespace {
 
 constexpr char CLUSTER[] = R"(<?xml version="1.0"?>
 <root>
-  <cluster><name>  demo  </name><heartbeat><timeout>0x2710</timeout><interval>-5</interval></heartbeat>
+  <cluster><name>  demo  </name><blank> </blank><heartbeat><timeout>0x2710</timeout><interval>-5</interval></heartbeat>
     <n><a>+0X7fffffff</a><b>-2147483648</b><c>2147483648</c><d>0xFFFFFFFF</d><e>1.5</e><f>12abc</f></n></cluster>
   <heartbeat>
     <lanhb name="lan1"><device>0</device></lanhb>
@@ -83,6 +83,12 @@ TEST_F(Config, KeyPathsKindsAndLengths)
         memcpy(&v, buf, sizeof v);
         EXPECT_EQ(c.kind == XMLLIB_KIND_INT ? std::to_string(v) : std::string(buf), c.want);
     }
+    // A blank value is the empty text (its trimmed view has no data to copy).
+    char blank[4] = "xx";
+    len = sizeof blank;
+    ASSERT_EQ(xmllib_get_value("/root/cluster/blank", XMLLIB_KIND_TEXT, blank, &len), 0);
+    EXPECT_EQ(len, 1);
+    EXPECT_STREQ(blank, "");
     // Unloaded, then loaded again as the daemon does at shutdown: the file as it is now.
     ASSERT_EQ(xmllib_unload_config(), 0);
     EXPECT_NE(xmllib_get_value("/root/cluster/name", XMLLIB_KIND_INT, &v, &len), 0);
