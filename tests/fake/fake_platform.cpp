@@ -304,6 +304,12 @@ void set_ratio(int32_t ratio)
     st.ratio = ratio;
 }
 
+void set_downnotify(int32_t ret)
+{
+    std::lock_guard lk(mtx);
+    st.downnotify = ret;
+}
+
 int statchange_count()
 {
     std::lock_guard lk(mtx);

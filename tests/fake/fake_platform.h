@@ -79,6 +79,7 @@ void set_ratio(int32_t ratio);
 
 // ---- semaphores --------------------------------------------------------------
 int statchange_count();
+void set_downnotify(int32_t ret); // what sem_wait_downnotify returns; 0 = wanted
 
 // ---- storage -------------------------------------------------------------------
 // The heartbeat area: ZEMFW_HBSLOTS slots of ZEMFW_HBINF_SIZE bytes.

@@ -98,6 +98,23 @@ struct Hang {
     }
 };
 
+inline pthread_t start(void *(*body)(void *), cnthb_list *list)
+{
+    pthread_t th = 0;
+    EXPECT_EQ(pthread_create(&th, nullptr, body, list), 0);
+    return th;
+}
+
+// Stops a poller as the stop routine does; without the flag only this
+// thread ends and the others go on.
+inline void stop(pthread_t th, bool flag = true)
+{
+    if (flag)
+        bsigrecv = 1;
+    pthread_cancel(th);
+    EXPECT_EQ(pthread_join(th, nullptr), 0);
+}
+
 inline cnthb_hbinf record(const char *tag, const char *stamp)
 {
     cnthb_hbinf rec{};

@@ -45,7 +45,7 @@ TEST_F(StatusTest, ChangedStampBringsANodeOnlineAfterTheFirstRecordPrimes)
     EXPECT_EQ(nodestat(node(1)), SHMNM_SVSTAT_OFFLINE);
     EXPECT_EQ(node(1)->lastread, 2000u);
 
-    fake::set_hdstat("node2", 1);
+    fake::fail("shmnm_gethdstat", 5); // unreadable counts as 1
     now = 2500;
     feed(1, "cnthb", "s3");
     EXPECT_EQ(svstat("cnt1", 2), SHMNM_SVSTAT_ONLINE);
@@ -107,24 +107,31 @@ TEST_F(StatusTest, PathStateFollowsItsNodes)
 
 TEST_F(StatusTest, FailedControllerCallsTakeNodesOfflineWithOneWakeUp)
 {
-    for (int32_t kind : {CNTHB_ERR_READ, CNTHB_ERR_WRITE}) {
-        SCOPED_TRACE(kind);
+    for (bool write : {false, true}) {
+        SCOPED_TRACE(write ? "write" : "read");
         build(2, 1); // this node writes slot 1, node2 is read from slot 0
         online(0, 0);
         online(1, 0);
         online(1, 1); // node1 stays offline on cnt2
         const int changes = fake::statchange_count();
-        cnthb_seterrstat(list.get(), kind);
+        // Through the poller and its workers, for two cycles on both paths.
+        const char *op = write ? "zemfw_sethbinf" : "zemfw_gethbinf";
+        fake::fail(op, 5);
+        bsigrecv = 0;
+        cnthb_bhbwrite = 1;
+        const pthread_t th = start(write ? cnthb_hbwrite : cnthb_hbread, list.get());
+        EXPECT_TRUE(waitfor([&] { return fake::count(op) >= 4 && fake::statchange_count() > changes; }));
+        stop(th);
+        list.reset();
         // A failed read concerns every online node, a failed write only the
         // node of this node's slot.
-        const int32_t peer = kind == CNTHB_ERR_READ ? SHMNM_SVSTAT_OFFLINE : SHMNM_SVSTAT_ONLINE;
-        EXPECT_EQ(nodestat(node(0, 0)), SHMNM_SVSTAT_OFFLINE);
-        EXPECT_EQ(nodestat(node(1, 0)), peer);
-        EXPECT_EQ(nodestat(node(1, 1)), peer);
-        EXPECT_EQ(cntcount(": OFFLINE ***"), kind == CNTHB_ERR_READ ? 3 : 1);
+        const int32_t peer = write ? SHMNM_SVSTAT_ONLINE : SHMNM_SVSTAT_OFFLINE;
+        EXPECT_EQ(svstat("cnt1", 1), SHMNM_SVSTAT_OFFLINE);
+        EXPECT_EQ(svstat("cnt1", 2), peer);
+        EXPECT_EQ(svstat("cnt2", 2), peer);
+        EXPECT_EQ(cntcount(": OFFLINE ***"), write ? 1 : 3);
         EXPECT_EQ(fake::nonvolstat(), SHMNM_NONVOL_NOTREADY);
         EXPECT_EQ(fake::statchange_count(), changes + 1);
-        list.reset();
     }
 }
 

@@ -8,21 +8,6 @@ using namespace cnthbtest;
 namespace {
 
 struct ThreadTest : CntTest {
-    static pthread_t start(void *(*body)(void *), cnthb_list *list)
-    {
-        pthread_t th = 0;
-        EXPECT_EQ(pthread_create(&th, nullptr, body, list), 0);
-        return th;
-    }
-    // Stops a poller as the stop routine does; without the flag only this
-    // thread ends and the others go on.
-    static void stop(pthread_t th, bool flag = true)
-    {
-        if (flag)
-            bsigrecv = 1;
-        pthread_cancel(th);
-        EXPECT_EQ(pthread_join(th, nullptr), 0);
-    }
     static hbtick_t lastread(cnthb_list *list, int j)
     {
         pthread_mutex_lock(&list->statlock);

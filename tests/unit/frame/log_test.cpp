@@ -13,11 +13,13 @@ struct Hblog : ::testing::Test {
 
 TEST_F(Hblog, OpensLogsWithTheirSettingsAndRoutesByModule)
 {
-    fake::fail_on("xmllib_load_policy", "cnthb", 3);
+    // Each log its own keys; a missing key takes the default.
     fake::set_key("/root/lanhb/log/level", "8");
+    fake::set_key("/root/cnthb/log/level", "2");
+    fake::set_key("/root/cnthb/log/size", "5000");
     loginit();
     EXPECT_EQ(fake::log_settings("lanhb"), std::make_pair(8, 1000000));
-    EXPECT_EQ(fake::log_settings("cnthb"), std::make_pair(4, 1000000));
+    EXPECT_EQ(fake::log_settings("cnthb"), std::make_pair(2, 5000));
     hblog(1, 8, "a.cpp", 11, "fa", "to lan");
     hblog(2, 2, "b.cpp", 22, "fb", "to cnt");
     hblog(3, 4, "c.cpp", 33, "fc", "to both");
@@ -35,7 +37,10 @@ TEST_F(Hblog, OpensLogsWithTheirSettingsAndRoutesByModule)
     logterm(), fake::reset();
     HBLOG(3, 1, "before loginit");
     fake::fail_on("log_init", "lanhb", 1);
+    fake::set_key("/root/cnthb/log/level", "2");
+    fake::fail_on("xmllib_load_policy", "cnthb", 3); // no policy: defaults
     loginit();
+    EXPECT_EQ(fake::log_settings("cnthb"), std::make_pair(4, 1000000));
     HBLOG(3, 4, "both");
     HBLOG(1, 1, "lan only");
     logterm();

@@ -13,11 +13,13 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "daemon/daemon.h"
 #include "fake/fake_platform.h"
 #include "frame/frame.h"
+#include "unit/lanhb/lanhb_test.h"
 
 namespace {
 
@@ -128,6 +130,67 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
         c.script();
         EXPECT_EXIT(run_main(c), ::testing::ExitedWithCode(c.status), "");
         EXPECT_EQ(took_usr1(), c.parent_told);
+    }
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+}
+
+// A whole run on a one-node cluster, stopped by SIGUSR1 once every thread
+// has started: the down notices go out exactly when the cluster wants them.
+[[noreturn]] void run_and_stop(bool down)
+{
+    std::thread stopper([] {
+        sigset_t usr;
+        sigemptyset(&usr);
+        sigaddset(&usr, SIGUSR1);
+        sigaddset(&usr, SIGUSR2);
+        pthread_sigmask(SIG_BLOCK, &usr, nullptr); // for the daemon's signal thread
+        while (fake::count_log("cnthb", "cnthb_bwatchth:") == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        kill(getpid(), SIGUSR1);
+    });
+    const int status = zemlanhb_main();
+    stopper.join();
+    const char *word = down ? "YES" : "NO";
+    Texts releases;
+    for (const auto &call : fake::calls())
+        if (call.op.find("_detach") != std::string::npos || call.op.find("_term") != std::string::npos)
+            releases.push_back(call.op);
+    const bool ok = fake::has_log("lanhb", std::string("send downpacket : ") + word) &&
+                    fake::has_log("cnthb", std::string("write downpacket : ") + word) &&
+                    fake::has_log("lanhb", "pthread_join(recv) success(ret:0,canceled)") &&
+                    fake::has_log("lanhb", "pthread_join(lanhb_dpsend) success(ret:0,thret:0)") == down &&
+                    fake::has_log("cnthb", "pthread_join(cnthb_dpwrite) success(ret:0,thret:0)") == down &&
+                    (fake::slot(0).substr(0, 6) == "hbdown") == down &&
+                    fake::texts("lanhb").back() == "lanhb shutting down" &&
+                    releases == Texts{"shmnm_detach", "shmcm_detach", "sem_detach", "xmllib_term",
+                                      "zemstorage_term", "log_term"};
+    if (!ok)
+        for (const auto &log : {"lanhb", "cnthb"})
+            for (const auto &text : fake::texts(log))
+                std::fprintf(stderr, "%s: %s\n", log, text.c_str());
+    _exit(ok ? status : 99);
+}
+
+TEST(MainLine, RunsUntilSigusr1AndSendsDownNoticesWhenAsked)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    sigset_t usr1, saved;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, &saved); // the daemon tells its parent
+    for (bool down : {true, false}) {
+        SCOPED_TRACE(down);
+        fake::reset();
+        fake::add_node("node1", 1);
+        fake::add_rsc("lanhb", "lan1", 10);
+        fake::add_rsc("cnthb", "cnt1", 11);
+        fake::set_key("/root/heartbeat/lanhb@lan1/device", "0");
+        fake::set_key("/root/server@node1/device@0/info", "127.0.0.1");
+        fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(lanhbtest::freeport()));
+        fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
+        fake::set_downnotify(down ? 0 : 1);
+        EXPECT_EXIT(run_and_stop(down), ::testing::ExitedWithCode(0), "");
+        took_usr1();
     }
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
 }
