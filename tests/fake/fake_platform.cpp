@@ -1,7 +1,6 @@
 #include "fake/fake_platform.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -34,7 +33,6 @@ struct State {
 
     std::map<std::string, std::string> keys;
     std::string hostname = "node1";
-    bool inited = false;
     bool config = false;
     std::multiset<std::string> policies;
 
@@ -50,7 +48,7 @@ struct State {
         int32_t pri;
     };
     std::vector<Rsc> rscs;
-    std::map<std::string, int32_t> svstats; // "kind/rsc/nodeid"
+    std::map<std::string, int32_t> svstats;  // "kind/rsc/nodeid"
     std::map<std::string, int32_t> rscstats; // "kind/rsc"
     int32_t waitstat = 0;
     int32_t nonvol = -1;
@@ -102,14 +100,27 @@ int32_t enter(const std::string &op, const std::string &subject, const std::stri
     return 0;
 }
 
+// One operation under the lock: the call recorded, its scripted failure
+// answered, otherwise `body` run for the result.
+template <class F> int32_t op(const std::string &name, const std::string &subject, const std::string &args, F body)
+{
+    std::lock_guard lk(mtx);
+    if (int32_t rc = enter(name, subject, args))
+        return rc;
+    return body();
+}
+int32_t done() { return 0; }
+template <class F> auto locked(F body)
+{
+    std::lock_guard lk(mtx);
+    return body();
+}
+
 std::string join(std::initializer_list<std::string> parts)
 {
     std::string out;
-    for (const auto &p : parts) {
-        if (!out.empty())
-            out += ',';
-        out += p;
-    }
+    for (const auto &p : parts)
+        out += (out.empty() ? "" : ",") + p;
     return out;
 }
 
@@ -120,15 +131,7 @@ std::string svkey(const std::string &kind, const std::string &rsc, int32_t nodei
     return kind + "/" + rsc + "/" + std::to_string(nodeid);
 }
 
-const State::Node *find_node(const char *name)
-{
-    for (const auto &n : st.nodes)
-        if (name && n.name == name)
-            return &n;
-    return nullptr;
-}
-
-State::Node *find_node_mut(const std::string &name)
+State::Node *find_node(const std::string &name)
 {
     for (auto &n : st.nodes)
         if (n.name == name)
@@ -142,13 +145,9 @@ int32_t enumerate(const std::vector<std::string> &names, char *buf, int32_t *siz
     if (size == nullptr)
         return 22;
     std::string msz;
-    for (const auto &n : names) {
-        msz += n;
-        msz += '\0';
-    }
-    msz += '\0';
-    if (names.empty())
-        msz += '\0';
+    for (const auto &n : names)
+        msz += n + '\0';
+    msz += names.empty() ? std::string(2, '\0') : std::string(1, '\0');
     if (buf == nullptr) {
         *size = names.empty() ? 0 : static_cast<int32_t>(msz.size());
         return 0;
@@ -159,6 +158,8 @@ int32_t enumerate(const std::vector<std::string> &names, char *buf, int32_t *siz
     return 0;
 }
 
+// Integer keys as the configuration library reads them: the whole text, in
+// range, decimal or with a 0x/0 prefix.
 bool parse_int(const std::string &text, int32_t *out)
 {
     if (text.empty())
@@ -172,6 +173,14 @@ bool parse_int(const std::string &text, int32_t *out)
     return true;
 }
 
+// A node's field, or 2 for a node the node manager does not know.
+template <class F> int32_t nodeop(const char *name, const char *node, int32_t *out, F field)
+{
+    return op(name, str(node), str(node), [&] {
+        const auto *n = find_node(str(node));
+        return n == nullptr ? 2 : (*out = field(*n), 0);
+    });
+}
 struct ResetListener : ::testing::EmptyTestEventListener {
     void OnTestStart(const ::testing::TestInfo &) override { fake::reset(); }
 };
@@ -186,135 +195,61 @@ const bool registered = [] {
 
 namespace fake {
 
-void reset()
-{
-    std::lock_guard lk(mtx);
-    st = State{};
-}
-
-void fail(const std::string &op, int32_t code, int times)
-{
-    std::lock_guard lk(mtx);
-    st.fails[op] = {code, times};
-}
-
+void reset() { locked([&] { st = State{}; }); }
+void fail(const std::string &op, int32_t code, int times) { locked([&] { st.fails[op] = {code, times}; }); }
 void fail_on(const std::string &op, const std::string &subject, int32_t code, int times)
 {
     std::lock_guard lk(mtx);
     st.fails_on[{op, subject}] = {code, times};
 }
 
-void set_key(const std::string &key, const std::string &value)
-{
-    std::lock_guard lk(mtx);
-    st.keys[key] = value;
-}
+void set_key(const std::string &key, const std::string &value) { locked([&] { st.keys[key] = value; }); }
+void erase_key(const std::string &key) { locked([&] { st.keys.erase(key); }); }
+void set_hostname(const std::string &name) { locked([&] { st.hostname = name; }); }
+bool config_loaded() { return locked([&] { return st.config; }); }
+std::vector<std::string> loaded_policies() { return locked([&] { return std::vector(st.policies.begin(), st.policies.end()); }); }
 
-void erase_key(const std::string &key)
-{
-    std::lock_guard lk(mtx);
-    st.keys.erase(key);
-}
-
-void set_hostname(const std::string &name)
-{
-    std::lock_guard lk(mtx);
-    st.hostname = name;
-}
-
-bool config_loaded()
-{
-    std::lock_guard lk(mtx);
-    return st.config;
-}
-
-std::vector<std::string> loaded_policies()
-{
-    std::lock_guard lk(mtx);
-    return {st.policies.begin(), st.policies.end()};
-}
-
-void add_node(const std::string &name, int32_t pri)
-{
-    std::lock_guard lk(mtx);
-    st.nodes.push_back({name, pri});
-}
-
+void add_node(const std::string &name, int32_t pri) { locked([&] { st.nodes.push_back({name, pri}); }); }
 void set_hdstat(const std::string &node, int32_t hdstat)
 {
     std::lock_guard lk(mtx);
-    if (auto *n = find_node_mut(node))
+    if (auto *n = find_node(node))
         n->hdstat = hdstat;
 }
-
 void set_nodestat(const std::string &node, int32_t stat)
 {
     std::lock_guard lk(mtx);
-    if (auto *n = find_node_mut(node))
+    if (auto *n = find_node(node))
         n->nodestat = stat;
 }
-
 void add_rsc(const std::string &kind, const std::string &name, int32_t pri)
 {
     std::lock_guard lk(mtx);
     st.rscs.push_back({kind, name, pri});
 }
-
 int32_t svstat(const std::string &kind, const std::string &rsc, int32_t nodeid)
 {
     std::lock_guard lk(mtx);
     auto it = st.svstats.find(svkey(kind, rsc, nodeid));
     return it == st.svstats.end() ? SHMNM_SVSTAT_UNKNOWN : it->second;
 }
-
 void set_svstat(const std::string &kind, const std::string &rsc, int32_t nodeid, int32_t stat)
 {
     std::lock_guard lk(mtx);
     st.svstats[svkey(kind, rsc, nodeid)] = stat;
 }
-
 int32_t rscstat(const std::string &kind, const std::string &rsc)
 {
     std::lock_guard lk(mtx);
     auto it = st.rscstats.find(kind + "/" + rsc);
     return it == st.rscstats.end() ? -1 : it->second;
 }
-
-void set_waitstat(int32_t stat)
-{
-    std::lock_guard lk(mtx);
-    st.waitstat = stat;
-}
-
-int32_t nonvolstat()
-{
-    std::lock_guard lk(mtx);
-    return st.nonvol;
-}
-
-void set_action(int32_t action)
-{
-    std::lock_guard lk(mtx);
-    st.action = action;
-}
-
-void set_ratio(int32_t ratio)
-{
-    std::lock_guard lk(mtx);
-    st.ratio = ratio;
-}
-
-void set_downnotify(int32_t ret)
-{
-    std::lock_guard lk(mtx);
-    st.downnotify = ret;
-}
-
-int statchange_count()
-{
-    std::lock_guard lk(mtx);
-    return st.statchanges;
-}
+void set_waitstat(int32_t stat) { locked([&] { st.waitstat = stat; }); }
+int32_t nonvolstat() { return locked([&] { return st.nonvol; }); }
+void set_action(int32_t action) { locked([&] { st.action = action; }); }
+void set_ratio(int32_t ratio) { locked([&] { st.ratio = ratio; }); }
+void set_downnotify(int32_t ret) { locked([&] { st.downnotify = ret; }); }
+int statchange_count() { return locked([&] { return st.statchanges; }); }
 
 std::string slot(int index)
 {
@@ -324,33 +259,20 @@ std::string slot(int index)
     return std::string(reinterpret_cast<const char *>(st.area.data()) + index * ZEMFW_HBINF_SIZE,
                        ZEMFW_HBINF_SIZE);
 }
-
 void set_slot(int index, const void *rec)
 {
     std::lock_guard lk(mtx);
     if (index >= 0 && index < ZEMFW_HBSLOTS)
         std::memcpy(st.area.data() + index * ZEMFW_HBINF_SIZE, rec, ZEMFW_HBINF_SIZE);
 }
-
-void on_gethbinf(GetHook hook)
-{
-    std::lock_guard lk(mtx);
-    st.gethook = std::move(hook);
-}
-
-void on_sethbinf(SetHook hook)
-{
-    std::lock_guard lk(mtx);
-    st.sethook = std::move(hook);
-}
-
+void on_gethbinf(GetHook hook) { locked([&] { st.gethook = std::move(hook); }); }
+void on_sethbinf(SetHook hook) { locked([&] { st.sethook = std::move(hook); }); }
 int32_t default_gethbinf(void *hbinf)
 {
     std::lock_guard lk(mtx);
     std::memcpy(hbinf, st.area.data(), st.area.size());
     return 0;
 }
-
 int32_t default_sethbinf(uint8_t cntno, const void *hbinf)
 {
     std::lock_guard lk(mtx);
@@ -360,53 +282,21 @@ int32_t default_sethbinf(uint8_t cntno, const void *hbinf)
     return 0;
 }
 
-void Gate::wait()
-{
-    ++entered_;
-    ++waiting_;
-    // Decrement on every way out, cancellation unwinding included.
-    struct Leave {
-        std::atomic<int> &n;
-        ~Leave() { --n; }
-    } leave{waiting_};
-    while (!opened_)
-        usleep(1000);
-}
-
-std::vector<Call> calls()
-{
-    std::lock_guard lk(mtx);
-    return st.calls;
-}
-
+std::vector<Call> calls() { return locked([&] { return st.calls; }); }
 int count(const std::string &op)
 {
     std::lock_guard lk(mtx);
     return static_cast<int>(std::count_if(st.calls.begin(), st.calls.end(), [&](const Call &c) { return c.op == op; }));
 }
+void clear_calls() { locked([&] { st.calls.clear(); }); }
 
-void clear_calls()
-{
-    std::lock_guard lk(mtx);
-    st.calls.clear();
-}
-
-std::vector<LogRecord> logs()
-{
-    std::lock_guard lk(mtx);
-    return st.logs;
-}
-
+std::vector<LogRecord> logs() { return locked([&] { return st.logs; }); }
 std::vector<LogRecord> logs_of(const std::string &log)
 {
-    std::lock_guard lk(mtx);
-    std::vector<LogRecord> out;
-    for (const auto &r : st.logs)
-        if (r.log == log)
-            out.push_back(r);
+    std::vector<LogRecord> out = logs();
+    std::erase_if(out, [&](const LogRecord &r) { return r.log != log; });
     return out;
 }
-
 std::vector<std::string> texts(const std::string &log)
 {
     std::vector<std::string> out;
@@ -415,22 +305,13 @@ std::vector<std::string> texts(const std::string &log)
             out.push_back(r.text);
     return out;
 }
-
-bool has_log(const std::string &log, const std::string &text)
-{
-    auto t = texts(log);
-    return std::find(t.begin(), t.end(), text) != t.end();
-}
-
+bool has_log(const std::string &log, const std::string &text) { return std::ranges::count(texts(log), text) != 0; }
 int count_log(const std::string &log, const std::string &substring)
 {
-    int n = 0;
-    for (const auto &r : logs_of(log))
-        if (r.text.find(substring) != std::string::npos)
-            ++n;
-    return n;
+    const auto all = logs_of(log);
+    return static_cast<int>(
+        std::count_if(all.begin(), all.end(), [&](const LogRecord &r) { return r.text.find(substring) != std::string::npos; }));
 }
-
 std::optional<LogRecord> find_log(const std::string &log, const std::string &substring)
 {
     for (const auto &r : logs_of(log))
@@ -438,7 +319,6 @@ std::optional<LogRecord> find_log(const std::string &log, const std::string &sub
             return r;
     return std::nullopt;
 }
-
 std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log)
 {
     std::lock_guard lk(mtx);
@@ -452,331 +332,185 @@ std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log)
 
 // ---- the services operations -------------------------------------------------
 
-using fake::Call;
-
 extern "C" {
 
-int32_t shmnm_attach(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("shmnm_attach", "", "");
-}
-
-int32_t shmnm_detach(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("shmnm_detach", "", "");
-}
+int32_t shmnm_attach(void) { return op("shmnm_attach", "", "", done); }
+int32_t shmnm_detach(void) { return op("shmnm_detach", "", "", done); }
+int32_t shmcm_attach(void) { return op("shmcm_attach", "", "", done); }
+int32_t shmcm_detach(void) { return op("shmcm_detach", "", "", done); }
+int32_t sem_attach(void) { return op("sem_attach", "", "", done); }
+int32_t sem_detach(void) { return op("sem_detach", "", "", done); }
+int32_t xmllib_term(void) { return op("xmllib_term", "", "", done); }
+int32_t zemstorage_term(void) { return op("zemstorage_term", "", "", done); }
 
 int32_t shmnm_getwaitstat(int32_t *waitstat)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_getwaitstat", "", ""))
-        return rc;
-    *waitstat = st.waitstat;
-    return 0;
+    return op("shmnm_getwaitstat", "", "", [&] { return *waitstat = st.waitstat, 0; });
 }
 
 int32_t shmnm_enumrsc(const char *kind, char *buf, int32_t *size)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_enumrsc", str(kind), join({str(kind), buf ? "buf" : "null"})))
-        return rc;
-    std::vector<std::string> names;
-    for (const auto &r : st.rscs)
-        if (kind && r.kind == kind)
-            names.push_back(r.name);
-    return enumerate(names, buf, size);
+    return op("shmnm_enumrsc", str(kind), join({str(kind), buf ? "buf" : "null"}), [&] {
+        std::vector<std::string> names;
+        for (const auto &r : st.rscs)
+            if (r.kind == str(kind))
+                names.push_back(r.name);
+        return enumerate(names, buf, size);
+    });
 }
 
 int32_t shmnm_enumnode(char *buf, int32_t *size)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_enumnode", "", buf ? "buf" : "null"))
-        return rc;
-    std::vector<std::string> names;
-    for (const auto &n : st.nodes)
-        names.push_back(n.name);
-    return enumerate(names, buf, size);
+    return op("shmnm_enumnode", "", buf ? "buf" : "null", [&] {
+        std::vector<std::string> names;
+        for (const auto &n : st.nodes)
+            names.push_back(n.name);
+        return enumerate(names, buf, size);
+    });
 }
 
 int32_t shmnm_getnodepri(const char *node, int32_t *pri)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_getnodepri", str(node), str(node)))
-        return rc;
-    const auto *n = find_node(node);
-    if (n == nullptr)
-        return 2;
-    *pri = n->pri;
-    return 0;
+    return nodeop("shmnm_getnodepri", node, pri, [](const State::Node &n) { return n.pri; });
 }
-
 int32_t shmnm_getnodestat(const char *node, int32_t *stat)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_getnodestat", str(node), str(node)))
-        return rc;
-    const auto *n = find_node(node);
-    if (n == nullptr)
-        return 2;
-    *stat = n->nodestat;
-    return 0;
+    return nodeop("shmnm_getnodestat", node, stat, [](const State::Node &n) { return n.nodestat; });
+}
+int32_t shmnm_gethdstat(const char *node, int32_t *hdstat)
+{
+    return nodeop("shmnm_gethdstat", node, hdstat, [](const State::Node &n) { return n.hdstat; });
 }
 
 int32_t shmnm_getrscpri(const char *kind, const char *rsc, int32_t *pri)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_getrscpri", str(rsc), join({str(kind), str(rsc)})))
-        return rc;
-    for (const auto &r : st.rscs)
-        if (kind && rsc && r.kind == kind && r.name == rsc) {
-            *pri = r.pri;
-            return 0;
-        }
-    return 2;
+    return op("shmnm_getrscpri", str(rsc), join({str(kind), str(rsc)}), [&] {
+        for (const auto &r : st.rscs)
+            if (r.kind == str(kind) && r.name == str(rsc))
+                return *pri = r.pri, 0;
+        return 2;
+    });
 }
 
 int32_t shmnm_getrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t *stat)
 {
-    std::lock_guard lk(mtx);
-    std::string subject = str(rsc) + "/" + std::to_string(nodeid);
-    if (int32_t rc = enter("shmnm_getrscsvstat", subject, join({str(kind), str(rsc), std::to_string(nodeid)})))
-        return rc;
-    auto it = st.svstats.find(svkey(str(kind), str(rsc), nodeid));
-    *stat = it == st.svstats.end() ? SHMNM_SVSTAT_UNKNOWN : it->second;
-    return 0;
+    const std::string id = std::to_string(nodeid);
+    return op("shmnm_getrscsvstat", str(rsc) + "/" + id, join({str(kind), str(rsc), id}), [&] {
+        auto it = st.svstats.find(svkey(str(kind), str(rsc), nodeid));
+        return *stat = it == st.svstats.end() ? SHMNM_SVSTAT_UNKNOWN : it->second, 0;
+    });
 }
 
 int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t stat)
 {
-    std::lock_guard lk(mtx);
-    std::string subject = str(rsc) + "/" + std::to_string(nodeid);
-    if (int32_t rc = enter("shmnm_setrscsvstat", subject,
-                           join({str(kind), str(rsc), std::to_string(nodeid), std::to_string(stat)})))
-        return rc;
-    st.svstats[svkey(str(kind), str(rsc), nodeid)] = stat;
-    return 0;
+    const std::string id = std::to_string(nodeid);
+    return op("shmnm_setrscsvstat", str(rsc) + "/" + id, join({str(kind), str(rsc), id, std::to_string(stat)}),
+              [&] { return st.svstats[svkey(str(kind), str(rsc), nodeid)] = stat, 0; });
 }
 
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_setrscstat", str(rsc), join({str(kind), str(rsc), std::to_string(stat)})))
-        return rc;
-    st.rscstats[str(kind) + "/" + str(rsc)] = stat;
-    return 0;
-}
-
-int32_t shmnm_gethdstat(const char *node, int32_t *hdstat)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_gethdstat", str(node), str(node)))
-        return rc;
-    const auto *n = find_node(node);
-    if (n == nullptr)
-        return 2;
-    *hdstat = n->hdstat;
-    return 0;
+    return op("shmnm_setrscstat", str(rsc), join({str(kind), str(rsc), std::to_string(stat)}),
+              [&] { return st.rscstats[str(kind) + "/" + str(rsc)] = stat, 0; });
 }
 
 int32_t shmnm_setnonvolstat(int32_t stat)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmnm_setnonvolstat", "", std::to_string(stat)))
-        return rc;
-    st.nonvol = stat;
-    return 0;
+    return op("shmnm_setnonvolstat", "", std::to_string(stat), [&] { return st.nonvol = stat, 0; });
 }
 
-int32_t shmcm_attach(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("shmcm_attach", "", "");
-}
-
-int32_t shmcm_detach(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("shmcm_detach", "", "");
-}
-
-static void copy_text(char *dst, const std::string &src)
+static int32_t copy_text(char *dst, const std::string &src)
 {
     std::memset(dst, 0, SHMCM_TEXT_SIZE);
     std::memcpy(dst, src.data(), std::min<size_t>(src.size(), SHMCM_TEXT_SIZE - 1));
-}
-
-int32_t shmcm_getedition(char *edition)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmcm_getedition", "", ""))
-        return rc;
-    copy_text(edition, st.edition);
     return 0;
 }
-
-int32_t shmcm_getversion(char *version)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmcm_getversion", "", ""))
-        return rc;
-    copy_text(version, st.version);
-    return 0;
-}
+int32_t shmcm_getedition(char *edition) { return op("shmcm_getedition", "", "", [&] { return copy_text(edition, st.edition); }); }
+int32_t shmcm_getversion(char *version) { return op("shmcm_getversion", "", "", [&] { return copy_text(version, st.version); }); }
 
 int32_t shmcm_getaction(int32_t *action, void *actinfo, void *)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmcm_getaction", "", ""))
-        return rc;
-    *action = st.action;
-    if (actinfo)
-        std::memset(actinfo, 0xA5, SHMCM_ACTINFO_SIZE); // the daemon must not rely on it
-    return 0;
+    return op("shmcm_getaction", "", "", [&] {
+        *action = st.action;
+        if (actinfo)
+            std::memset(actinfo, 0xA5, SHMCM_ACTINFO_SIZE); // the daemon must not rely on it
+        return 0;
+    });
 }
 
 int32_t shmcm_getratio(int32_t *ratio, int32_t *second)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("shmcm_getratio", "", ""))
-        return rc;
-    *ratio = st.ratio;
-    if (second)
-        *second = 0;
-    return 0;
+    return op("shmcm_getratio", "", "", [&] {
+        *ratio = st.ratio;
+        if (second)
+            *second = 0;
+        return 0;
+    });
 }
 
-int32_t sem_attach(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("sem_attach", "", "");
-}
-
-int32_t sem_detach(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("sem_detach", "", "");
-}
-
-int32_t sem_set_statchange(void)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("sem_set_statchange", "", ""))
-        return rc;
-    ++st.statchanges;
-    return 0;
-}
-
+int32_t sem_set_statchange(void) { return op("sem_set_statchange", "", "", [] { return ++st.statchanges, 0; }); }
 int32_t sem_wait_downnotify(int32_t flag)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("sem_wait_downnotify", "", std::to_string(flag)))
-        return rc;
-    return st.downnotify;
+    return op("sem_wait_downnotify", "", std::to_string(flag), [] { return st.downnotify; });
 }
 
-int32_t xmllib_init(const char *module)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_init", str(module), str(module)))
-        return rc;
-    st.inited = true;
-    return 0;
-}
-
-int32_t xmllib_term(void)
-{
-    std::lock_guard lk(mtx);
-    st.inited = false;
-    return enter("xmllib_term", "", "");
-}
-
-int32_t xmllib_load_config(void)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_load_config", "", ""))
-        return rc;
-    st.config = true;
-    return 0;
-}
-
-int32_t xmllib_unload_config(void)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_unload_config", "", ""))
-        return rc;
-    st.config = false;
-    return 0;
-}
-
+int32_t xmllib_init(const char *module) { return op("xmllib_init", str(module), str(module), done); }
+int32_t xmllib_load_config(void) { return op("xmllib_load_config", "", "", [] { return st.config = true, 0; }); }
+int32_t xmllib_unload_config(void) { return op("xmllib_unload_config", "", "", [] { return st.config = false, 0; }); }
 int32_t xmllib_load_policy(const char *policy)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_load_policy", str(policy), str(policy)))
-        return rc;
-    st.policies.insert(str(policy));
-    return 0;
+    return op("xmllib_load_policy", str(policy), str(policy), [&] { return st.policies.insert(str(policy)), 0; });
 }
-
 int32_t xmllib_unload_policy(const char *policy)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_unload_policy", str(policy), str(policy)))
-        return rc;
-    if (auto it = st.policies.find(str(policy)); it != st.policies.end())
-        st.policies.erase(it);
-    return 0;
+    return op("xmllib_unload_policy", str(policy), str(policy), [&] {
+        if (auto it = st.policies.find(str(policy)); it != st.policies.end())
+            st.policies.erase(it);
+        return 0;
+    });
 }
 
 int32_t xmllib_get_value(const char *key, int32_t kind, void *value, int32_t *len)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_get_value", str(key),
-                           join({str(key), std::to_string(kind), std::to_string(len ? *len : -1)})))
-        return rc;
-    auto it = key ? st.keys.find(key) : st.keys.end();
-    if (it == st.keys.end() || value == nullptr || len == nullptr)
-        return 2;
-    if (kind == XMLLIB_KIND_INT) {
-        int32_t v = 0;
-        if (*len != 4 || !parse_int(it->second, &v))
-            return 3;
-        std::memcpy(value, &v, sizeof v);
-        return 0;
-    }
-    if (kind == XMLLIB_KIND_TEXT) {
-        if (static_cast<int32_t>(it->second.size()) + 1 > *len)
-            return 4;
-        std::memcpy(value, it->second.c_str(), it->second.size() + 1);
-        *len = static_cast<int32_t>(it->second.size());
-        return 0;
-    }
-    return 5;
+    return op("xmllib_get_value", str(key), join({str(key), std::to_string(kind), std::to_string(len ? *len : -1)}),
+              [&] {
+                  auto it = st.keys.find(str(key));
+                  if (it == st.keys.end() || value == nullptr || len == nullptr)
+                      return 2;
+                  if (kind == XMLLIB_KIND_INT) {
+                      int32_t v = 0;
+                      if (*len != 4 || !parse_int(it->second, &v))
+                          return 3;
+                      return std::memcpy(value, &v, sizeof v), 0;
+                  }
+                  if (kind != XMLLIB_KIND_TEXT)
+                      return 5;
+                  if (static_cast<int32_t>(it->second.size()) + 1 > *len)
+                      return 4;
+                  std::memcpy(value, it->second.c_str(), it->second.size() + 1);
+                  return *len = static_cast<int32_t>(it->second.size()), 0;
+              });
 }
 
 int32_t xmllib_gethostname(char *buf, int32_t size)
 {
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("xmllib_gethostname", "", std::to_string(size)))
-        return rc;
-    if (static_cast<int32_t>(st.hostname.size()) + 1 > size)
-        return 4;
-    std::memcpy(buf, st.hostname.c_str(), st.hostname.size() + 1);
-    return 0;
+    return op("xmllib_gethostname", "", std::to_string(size), [&] {
+        if (static_cast<int32_t>(st.hostname.size()) + 1 > size)
+            return 4;
+        return std::memcpy(buf, st.hostname.c_str(), st.hostname.size() + 1), 0;
+    });
 }
 
 int32_t log_init(const char *name, log_hdl **handle, int32_t level, int32_t size, void *)
 {
-    std::lock_guard lk(mtx);
-    std::string n = str(name);
-    if (int32_t rc = enter("log_init", n, join({n, std::to_string(level), std::to_string(size)})))
-        return rc;
-    Log &obj = log_objects()[n];
-    obj = {n, level, size};
-    st.handles[n] = &obj;
-    *handle = reinterpret_cast<log_hdl *>(&obj);
-    return 0;
+    const std::string n = str(name);
+    return op("log_init", n, join({n, std::to_string(level), std::to_string(size)}), [&] {
+        Log &obj = log_objects()[n];
+        obj = {n, level, size};
+        st.handles[n] = &obj;
+        *handle = reinterpret_cast<log_hdl *>(&obj);
+        return 0;
+    });
 }
 
 int32_t log_write(log_hdl *handle, int32_t level, int32_t msgno, const char *file, int32_t line, const char *func,
@@ -784,11 +518,8 @@ int32_t log_write(log_hdl *handle, int32_t level, int32_t msgno, const char *fil
 {
     fake::LogRecord rec;
     rec.log = handle ? reinterpret_cast<Log *>(handle)->name : "(null)";
-    rec.level = level;
-    rec.msgno = msgno;
-    rec.file = str(file);
-    rec.line = line;
-    rec.func = str(func);
+    rec.level = level, rec.msgno = msgno, rec.line = line;
+    rec.file = str(file), rec.func = str(func);
     if (level == LOG_LEVEL_CATALOG) {
         va_list ap;
         va_start(ap, format);
@@ -813,46 +544,25 @@ int32_t log_write(log_hdl *handle, int32_t level, int32_t msgno, const char *fil
 
 int32_t log_term(log_hdl *handle)
 {
-    std::lock_guard lk(mtx);
-    return enter("log_term", "", handle ? reinterpret_cast<Log *>(handle)->name : "(null)");
+    return op("log_term", "", handle ? reinterpret_cast<Log *>(handle)->name : "(null)", done);
 }
 
-int32_t zemstorage_init(uint8_t *cntno)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter("zemstorage_init", "", ""))
-        return rc;
-    *cntno = st.cntno;
-    return 0;
-}
+int32_t zemstorage_init(uint8_t *cntno) { return op("zemstorage_init", "", "", [&] { return *cntno = st.cntno, 0; }); }
 
-int32_t zemstorage_term(void)
-{
-    std::lock_guard lk(mtx);
-    return enter("zemstorage_term", "", "");
-}
-
+// The hooks run without the lock, so that one may block.
 int32_t zemfw_gethbinf(void *hbinf)
 {
     fake::GetHook hook;
-    {
-        std::lock_guard lk(mtx);
-        if (int32_t rc = enter("zemfw_gethbinf", "", ""))
-            return rc;
-        hook = st.gethook;
-    }
+    if (int32_t rc = op("zemfw_gethbinf", "", "", [&] { return hook = st.gethook, 0; }))
+        return rc;
     return hook ? hook(hbinf) : fake::default_gethbinf(hbinf);
 }
 
 int32_t zemfw_sethbinf(uint8_t cntno, const void *hbinf)
 {
     fake::SetHook hook;
-    {
-        std::lock_guard lk(mtx);
-        if (int32_t rc = enter("zemfw_sethbinf", "", std::to_string(cntno)))
-            return rc;
-        hook = st.sethook;
-    }
+    if (int32_t rc = op("zemfw_sethbinf", "", std::to_string(cntno), [&] { return hook = st.sethook, 0; }))
+        return rc;
     return hook ? hook(cntno, hbinf) : fake::default_sethbinf(cntno, hbinf);
 }
 

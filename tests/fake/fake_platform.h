@@ -94,22 +94,6 @@ void on_sethbinf(SetHook hook);
 int32_t default_gethbinf(void *hbinf);
 int32_t default_sethbinf(uint8_t cntno, const void *hbinf);
 
-// A gate a hook can wait at until the test opens it. wait() sleeps in short
-// steps with no lock held, so a thread cancelled while waiting unwinds
-// cleanly (the sleep is a cancellation point).
-class Gate {
-public:
-    void wait();
-    void open() { opened_ = true; }
-    int waiting() const { return waiting_; } // threads inside wait() now
-    int entered() const { return entered_; } // threads that ever entered
-
-private:
-    std::atomic<bool> opened_{false};
-    std::atomic<int> waiting_{0};
-    std::atomic<int> entered_{0};
-};
-
 // ---- call record ----------------------------------------------------------------
 std::vector<Call> calls();
 int count(const std::string &op);
