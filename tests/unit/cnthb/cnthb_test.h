@@ -5,27 +5,19 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <functional>
-#include <thread>
 
 #include "cnthb/cnthb.h"
-#include "fake/fake_platform.h"
-#include "frame/frame.h"
-#include "frame/thread.h"
+#include "unit/unit.h"
 
 namespace cnthbtest {
+
+using namespace unit;
 
 struct listfree {
     void operator()(cnthb_list *list) const { cnthb_freelist(list); }
 };
 using list_ptr = std::unique_ptr<cnthb_list, listfree>;
-
-// The clock the tests drive through hbtick_source.
-inline std::atomic<hbtick_t> now{1000};
-inline hbtick_t fakenow() { return now.load(); }
 
 struct CntTest : ::testing::Test {
     void SetUp() override
@@ -67,44 +59,6 @@ inline int cntcount(const std::string &text) { return fake::count_log(HB_KIND_CN
 inline int32_t nodestat(cnthb_node *node) { return std::atomic_ref<int32_t>(node->stat).load(); }
 inline int32_t svstat(const char *rsc, int32_t id) { return fake::svstat(HB_KIND_CNTHB, rsc, id); }
 
-inline bool waitfor(const std::function<bool()> &cond)
-{
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!cond() && std::chrono::steady_clock::now() < until)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return cond();
-}
-
-// A controller call that hangs until opened. Cancellation is taken only at
-// pthread_testcancel: inside the sleep, ThreadSanitizer would lose track.
-struct Hang {
-    std::atomic<bool> opened{false};
-    std::atomic<int> waiting{0}, entered{0};
-    void wait()
-    {
-        ++entered;
-        ++waiting;
-        struct Leave {
-            std::atomic<int> &n;
-            ~Leave() { --n; }
-        } leave{waiting};
-        while (!opened) {
-            hbth_cancelpoint();
-            int old = 0;
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            pthread_setcancelstate(old, &old);
-        }
-    }
-};
-
-inline pthread_t start(void *(*body)(void *), cnthb_list *list)
-{
-    pthread_t th = 0;
-    EXPECT_EQ(pthread_create(&th, nullptr, body, list), 0);
-    return th;
-}
-
 // Stops a poller as the stop routine does; without the flag only this
 // thread ends and the others go on.
 inline void stop(pthread_t th, bool flag = true)
@@ -112,7 +66,7 @@ inline void stop(pthread_t th, bool flag = true)
     if (flag)
         bsigrecv = 1;
     pthread_cancel(th);
-    EXPECT_EQ(pthread_join(th, nullptr), 0);
+    exitvalue(th);
 }
 
 inline cnthb_hbinf record(const char *tag, const char *stamp)

@@ -96,22 +96,4 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
     EXPECT_EQ(skipped, 5);
 }
 
-TEST_F(ExitTest, DownPacketTakesSenderOfflineAtOnce)
-{
-    list = looplist(nullptr, &port);
-    fake::set_svstat(HB_KIND_LANHB, "lan1", 1, SHMNM_SVSTAT_ONLINE);
-    lanhb_node *own = lanhb_getnode(list.get(), 0, 0);
-    hbst(own->stat, SHMNM_SVSTAT_ONLINE);
-    hbst(own->lastrecv, hbtick_now());
-    const pthread_t recv = start(lanhb_hbrecv, list.get()); // no time-out check: lanhb_bwatchth is 1
-    ASSERT_TRUE(recvready());
-    list->dpretry = 2;
-    EXPECT_EQ(join(start(lanhb_dpsend, list.get())), "0");
-    EXPECT_TRUE(waitfor([] { return fake::svstat(HB_KIND_LANHB, "lan1", 1) == SHMNM_SVSTAT_OFFLINE; }));
-    bsigrecv = 1;
-    EXPECT_EQ(join(recv), "0");
-    EXPECT_EQ(lancount("DOWNPACKET recv(lan1,node1(1))"), 1);
-    EXPECT_EQ(hbld(own->stat), SHMNM_SVSTAT_OFFLINE);
-}
-
 } // namespace

@@ -6,22 +6,17 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "fake/fake_platform.h"
-#include "frame/frame.h"
 #include "lanhb/lanhb.h"
+#include "unit/unit.h"
 
 namespace lanhbtest {
 
-using list_ptr = std::unique_ptr<lanhb_list, void (*)(lanhb_list *)>;
+using namespace unit;
 
-inline std::atomic<hbtick_t> now{1000};
-inline hbtick_t fakenow() { return now.load(); }
+using list_ptr = std::unique_ptr<lanhb_list, void (*)(lanhb_list *)>;
 
 struct LanTest : ::testing::Test {
     void SetUp() override { tckconf = 100, loginit(); }
@@ -88,26 +83,11 @@ struct LoopTest : LanTest {
     uint16_t port = 0;
 };
 
-inline pthread_t start(void *(*entry)(void *), lanhb_list *list)
-{
-    pthread_t th{};
-    EXPECT_EQ(pthread_create(&th, nullptr, entry, list), 0);
-    return th;
-}
-
 // How a thread ended: "canceled" or its exit text.
 inline std::string join(pthread_t th)
 {
-    void *ret = nullptr;
-    EXPECT_EQ(pthread_join(th, &ret), 0);
+    void *ret = exitvalue(th);
     return ret == PTHREAD_CANCELED ? "canceled" : static_cast<const char *>(ret);
-}
-
-template <class F> bool waitfor(F cond) // up to 30 seconds
-{
-    for (int i = 0; i < 1500 && !cond(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return cond();
 }
 
 inline bool recvready()

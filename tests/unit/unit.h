@@ -1,0 +1,70 @@
+// What the unit tests of every module share: the clock they drive, waiting
+// for a condition, threads started and joined as main does, and a controller
+// call that hangs.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "fake/fake_platform.h"
+#include "frame/frame.h"
+#include "frame/thread.h"
+
+namespace unit {
+
+// The clock a test drives through hbtick_source.
+inline std::atomic<hbtick_t> now{1000};
+inline hbtick_t fakenow() { return now.load(); }
+
+// Polls cond for up to 20 seconds.
+template <class F> bool waitfor(F cond)
+{
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!cond() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return cond();
+}
+
+inline pthread_t start(void *(*entry)(void *), void *arg)
+{
+    pthread_t th = 0;
+    EXPECT_EQ(pthread_create(&th, nullptr, entry, arg), 0);
+    return th;
+}
+
+// The thread's exit value, or PTHREAD_CANCELED.
+inline void *exitvalue(pthread_t th)
+{
+    void *ret = nullptr;
+    EXPECT_EQ(pthread_join(th, &ret), 0);
+    return ret;
+}
+
+// A controller call that hangs until opened. Cancellation is taken only at
+// pthread_testcancel: inside the sleep, ThreadSanitizer would lose track.
+struct Hang {
+    std::atomic<bool> opened{false};
+    std::atomic<int> waiting{0}, entered{0};
+    void wait()
+    {
+        ++entered;
+        ++waiting;
+        struct Leave {
+            std::atomic<int> &n;
+            ~Leave() { --n; }
+        } leave{waiting};
+        while (!opened) {
+            hbth_cancelpoint();
+            int old = 0;
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            pthread_setcancelstate(old, &old);
+        }
+    }
+};
+
+} // namespace unit
