@@ -147,7 +147,7 @@ bool resumemode()
 }
 
 // Reads every node's address on every valid path; the own node (named like
-// the full host name) is reached over the loopback.
+// the full host name) is reached over the loopback where it has an address.
 void selectaddrs(lanhb_list *list, const char *mycntname)
 {
     char ownip[LANHB_NAME_SIZE] = {};
@@ -170,10 +170,14 @@ void selectaddrs(lanhb_list *list, const char *mycntname)
             }
             node->ip[sizeof node->ip - 1] = '\0';
             HBLOG(HBLOG_LAN, HBLV_INFO, "  pnode[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
+            // Without an own address the entry stays empty, so that initstates
+            // makes the path unused for every node.
             if (std::strcmp(node->name, mycntname) == 0) {
                 hbcopytext(ownip, sizeof ownip, node->ip);
-                hbcopytext(node->ip, sizeof node->ip, OWN_LOOPBACK);
-                HBLOG(HBLOG_LAN, HBLV_DETAIL, "    ---> change ip [%s] to [%s] (MYCNT)", ownip, node->ip);
+                if (node->ip[0] != '\0') {
+                    hbcopytext(node->ip, sizeof node->ip, OWN_LOOPBACK);
+                    HBLOG(HBLOG_LAN, HBLV_DETAIL, "    ---> change ip [%s] to [%s] (MYCNT)", ownip, node->ip);
+                }
             }
             cutat(node->ip, '/');
             if (node->pri == list->ownpri) {

@@ -57,19 +57,25 @@ TEST_F(LoadTest, OwnNodeIsReachedOverLoopback)
 
 TEST_F(LoadTest, PathWithoutDeviceOrOwnAddress)
 {
-    fake::set_hostname("node1.example");
-    cluster(nullptr);
-    fake::add_rsc(HB_KIND_LANHB, "lan2", 11); // no device key
-    list_ptr list = load();
-    ASSERT_TRUE(list);
-    EXPECT_EQ(lanhb_getnode(list.get(), 0, 0)->stat, SHMNM_SVSTAT_UNUSED);
-    EXPECT_EQ(lanhb_getnode(list.get(), 0, 1)->stat, SHMNM_SVSTAT_UNUSED);
-    EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_UNUSED);
-    EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan1"), SHMNM_RSCSTAT_UNUSED);
-    EXPECT_EQ(lanhb_getrsc(list.get(), 1)->devid, -1);
-    EXPECT_EQ(lancount("device id(-1) is invalid"), 2);
-    EXPECT_EQ(fake::count("shmnm_setrscsvstat"), 2); // lan1's only
-    EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan2"), SHMNM_RSCSTAT_UNKNOWN);
+    // The own entry is named like the host, or like its short name only.
+    for (const char *host : {"node1", "node1.example"}) {
+        SCOPED_TRACE(host);
+        reload();
+        fake::set_hostname(host);
+        cluster(nullptr);
+        fake::add_rsc(HB_KIND_LANHB, "lan2", 11); // no device key
+        list_ptr list = load();
+        ASSERT_TRUE(list);
+        EXPECT_STREQ(lanhb_getnode(list.get(), 0, 0)->ip, ""); // never sent to, not even over the loopback
+        EXPECT_EQ(lanhb_getnode(list.get(), 0, 0)->stat, SHMNM_SVSTAT_UNUSED);
+        EXPECT_EQ(lanhb_getnode(list.get(), 0, 1)->stat, SHMNM_SVSTAT_UNUSED);
+        EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_UNUSED);
+        EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan1"), SHMNM_RSCSTAT_UNUSED);
+        EXPECT_EQ(lanhb_getrsc(list.get(), 1)->devid, -1);
+        EXPECT_EQ(lancount("device id(-1) is invalid"), 2);
+        EXPECT_EQ(fake::count("shmnm_setrscsvstat"), 2); // lan1's only
+        EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan2"), SHMNM_RSCSTAT_UNKNOWN);
+    }
 }
 
 TEST_F(LoadTest, FreshModeResetsAndResumeModeKeeps)
