@@ -17,9 +17,11 @@ extern std::atomic<pthread_t> cnthb_readpth, cnthb_writepth, cnthb_watchpth;
 void usr1_recv(int sig);
 void usr2_recv(int sig);
 // Blocks SIGUSR1 and SIGUSR2 in the calling thread (and so in every thread it
-// creates later) and starts the thread that takes them with sigwaitinfo.
-// Called by main before it creates any other thread; returns 0 or the
-// pthread_create result.
+// creates later); until the signal thread takes them they stay pending.
+// Called by main before it creates any other thread.
+void hbsig_block();
+// Blocks them and starts the thread that takes them with sigwaitinfo;
+// returns 0 or the pthread_create result.
 int32_t hbsig_start();
 
 int32_t attachipc();

@@ -242,16 +242,7 @@ int zemlanhb_main()
     // Phase "bare": dispositions, and SIGUSR1/SIGUSR2 blocked before any
     // thread exists so that every thread inherits the mask.
     hbsig_dispositions();
-    const int32_t sigret = hbsig_start();
-    if (sigret != 0) {
-        // Without the signal thread, unblocked SIGUSR1 at least still stops
-        // the process by its default action.
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGUSR1);
-        sigaddset(&set, SIGUSR2);
-        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    }
+    hbsig_block();
 
     if (xmllib_init(HB_KIND_LANHB) != 0)
         return HBRET_EXIT_XMLINIT;
@@ -262,8 +253,6 @@ int zemlanhb_main()
 
     loginit();
     HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb/cnthb starting");
-    if (sigret != 0)
-        HBLOG(HBLOG_BOTH, HBLV_ERROR, "pthread_create(signal) failed(ret:%d,errno:%d)", sigret, errno);
 
     int32_t r = zemstorage_init(&cnthb_mycntno);
     if (r != 0) {
@@ -290,6 +279,20 @@ int zemlanhb_main()
     lanhb_bwatchth.store(watch);
     if (r != 0)
         HBLOG(HBLOG_BOTH, HBLV_ERROR, "setsched() failed(ret:%d)", r);
+    // Each thread keeps its own nice value: the signal thread starts once
+    // setsched has set main's, like every other thread. A signal that came
+    // before has waited, pending.
+    r = hbsig_start();
+    if (r != 0) {
+        HBLOG(HBLOG_BOTH, HBLV_ERROR, "pthread_create(signal) failed(ret:%d,errno:%d)", r, errno);
+        // Without the signal thread, unblocked SIGUSR1 at least still stops
+        // the process by its default action.
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGUSR1);
+        sigaddset(&set, SIGUSR2);
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    }
     if (bmlock != 0 && mlockall(MCL_CURRENT | MCL_FUTURE) != 0) {
         HBLOG(HBLOG_BOTH, HBLV_WARN, "mlockall() failed(errno:%d)", errno);
         bmlock = 0;

@@ -95,13 +95,18 @@ void usr2_recv(int)
     signal(SIGUSR2, SIG_IGN);
 }
 
-int32_t hbsig_start()
+void hbsig_block()
 {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGUSR1);
     sigaddset(&set, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+int32_t hbsig_start()
+{
+    hbsig_block();
 
     pthread_attr_t attr;
     int r = pthread_attr_init(&attr);

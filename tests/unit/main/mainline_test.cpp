@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <set>
 #include <string>
@@ -136,9 +137,11 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
 
 // A whole run on a one-node cluster, stopped by SIGUSR1 once every thread
 // has started: the down notices go out exactly when the cluster wants them.
-[[noreturn]] void run_and_stop(bool down)
+// Every thread of the daemon runs at the configured nice value.
+[[noreturn]] void run_and_stop(bool down, int nice)
 {
-    std::thread stopper([] {
+    bool niced = true;
+    std::thread stopper([&] {
         sigset_t usr;
         sigemptyset(&usr);
         sigaddset(&usr, SIGUSR1);
@@ -146,6 +149,10 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
         pthread_sigmask(SIG_BLOCK, &usr, nullptr); // for the daemon's signal thread
         while (fake::count_log("cnthb", "cnthb_bwatchth:") == 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const int tid = std::stoi(task.path().filename());
+            niced = niced && (tid == gettid() || getpriority(PRIO_PROCESS, tid) == nice);
+        }
         kill(getpid(), SIGUSR1);
     });
     const int status = zemlanhb_main();
@@ -155,7 +162,7 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
     for (const auto &call : fake::calls())
         if (call.op.find("_detach") != std::string::npos || call.op.find("_term") != std::string::npos)
             releases.push_back(call.op);
-    const bool ok = fake::has_log("lanhb", std::string("send downpacket : ") + word) &&
+    const bool ok = niced && fake::has_log("lanhb", std::string("send downpacket : ") + word) &&
                     fake::has_log("cnthb", std::string("write downpacket : ") + word) &&
                     fake::has_log("lanhb", "pthread_join(recv) success(ret:0,canceled)") &&
                     fake::has_log("lanhb", "pthread_join(lanhb_dpsend) success(ret:0,thret:0)") == down &&
@@ -164,6 +171,8 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
                     fake::texts("lanhb").back() == "lanhb shutting down" &&
                     releases == Texts{"shmnm_detach", "shmcm_detach", "sem_detach", "xmllib_term",
                                       "zemstorage_term", "log_term"};
+    if (!ok)
+        std::fprintf(stderr, "every thread at nice %d: %d\n", nice, niced);
     if (!ok)
         for (const auto &log : {"lanhb", "cnthb"})
             for (const auto &text : fake::texts(log))
@@ -187,9 +196,10 @@ TEST(MainLine, RunsUntilSigusr1AndSendsDownNoticesWhenAsked)
         fake::set_key("/root/heartbeat/lanhb@lan1/device", "0");
         fake::set_key("/root/server@node1/device@0/info", "127.0.0.1");
         fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(lanhbtest::freeport()));
-        fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
+        const int nice = getpriority(PRIO_PROCESS, 0) + 1; // needs no privilege
+        fake::set_key("/root/heartbeat/nice", std::to_string(nice));
         fake::set_downnotify(down ? 0 : 1);
-        EXPECT_EXIT(run_and_stop(down), ::testing::ExitedWithCode(0), "");
+        EXPECT_EXIT(run_and_stop(down, nice), ::testing::ExitedWithCode(0), "");
         took_usr1();
     }
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
