@@ -2,6 +2,24 @@
 // reader's poller or in a watcher thread of their own.
 #include "cnthb/cnthbint.h"
 
+namespace {
+
+// True when the node has been silent past the limit, which is then logged.
+// A function of its own, so that the record names it and not a lambda.
+bool cnthb_timedout(const cnthb_node *node, hbtick_t limit, int32_t scaled)
+{
+    const hbtick_t now = hbtick_now();
+    const hbtick_t silence = now - node->lastread;
+    if (silence <= limit)
+        return false;
+    HBLOG(HBLOG_CNT, HBLV_ERROR, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
+          static_cast<unsigned>(now), static_cast<unsigned>(node->lastread), static_cast<int>(silence), scaled,
+          static_cast<int>(tckconf));
+    return true;
+}
+
+} // namespace
+
 int32_t cnthb_hbcheck(cnthb_list *list)
 {
     int32_t ratio = 0;
@@ -14,16 +32,7 @@ int32_t cnthb_hbcheck(cnthb_list *list)
     int32_t scaled = 0;
     const hbtick_t limit = hbtimeout_limit(list->hbto, ratio, &scaled);
 
-    cnthb_offlinepass(list, [&](cnthb_rsc *, cnthb_node *node) {
-        const hbtick_t now = hbtick_now();
-        const hbtick_t silence = now - node->lastread;
-        if (silence <= limit)
-            return false;
-        HBLOG(HBLOG_CNT, HBLV_ERROR, "**TIMEOUT(cur:0x%08x,last:0x%08x,diff:%d,hbto:%d,tck:%d/sec)",
-              static_cast<unsigned>(now), static_cast<unsigned>(node->lastread), static_cast<int>(silence), scaled,
-              static_cast<int>(tckconf));
-        return true;
-    });
+    cnthb_offlinepass(list, [&](cnthb_rsc *, cnthb_node *node) { return cnthb_timedout(node, limit, scaled); });
     return 0;
 }
 

@@ -20,6 +20,13 @@ namespace unit {
 inline std::atomic<hbtick_t> now{1000};
 inline hbtick_t fakenow() { return now.load(); }
 
+// Every log record names the function that wrote it, never a lambda's.
+inline void expect_named_places()
+{
+    for (const auto &r : fake::logs())
+        EXPECT_NE(r.func, "operator()") << r.text;
+}
+
 // Polls cond for up to 20 seconds.
 template <class F> bool waitfor(F cond)
 {

@@ -28,6 +28,7 @@ struct CntTest : ::testing::Test {
     }
     void TearDown() override
     {
+        expect_named_places();
         logterm();
         hbframe_reset();
         cnthb_reset();

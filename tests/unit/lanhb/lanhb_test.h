@@ -22,6 +22,7 @@ struct LanTest : ::testing::Test {
     void SetUp() override { tckconf = 100, loginit(); }
     void TearDown() override
     {
+        expect_named_places();
         logterm();
         hbframe_reset();
         lanhb_reset();
