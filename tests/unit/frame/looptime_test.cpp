@@ -1,4 +1,4 @@
-// Time-out limits, delay warnings and the loop and operation timers.
+// Time-out limits and delay warnings.
 #include <atomic>
 #include <climits>
 
@@ -68,27 +68,6 @@ TEST_F(Delay, RateRatioAndSaturation)
     EXPECT_EQ(hbtimeout_limit(INT32_MAX, 1, &scaled), static_cast<hbtick_t>(INT32_MAX));
     EXPECT_EQ(scaled, 2147484);
     EXPECT_EQ(hbtimeout_limit(2147483000, 1, nullptr), 2147483000u);
-}
-
-TEST_F(Delay, TimersKeepTheLongestAndReportOperations)
-{
-    for (auto timer : {lanhb_thslooptime, lanhb_thrlooptime, lanhb_thwlooptime, cnthb_thmlooptime, cnthb_thrlooptime,
-                       cnthb_thwlooptime}) {
-        hbtick_t max = 0;
-        for (auto [start, now] : {std::pair<hbtick_t, hbtick_t>{100, 150}, {100, 120}, {UINT64_MAX - 59, 40}})
-            test_now = now, timer(start, &max);
-        EXPECT_EQ(max, 100u); // the last cycle spans a wrap of the counter
-    }
-    hbtick_t max = 0;
-    test_now = 900;
-    lanhb_thsendtime(0, &max, "p1", "n2", "198.18.0.2", 10000);
-    lanhb_threcvtime(850, &max, "p1", "n2", "198.18.0.2", 10000); // quick: not reported
-    cnthb_threadtime(0, &max, "write", "c1", "n1", 0, 10000);
-    cnthb_threadtime(0, &max, "read", "c1", "n1", 0, 10000);
-    EXPECT_EQ(max, 900u);
-    EXPECT_EQ(records("lanhb"), Texts{"delay(72) rsc=p1 node=n2 hbto=10s tck=100 elapsed=900 rate=80%"});
-    EXPECT_EQ(records("cnthb"), (Texts{"delay(74) rsc=c1 node=n1 hbto=10s tck=100 elapsed=900 rate=80%",
-                                       "delay(75) rsc=c1 node=n1 hbto=10s tck=100 elapsed=900 rate=80%"}));
 }
 
 } // namespace

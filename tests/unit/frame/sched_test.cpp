@@ -50,21 +50,6 @@ TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
     EXPECT_EQ(std::make_pair(bmlock, watch), std::make_pair(0, 1));
 }
 
-// Without the nice key the process is raised to -20: done in a child.
-TEST_F(Sched, MissingNiceRaisesToMinus20)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    fake::erase_key("/root/heartbeat/nice");
-    auto child = [] {
-        int32_t watch = 1;
-        setsched(&watch);
-        // Without the privilege the refusal is logged with -20 instead.
-        const bool applied = getpriority(PRIO_PROCESS, 0) == -20 || fake::count_log("lanhb", "setpriority(-20)") == 1;
-        _exit(applied && fake::count_log("lanhb", "xmllib_get_value(/root/heartbeat/nice) failed") == 1 ? 0 : 1);
-    };
-    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
-}
-
 TEST_F(Sched, StackSizeIsCorrectedAndTheLastKeyGoverns)
 {
     const char *lankey = "/root/lanhb/thread/stacksize", *cntkey = "/root/cnthb/thread/stacksize";

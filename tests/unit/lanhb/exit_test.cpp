@@ -39,22 +39,6 @@ TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
     }
 }
 
-TEST_F(ExitTest, LoadExitIntoOtherTables)
-{
-    EXPECT_EQ(lanhb_loadexit(static_cast<lanhb_list *>(nullptr)), 0);
-    EXPECT_TRUE(lanlog("IGNORE: lanhb_plist is NULL"));
-    EXPECT_EQ(fake::count("xmllib_load_config"), 0);
-
-    fake::set_key("/root/cluster/downpacket/interval", "250");
-    fake::set_key("/root/cluster/downpacket/retry", "3");
-    cnthb_list cnt, want;
-    std::memset(&cnt, 0x5A, sizeof cnt);
-    want = cnt, want.dpint = 250, want.dpretry = 3;
-    EXPECT_EQ(lanhb_loadexit(&cnt), 0);
-    EXPECT_EQ(std::memcmp(&cnt, &want, sizeof cnt), 0); // nothing else changed
-    EXPECT_TRUE(lanlog("dpint:250(msec),dpretry:3"));
-}
-
 // The down packets queued on a UDP socket bound to addr:port.
 int downs(const char *addr, uint16_t port, const std::function<void()> &send)
 {
