@@ -1,6 +1,5 @@
-"""A three-node cluster of real daemons: convergence, crash, orderly stop,
-path failure, resume, bad datagrams and the time-out ratio; and what an
-operator relies on: one daemon per node, a status that knows whether it
+"""A three-node cluster of real daemons: crash, orderly stop and path
+failure; and what an operator relies on: one daemon per node, a status that knows whether it
 runs, a check that changes nothing, down counts, and a supervisor that
 survives its terminal.
 
@@ -13,15 +12,13 @@ so controller states are checked only between nodes 1 and 2.
 
 import contextlib
 import os
-import random
 import signal
 import time
 
 import pytest
 
 import zemcluster
-from zemcluster import (CNT, LAN4, LAN6, LAN_PATHS, OUTSIDER4, OUTSIDER6, PATH_PRI,
-                        events, heartbeat, log_kind, node_line, offline_times,
+from zemcluster import (CNT, LAN4, LAN6, LAN_PATHS, events, log_kind, node_line, offline_times,
                         paths_seen_by, wait_healthy, wait_until)
 
 HBINT = 0.5          # seconds, as configured
@@ -43,8 +40,6 @@ def healthy(cluster):
             n.wait(15)          # a supervisor that lost its daemon is ending
         if not n.running():
             n.start()
-    for n in cluster.nodes:
-        n.zemctl("set", "ratio", "1")
     left = wait_healthy(cluster, 20)
     assert not left, f"cluster did not converge: {left}"
     return cluster
@@ -65,22 +60,6 @@ def print_times(title, times):
     print(f"\n{title}")
     for (obs, path), dt in sorted(times.items()):
         print(f"  {obs:6} {path:5} {dt:6.2f} s")
-
-
-def test_every_node_converges_within_seconds(cluster):
-    start = time.time()
-    left = wait_healthy(cluster, 10)
-    assert not left, f"not converged 10 s after start: {left}"
-    print(f"\nconverged {time.time() - start:.2f} s after the daemons were up")
-    for n in cluster.nodes:
-        st = n.status()
-        for path in LAN_PATHS:
-            assert st["lanhb"][path]["stat"] == "NORMAL"
-            assert set(st["lanhb"][path]["nodes"].values()) == {"ONLINE"}
-    for n in (cluster[1], cluster[2]):
-        cnt = n.status()["cnthb"][CNT]
-        assert cnt["stat"] == "NORMAL"
-        assert cnt["nodes"]["node1"] == cnt["nodes"]["node2"] == "ONLINE"
 
 
 def crash_and_measure(cluster, victim, ratio):
@@ -127,15 +106,6 @@ def test_crash_is_detected_after_the_timeout_on_every_path(healthy):
     crash_and_measure(healthy, healthy[2], ratio=1)
 
 
-def test_ratio_3_triples_the_time_to_detect_a_crash(healthy):
-    for n in healthy.nodes:
-        n.zemctl("set", "ratio", "3")
-    times = crash_and_measure(healthy, healthy[2], ratio=3)
-    # The windows of ratio 1 ([1.4, 3.5] s) and ratio 3 ([5.4, 7.5] s) do not
-    # overlap, so every single detection proves the factor.
-    assert min(times.values()) > HBTO_S + HBINT + 1
-
-
 def test_orderly_stop_announces_the_down_at_once(healthy):
     victim = healthy[2]
     observers = [healthy[1], healthy[3]]
@@ -157,28 +127,6 @@ def test_orderly_stop_announces_the_down_at_once(healthy):
     assert events(healthy[1], "cnthb", f"DOWNPACKET read({CNT},{victim.name}({victim.pri}))", t0)
     for obs in observers:
         assert not events(obs, "lanhb", "**TIMEOUT(", t0)
-
-
-def test_orderly_stop_without_down_waits_for_the_timeout(healthy):
-    victim = healthy[2]
-    victim.stop()
-    victim.start("--no-down")
-    assert not wait_healthy(healthy, 15)
-    observers = [healthy[1], healthy[3]]
-    t0 = time.time()
-    assert victim.stop() == 0
-    assert events(victim, "lanhb", "send downpacket : NO", t0)
-    assert events(victim, "cnthb", "write downpacket : NO", t0)
-    times = offline_times(observers, victim, LAN_PATHS, t0, HBTO_S + 10)
-    times.update(offline_times([healthy[1]], victim, [CNT], t0, HBTO_S + 10))
-    print_times("orderly stop of node2 with --no-down", times)
-    assert len(times) == 5
-    for key, dt in times.items():
-        assert dt >= HBTO_S - HBINT - SLACK, f"{key} went OFFLINE after {dt:.2f} s: not a time-out"
-    for obs in observers:
-        assert not events(obs, "lanhb", "DOWNPACKET recv(", t0)
-        assert len(events(obs, "lanhb", "**TIMEOUT(", t0)) == 2
-    assert not events(healthy[1], "cnthb", "DOWNPACKET read(", t0)
 
 
 def test_path_failure_cuts_one_path_and_heals(healthy):
@@ -208,106 +156,6 @@ def test_path_failure_cuts_one_path_and_heals(healthy):
         assert not events(n, "lanhb", f" *** {LAN6} : CAUTION ***", t0)
         assert not [line for _, line in events(n, "lanhb", f" *** {LAN6}/node(", t0)
                     if "OFFLINE" in line]
-
-
-def test_resume_keeps_online_peers_online(healthy):
-    node = healthy[1]
-    peers = [healthy[2], healthy[3]]
-    gaps = []
-
-    def look():
-        try:
-            st = node.status()
-        except zemcluster.HarnessError as e:
-            gaps.append(str(e))
-            return
-        for path in LAN_PATHS:
-            for m in peers:
-                if st["lanhb"][path]["nodes"][m.name] != "ONLINE":
-                    gaps.append(f"{path}/{m.name} {st['lanhb'][path]['nodes'][m.name]}")
-        if st["cnthb"][CNT]["nodes"]["node2"] != "ONLINE":
-            gaps.append(f"{CNT}/node2 {st['cnthb'][CNT]['nodes']['node2']}")
-
-    look()
-    assert not gaps
-    assert node.stop() == 0
-    look()
-    node.zemctl("set", "waitstat", "1")
-    t0 = time.time()
-    try:
-        node.start()
-        end = time.time() + HBTO_S * 2 + 1
-        while time.time() < end:
-            look()
-            time.sleep(0.05)
-    finally:
-        node.zemctl("set", "waitstat", "0")
-    assert not gaps, f"peers left ONLINE on {node.name}: {gaps[:5]}"
-    for kind in ("lanhb", "cnthb"):
-        assert events(node, kind, "change mode to resume(act:0x", t0), kind
-    for m in peers:
-        for path in LAN_PATHS:
-            assert events(node, "lanhb", f" *** {path}/node({m.name}({m.pri})) prev stat:0x00000001 ***",
-                          t0)
-            assert not events(node, "lanhb", node_line(path, m) + "OFFLINE", t0)
-            assert not events(node, "lanhb", node_line(path, m) + "ONLINE", t0)
-
-
-def test_bad_datagrams_change_nothing(healthy):
-    n1, n2, n3 = healthy.nodes
-    assert n3.stop() == 0           # with down notification: OFFLINE on 1 and 2 at once
-    for obs in (n1, n2):
-        assert wait_until(lambda: all(obs.status()["lanhb"][p]["nodes"]["node3"] == "OFFLINE"
-                                      for p in LAN_PATHS), 5)
-    daemons = (n1.daemon_pid(), n2.daemon_pid())
-    t0 = time.time()
-    rng = random.Random(7)
-    good4 = heartbeat(n3.pri, PATH_PRI[LAN4])
-    good6 = heartbeat(n3.pri, PATH_PRI[LAN6])
-    down2 = heartbeat(n2.pri, PATH_PRI[LAN4], tag=b"hbdown")
-
-    def garbage(n):
-        out = []
-        for _ in range(n):
-            b = bytearray(rng.randbytes(rng.choice([len(good4), len(good4) - 1, 1, 320, 2000])))
-            b[0] = ord("x")            # never a valid tag by chance
-            out.append(bytes(b))
-        return out
-
-    truncated = [good4[:len(good4) - 1], good4[:320], good4[:8], b""]
-    # From node 3's own address: cut short, random, for a path or a node
-    # that does not exist, or a down packet in node 2's name.
-    from_n3 = [heartbeat(n3.pri, 7), heartbeat(9, PATH_PRI[LAN4]), down2] + truncated
-    # Right length and tag, but from an address no node has.
-    from_outsider = [good4, down2]
-    for dst4, dst6 in ((n1.ip4, n1.ip6), (n2.ip4, n2.ip6)):
-        healthy.send_datagrams(healthy.bridge_ns, OUTSIDER4, dst4, from_outsider * 5)
-        healthy.send_datagrams(healthy.bridge_ns, OUTSIDER6, dst6, [good6] * 5)
-        healthy.send_datagrams(n3.ns, n3.ip4, dst4, from_n3 + garbage(20))
-        healthy.send_datagrams(n3.ns, n3.ip6, dst6, [good6[:-1]] + garbage(20))
-    # A flood of all of it, about 5000 a second for longer than the time-out,
-    # while the real heartbeats between nodes 1 and 2 must still be accepted.
-    noise = garbage(40)
-    flood_n3 = (from_n3 + noise) * 300
-    flood_out = (from_outsider + truncated + noise) * 300
-    sent = healthy.send_datagrams(n3.ns, n3.ip4, n1.ip4, flood_n3, per_second=len(flood_n3) / 3)
-    sent += healthy.send_datagrams(healthy.bridge_ns, OUTSIDER4, n2.ip4, flood_out,
-                                   per_second=len(flood_out) / 3)
-    assert sent > len(flood_n3)
-    time.sleep(HBINT * 2)
-    assert (n1.daemon_pid(), n2.daemon_pid()) == daemons, "a daemon died"
-    for obs in (n1, n2):
-        st = obs.status()
-        for path in LAN_PATHS:
-            assert st["lanhb"][path]["nodes"] == {"node1": "ONLINE", "node2": "ONLINE",
-                                                   "node3": "OFFLINE"}, (obs.name, path)
-        assert not events(obs, "lanhb", " : ONLINE ***", t0), obs.name
-        assert not events(obs, "lanhb", " : OFFLINE ***", t0), obs.name
-        assert not events(obs, "lanhb", "DOWNPACKET", t0), obs.name
-    # The control: the same heartbeat from node 3's configured address counts.
-    healthy.send_datagrams(n3.ns, n3.ip4, n1.ip4, [good4])
-    assert wait_until(lambda: n1.status()["lanhb"][LAN4]["nodes"]["node3"] == "ONLINE", 5), \
-        "a well-formed heartbeat from the configured address was not accepted"
 
 
 def test_second_run_and_hand_started_daemon_are_refused_and_change_nothing(healthy):
