@@ -19,7 +19,7 @@ TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
 {
     list = looplist(nullptr, &port);
     const std::tuple<std::function<void()>, int32_t, int32_t, int32_t, const char *> cases[] = {
-        {[] { fake::set_key("/root/cluster/downpacket/interval", "500"); }, 0, 500, 5, "invalid DPRETRY(-2). set to 5."},
+        {[] { fake::set_key("/root/cluster/downpacket/interval", "500"); }, 0, 500, 5, "invalid DPRETRY(-1). set to 5."},
         {[] { fake::set_key("/root/cluster/downpacket/retry", "7"); }, 0, 0, 7,
          "xmllib_get_value(/root/cluster/downpacket/interval) failed(ret:2)"},
         {[] { fake::fail("xmllib_load_config", 3); }, 12, 123, 9, "dpint:"},
@@ -28,7 +28,7 @@ TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
     for (const auto &[script, code, dpint, dpretry, message] : cases) {
         SCOPED_TRACE(code);
         reload();
-        fake::set_key("/root/cluster/downpacket/retry", "-2");
+        fake::set_key("/root/cluster/downpacket/retry", "-1"); // the first value corrected
         script();
         list->dpint = 123, list->dpretry = 9;
         EXPECT_EQ(lanhb_loadexit(list.get()), code);
