@@ -1,12 +1,8 @@
 // At an orderly stop: the down-packet settings read again, and the bursts of
 // down packets over the loopback.
-#include <arpa/inet.h>
-
-#include <cstring>
 #include <functional>
 #include <tuple>
 
-#include "cnthb/cnthb.h"
 #include "lanhb_test.h"
 
 using namespace lanhbtest;
@@ -17,7 +13,7 @@ using ExitTest = LoopTest;
 
 TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
 {
-    list = looplist(nullptr, &port);
+    loop(nullptr);
     const std::tuple<std::function<void()>, int32_t, int32_t, int32_t, const char *> cases[] = {
         {[] { fake::set_key("/root/cluster/downpacket/interval", "500"); }, 0, 500, 5, "invalid DPRETRY(-1). set to 5."},
         {[] { fake::set_key("/root/cluster/downpacket/retry", "7"); }, 0, 0, 7,
@@ -26,7 +22,7 @@ TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
         {[] { fake::fail_on("xmllib_load_policy", "cluster", 4); }, 9, 123, 9, "xmllib_load_policy(cluster) failed(ret:4)"},
     };
     for (const auto &[script, code, dpint, dpretry, message] : cases) {
-        SCOPED_TRACE(code);
+        SCOPED_TRACE(message);
         reload();
         fake::set_key("/root/cluster/downpacket/retry", "-1"); // the first value corrected
         script();
@@ -61,7 +57,7 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
 {
     fake::add_node("node3", 3); // unresolvable without a name server: an unknown zone
     fake::set_key("/root/server@node3/device@0/info", "fe80::1%nosuchif0");
-    list = looplist("127.0.0.2", &port);
+    loop("127.0.0.2");
     auto burst = [&](int32_t retry) {
         return [&, retry] {
             list->dpretry = retry;

@@ -2,27 +2,32 @@
 // the frame's globals put back after every test, and loopback helpers.
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "lanhb/key.h"
 #include "lanhb/lanhb.h"
 #include "unit/unit.h"
 
 namespace lanhbtest {
 
 using namespace unit;
-
 using list_ptr = std::unique_ptr<lanhb_list, void (*)(lanhb_list *)>;
+using bytes = std::vector<unsigned char>;
 
 struct LanTest : ::testing::Test {
     void SetUp() override { tckconf = 100, loginit(); }
     void TearDown() override
     {
         expect_named_places();
+        lanhb_keyset(nullptr);
         logterm();
         hbframe_reset();
         lanhb_reset();
@@ -53,6 +58,32 @@ inline bool lanlog(const std::string &text) { return fake::has_log(HB_KIND_LANHB
 inline int lancount(const std::string &text) { return fake::count_log(HB_KIND_LANHB, text); }
 inline void reload() { fake::reset(), loginit(); }
 
+inline sockaddr_storage addr(const char *text)
+{
+    sockaddr_storage ss{};
+    const bool six = std::strchr(text, ':') != nullptr;
+    ss.ss_family = six ? AF_INET6 : AF_INET;
+    void *bin = six ? static_cast<void *>(&reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_addr)
+                    : &reinterpret_cast<sockaddr_in *>(&ss)->sin_addr;
+    EXPECT_EQ(inet_pton(ss.ss_family, text, bin), 1) << text;
+    return ss;
+}
+
+// lanhb_accept's verdict on `count` bytes of `dgram` from `from`, in a buffer of
+// `len` + 1 bytes; *node is the matched entry.
+inline int32_t verdict(lanhb_list *list, bytes dgram, size_t count, size_t len, const char *from, bool v6,
+                       lanhb_node **node = nullptr)
+{
+    dgram.resize(len + 1);
+    const sockaddr_storage sa = addr(from);
+    lanhb_rsc *rsc = nullptr;
+    lanhb_node *n = nullptr;
+    const int32_t r = lanhb_accept(list, reinterpret_cast<lanhb_packet *>(dgram.data()), static_cast<ssize_t>(count),
+                                   len, reinterpret_cast<const sockaddr *>(&sa), v6, &rsc, node ? node : &n);
+    EXPECT_TRUE(r != 0 || rsc == lanhb_getrsc(list, 0));
+    return r;
+}
+
 // A UDP port that was free a moment ago, for IPv4 and IPv6; the socket is
 // left bound when `keep` is given.
 inline uint16_t freeport(int *keep = nullptr)
@@ -70,18 +101,18 @@ inline uint16_t freeport(int *keep = nullptr)
 }
 
 // A table on a free loopback port at the real clock rate.
-inline list_ptr looplist(const char *ip2, uint16_t *port)
-{
-    tckconf = sysconf(_SC_CLK_TCK);
-    *port = freeport();
-    cluster("127.0.0.1", ip2);
-    fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(*port));
-    return load();
-}
-
 struct LoopTest : LanTest {
     list_ptr list{nullptr, lanhb_freelist};
     uint16_t port = 0;
+    void loop(const char *ip2)
+    {
+        tckconf = sysconf(_SC_CLK_TCK);
+        port = freeport();
+        cluster("127.0.0.1", ip2);
+        fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(port));
+        list = load();
+        ASSERT_TRUE(list);
+    }
 };
 
 // How a thread ended: "canceled" or its exit text.
@@ -89,16 +120,6 @@ inline std::string join(pthread_t th)
 {
     void *ret = exitvalue(th);
     return ret == PTHREAD_CANCELED ? "canceled" : static_cast<const char *>(ret);
-}
-
-inline bool recvready()
-{
-    return waitfor([] {
-        pthread_mutex_lock(&lanhb_rmutex);
-        const bool ready = lanhb_rready != 0;
-        pthread_mutex_unlock(&lanhb_rmutex);
-        return ready;
-    });
 }
 
 } // namespace lanhbtest
