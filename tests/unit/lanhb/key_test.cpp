@@ -162,34 +162,15 @@ TEST_F(KeyTest, KeyedAcceptance)
     }
 }
 
-// Receives on a socket until quiet; (source, length) pairs.
-std::set<std::pair<std::string, size_t>> drain(int fd)
-{
-    std::set<std::pair<std::string, size_t>> got;
-    pollfd p{fd, POLLIN, 0};
-    while (poll(&p, 1, 500) == 1) {
-        sockaddr_in6 from{};
-        socklen_t fl = sizeof from;
-        unsigned char buf[2048];
-        const ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fl);
-        char text[INET6_ADDRSTRLEN];
-        inet_ntop(AF_INET6, &from.sin6_addr, text, sizeof text);
-        got.insert({text, static_cast<size_t>(n)});
-    }
-    return got;
-}
-
+// Sends `len` bytes from `src` (IPv4 as mapped) to the loopback's `port`.
 void sendfrom(const char *src, uint16_t port, size_t len)
 {
-    const bool v6 = std::strchr(src, ':') != nullptr;
-    const int fd = socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
-    sockaddr_storage a = addr(src), to = addr(v6 ? "::1" : "127.0.0.1");
-    const socklen_t sl = v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&a), sl), 0) << src;
-    (v6 ? reinterpret_cast<sockaddr_in6 *>(&to)->sin6_port : reinterpret_cast<sockaddr_in *>(&to)->sin_port) =
-        htons(port);
+    const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+    sockaddr_storage from = addr(src), to = addr(std::strchr(src, '.') ? "::ffff:127.0.0.1" : "::1");
+    reinterpret_cast<sockaddr_in6 *>(&to)->sin6_port = htons(port);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof(sockaddr_in6)), 0) << src;
     const bytes junk(len, 0x5a);
-    EXPECT_EQ(sendto(fd, junk.data(), len, 0, reinterpret_cast<sockaddr *>(&to), sl), static_cast<ssize_t>(len));
+    EXPECT_EQ(sendto(fd, junk.data(), len, 0, reinterpret_cast<sockaddr *>(&to), sizeof(sockaddr_in6)), ssize_t(len));
     close(fd);
 }
 
@@ -210,12 +191,19 @@ TEST_F(KeyTest, FilterPassesOnlyKeyedLengthFromMembers)
         sock_fprog fp{static_cast<unsigned short>(n), prog.data()};
         ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fp, sizeof fp), 0);
         lanhb_refusedstart(fd);
-        for (auto [src, len] : {std::pair{"127.0.0.1", wire}, {"127.0.0.1", plain}, {"127.0.0.1", wire + 1},
-                                {"127.0.0.2", wire}, {"::1", wire}})
+        const char *v4 = "::ffff:127.0.0.1";
+        for (auto [src, len] : {std::pair{v4, wire}, {v4, plain}, {v4, wire + 1}, {"::ffff:127.0.0.2", wire}, {"::1", wire}})
             sendfrom(src, port, len);
-        std::set<std::pair<std::string, size_t>> want = {{"::ffff:127.0.0.1", wire}};
-        want.insert({alt ? "::ffff:127.0.0.1" : "::1", alt ? plain : wire});
-        EXPECT_EQ(drain(fd), want) << ip2;
+        std::set<std::pair<std::string, size_t>> want = {{v4, wire}, {alt ? v4 : "::1", alt ? plain : wire}}, got;
+        pollfd p{fd, POLLIN, 0};
+        for (unsigned char buf[2048]; poll(&p, 1, 500) == 1;) {
+            sockaddr_in6 from{};
+            socklen_t fl = sizeof from;
+            const ssize_t r = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fl);
+            char text[INET6_ADDRSTRLEN];
+            got.insert({inet_ntop(AF_INET6, &from.sin6_addr, text, sizeof text), size_t(r)});
+        }
+        EXPECT_EQ(got, want) << ip2;
         lanhb_refusedsync(fd);
         EXPECT_EQ(fake::refused()[LANHB_REFUSE_FILTER - 1], 3u) << ip2;
     }
