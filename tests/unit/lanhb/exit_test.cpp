@@ -35,21 +35,13 @@ TEST_F(ExitTest, LoadExitRereadsTheDownSettings)
     }
 }
 
-// The down packets queued on a UDP socket bound to addr:port.
-int downs(const char *addr, uint16_t port, const std::function<void()> &send)
+// The down packets queued on a UDP socket until it has been quiet a while.
+int downs(int fd)
 {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in sa{AF_INET, htons(port), {}, {}};
-    inet_pton(AF_INET, addr, &sa.sin_addr);
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
-    timeval tv = {0, 300000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    send();
     int n = 0;
     char buf[1024];
     for (ssize_t len; (len = recv(fd, buf, sizeof buf, 0)) >= 0;)
         n += len == 576 && std::memcmp(buf, "hbdown", 7) == 0;
-    close(fd);
     return n;
 }
 
@@ -58,16 +50,23 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
     fake::add_node("node3", 3); // unresolvable without a name server: an unknown zone
     fake::set_key("/root/server@node3/device@0/info", "fe80::1%nosuchif0");
     loop("127.0.0.2");
-    auto burst = [&](int32_t retry) {
-        return [&, retry] {
-            list->dpretry = retry;
-            EXPECT_EQ(join(start(lanhb_dpsend, list.get())), "0");
-        };
-    };
-    EXPECT_EQ(downs("127.0.0.1", port, burst(0)), 0);
-    int peer = 0;
-    EXPECT_EQ(downs("127.0.0.1", port, [&] { peer = downs("127.0.0.2", port, burst(5)); }), 5);
-    EXPECT_EQ(peer, 5);
+    std::vector<int> fds;
+    for (const char *ip : {"127.0.0.1", "127.0.0.2"}) {
+        sockaddr_storage sa = addr(ip);
+        reinterpret_cast<sockaddr_in *>(&sa)->sin_port = htons(port);
+        const timeval tv = {0, 300000};
+        fds.push_back(socket(AF_INET, SOCK_DGRAM, 0));
+        setsockopt(fds.back(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        EXPECT_EQ(bind(fds.back(), sap(&sa), sizeof(sockaddr_in)), 0) << ip;
+    }
+    for (int32_t retry : {0, 5}) {
+        list->dpretry = retry;
+        EXPECT_EQ(join(start(lanhb_dpsend, list.get())), "0");
+        for (int fd : fds)
+            EXPECT_EQ(downs(fd), retry);
+    }
+    for (int fd : fds)
+        close(fd);
     EXPECT_EQ(lancount("lanhb_plist->currsc=1"), 5);
     int skipped = 0;
     for (const std::string &t : fake::texts(HB_KIND_LANHB))

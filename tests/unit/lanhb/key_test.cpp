@@ -117,47 +117,39 @@ TEST_F(KeyTest, KeyFileChecks)
     fs::remove_all(dir);
 }
 
-// A keyed datagram of node `nodepri` on path 10, sealed with `key`.
-bytes sealed(lanhb_list *list, int32_t nodepri, const char *tag, const keybuf &key)
-{
-    bytes buf(lanhb_pktlen(list->maxnode) + LANHB_TRAILER_SIZE);
-    auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
-    lanhb_pktinit(pkt, list, tag);
-    pkt->nodepri = static_cast<int32_t>(htonl(static_cast<uint32_t>(nodepri)));
-    pkt->rscpri = static_cast<int32_t>(htonl(10));
-    lanhb_keyset(key.data());
-    lanhb_keyseal(pkt, lanhb_pktlen(list->maxnode));
-    return buf;
-}
-
+// Where keyed acceptance differs from the plain one (forgery, replay and other
+// keys end to end are the system tests'): the sender's address must be exact,
+// and while keys change a second key and unsigned datagrams count too.
 TEST_F(KeyTest, KeyedAcceptance)
 {
     cluster("127.0.0.1", "198.18.0.2");
     list_ptr list = load();
-    lanhb_list *l = list.get();
     const keybuf key = testkey(0), other = testkey(9);
-    const size_t plain = lanhb_pktlen(l->maxnode), wire = plain + LANHB_TRAILER_SIZE;
-    const bytes genuine = sealed(l, 2, LANHB_TAG_DOWN, key), bysecond = sealed(l, 2, LANHB_TAG_HB, other);
-    bytes tampered = sealed(l, 2, LANHB_TAG_HB, key);
-    tampered[308] ^= 1;
+    const size_t plain = lanhb_pktlen(list->maxnode), wire = plain + LANHB_TRAILER_SIZE;
+    auto sealed = [&](const keybuf &k) {
+        bytes buf(wire);
+        auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
+        lanhb_pktinit(pkt, list.get(), LANHB_TAG_DOWN);
+        pkt->nodepri = static_cast<int32_t>(htonl(2)), pkt->rscpri = static_cast<int32_t>(htonl(10));
+        lanhb_keyset(k.data());
+        lanhb_keyseal(pkt, plain);
+        return buf;
+    };
+    const bytes genuine = sealed(key), bysecond = sealed(other);
     const char *peer = "::ffff:198.18.0.2", *near = "::ffff:198.18.0.20"; // contains the peer's text
-    // datagram, length, source, verdict with the key, while keys change (second key, unsigned accepted)
+    // datagram, length, source, verdict with the key, while keys change
     const std::tuple<bytes, size_t, const char *, int32_t, int32_t> rows[] = {
         {genuine, wire, peer, LANHB_ACCEPTED, LANHB_ACCEPTED},
         {genuine, wire, peer, LANHB_REFUSE_REPLAY, LANHB_REFUSE_REPLAY},
-        {sealed(l, 1, LANHB_TAG_HB, key), wire, "::ffff:127.0.0.1", LANHB_ACCEPTED, LANHB_ACCEPTED},
-        {sealed(l, 2, LANHB_TAG_DOWN, key), wire, near, LANHB_REFUSE_SENDER, LANHB_REFUSE_SENDER},
-        {sealed(l, 2, LANHB_TAG_DOWN, key), wire, "198.18.0.20", LANHB_REFUSE_SENDER, LANHB_REFUSE_SENDER},
+        {sealed(key), wire, near, LANHB_REFUSE_SENDER, LANHB_REFUSE_SENDER},
         {genuine, plain, peer, LANHB_REFUSE_LENGTH, LANHB_ACCEPTED},
         {genuine, plain, near, LANHB_REFUSE_LENGTH, LANHB_REFUSE_SENDER},
-        {genuine, wire + 1, peer, LANHB_REFUSE_LENGTH, LANHB_REFUSE_LENGTH},
-        {tampered, wire, peer, LANHB_REFUSE_CODE, LANHB_REFUSE_CODE},
         {bysecond, wire, peer, LANHB_REFUSE_CODE, LANHB_ACCEPTED},
     };
     for (bool changing : {false, true}) {
         changing ? lanhb_keyset(key.data(), other.data(), true) : lanhb_keyset(key.data()); // fresh windows
         for (const auto &[dgram, count, from, keyed, both] : rows)
-            EXPECT_EQ(verdict(l, dgram, count, wire, from, std::strchr(from, ':') != nullptr), changing ? both : keyed)
+            EXPECT_EQ(verdict(list.get(), dgram, count, wire, from, true), changing ? both : keyed)
                 << from << " " << count << " changing " << changing;
     }
 }
@@ -168,9 +160,9 @@ void sendfrom(const char *src, uint16_t port, size_t len)
     const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
     sockaddr_storage from = addr(src), to = addr(std::strchr(src, '.') ? "::ffff:127.0.0.1" : "::1");
     reinterpret_cast<sockaddr_in6 *>(&to)->sin6_port = htons(port);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof(sockaddr_in6)), 0) << src;
+    ASSERT_EQ(bind(fd, sap(&from), sizeof(sockaddr_in6)), 0) << src;
     const bytes junk(len, 0x5a);
-    EXPECT_EQ(sendto(fd, junk.data(), len, 0, reinterpret_cast<sockaddr *>(&to), sizeof(sockaddr_in6)), ssize_t(len));
+    EXPECT_EQ(sendto(fd, junk.data(), len, 0, sap(&to), sizeof(sockaddr_in6)), ssize_t(len));
     close(fd);
 }
 
@@ -199,7 +191,7 @@ TEST_F(KeyTest, FilterPassesOnlyKeyedLengthFromMembers)
         for (unsigned char buf[2048]; poll(&p, 1, 500) == 1;) {
             sockaddr_in6 from{};
             socklen_t fl = sizeof from;
-            const ssize_t r = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fl);
+            const ssize_t r = recvfrom(fd, buf, sizeof buf, 0, sap(&from), &fl);
             char text[INET6_ADDRSTRLEN];
             got.insert({inet_ntop(AF_INET6, &from.sin6_addr, text, sizeof text), size_t(r)});
         }
@@ -218,9 +210,7 @@ TEST_F(KeyTest, RefusalsLoggedOncePerSourcePerMinute)
     lanhb_refusedstart(fd);
     close(fd);
     const sockaddr_storage a = addr("::ffff:198.18.0.20"), b = addr("2001:db8::fe");
-    auto refuse = [](int32_t why, const sockaddr_storage &from) {
-        lanhb_refused(why, reinterpret_cast<const sockaddr *>(&from));
-    };
+    auto refuse = [](int32_t why, const sockaddr_storage &from) { lanhb_refused(why, sap(&from)); };
     refuse(LANHB_REFUSE_LENGTH, a); // unkeyed: counted, the log stays silent
     EXPECT_EQ(lancount("refused "), 0);
     const keybuf key = testkey(0);

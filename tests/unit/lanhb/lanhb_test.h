@@ -3,8 +3,6 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -51,20 +49,23 @@ inline list_ptr load()
 {
     lanhb_list *list = nullptr;
     EXPECT_EQ(lanhb_loadinfo(&list), 0);
-    return list_ptr(list, lanhb_freelist);
+    return {list, lanhb_freelist};
 }
 
 inline bool lanlog(const std::string &text) { return fake::has_log(HB_KIND_LANHB, text); }
 inline int lancount(const std::string &text) { return fake::count_log(HB_KIND_LANHB, text); }
 inline void reload() { fake::reset(), loginit(); }
 
+// The socket calls' view of an address.
+inline sockaddr *sap(void *p) { return static_cast<sockaddr *>(p); }
+inline const sockaddr *sap(const void *p) { return static_cast<const sockaddr *>(p); }
+
 inline sockaddr_storage addr(const char *text)
 {
     sockaddr_storage ss{};
-    const bool six = std::strchr(text, ':') != nullptr;
-    ss.ss_family = six ? AF_INET6 : AF_INET;
-    void *bin = six ? static_cast<void *>(&reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_addr)
-                    : &reinterpret_cast<sockaddr_in *>(&ss)->sin_addr;
+    ss.ss_family = std::strchr(text, ':') != nullptr ? AF_INET6 : AF_INET;
+    void *bin = ss.ss_family == AF_INET6 ? static_cast<void *>(&reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_addr)
+                                         : &reinterpret_cast<sockaddr_in *>(&ss)->sin_addr;
     EXPECT_EQ(inet_pton(ss.ss_family, text, bin), 1) << text;
     return ss;
 }
@@ -78,8 +79,8 @@ inline int32_t verdict(lanhb_list *list, bytes dgram, size_t count, size_t len, 
     const sockaddr_storage sa = addr(from);
     lanhb_rsc *rsc = nullptr;
     lanhb_node *n = nullptr;
-    const int32_t r = lanhb_accept(list, reinterpret_cast<lanhb_packet *>(dgram.data()), static_cast<ssize_t>(count),
-                                   len, reinterpret_cast<const sockaddr *>(&sa), v6, &rsc, node ? node : &n);
+    const int32_t r = lanhb_accept(list, reinterpret_cast<lanhb_packet *>(dgram.data()), ssize_t(count), len, sap(&sa), v6,
+                                   &rsc, node ? node : &n);
     EXPECT_TRUE(r != 0 || rsc == lanhb_getrsc(list, 0));
     return r;
 }
@@ -88,14 +89,12 @@ inline int32_t verdict(lanhb_list *list, bytes dgram, size_t count, size_t len, 
 // left bound when `keep` is given.
 inline uint16_t freeport(int *keep = nullptr)
 {
-    const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
-    int off = 0;
+    const int fd = socket(AF_INET6, SOCK_DGRAM, 0), off = 0;
     setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    sockaddr_in6 sa{};
-    sa.sin6_family = AF_INET6;
+    sockaddr_in6 sa{.sin6_family = AF_INET6, .sin6_port = 0, .sin6_flowinfo = 0, .sin6_addr = {}, .sin6_scope_id = 0};
     socklen_t len = sizeof sa;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len);
+    EXPECT_EQ(bind(fd, sap(&sa), sizeof sa), 0);
+    getsockname(fd, sap(&sa), &len);
     keep != nullptr ? void(*keep = fd) : void(close(fd));
     return ntohs(sa.sin6_port);
 }

@@ -10,34 +10,29 @@ using namespace lanhbtest;
 namespace {
 
 using LoadTest = LanTest;
-#define GOT(expr) [](const lanhb_list &l) { return (void)l, int32_t(expr); }
 
 TEST_F(LoadTest, SettingsAreCorrected)
 {
-    const struct {
-        const char *key, *value;
-        int32_t (*got)(const lanhb_list &);
-        int32_t want;
-        const char *message;
-    } cases[] = {
-        {"/root/cluster/heartbeat/interval", "0", GOT(l.hbint), 100, "HBINT(0). set to 100 msec."},
-        {"/root/cluster/heartbeat/interval", "-5", GOT(l.hbint), 3000, "invalid HBINT(-5). set to 3000 msec."},
-        {"/root/cluster/heartbeat/timeout", "0", GOT(l.hbto), 90000, "invalid HBTO(0). set to 90000 msec."},
-        {"/root/cluster/heartbeat/port/recv", "70000", GOT(l.recvport), 29002, nullptr},
-        {"", "", GOT(l.hbto + l.hbint + l.maxnode + l.recvport), 90000 + 3000 + 32 + 29002,
-         "xmllib_get_value(/root/cluster/heartbeat/timeout) failed(ret:2)"},
+    const char *interval = "/root/cluster/heartbeat/interval";
+    // key, value, interval, time-out and port taken, the correction's message
+    const std::tuple<const char *, const char *, int32_t, int32_t, int32_t, const char *> cases[] = {
+        {interval, "0", 100, 90000, 29002, "HBINT(0). set to 100 msec."},
+        {interval, "-5", 3000, 90000, 29002, "invalid HBINT(-5). set to 3000 msec."},
+        {"/root/cluster/heartbeat/timeout", "0", 3000, 90000, 29002, "invalid HBTO(0). set to 90000 msec."},
+        {"/root/cluster/heartbeat/port/recv", "70000", 3000, 90000, 29002, nullptr},
+        {"", "", 3000, 90000, 29002, "xmllib_get_value(/root/cluster/heartbeat/timeout) failed(ret:2)"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.key) + "=" + c.value);
-        reload(), cluster(), fake::set_key(c.key, c.value);
+    for (const auto &[key, value, hbint, hbto, port, message] : cases) {
+        SCOPED_TRACE(std::string(key) + "=" + value);
+        reload(), cluster(), fake::set_key(key, value);
         list_ptr list = load();
-        EXPECT_EQ(c.got(*list), c.want);
-        EXPECT_EQ(lancount(c.message ? c.message : "set to"), c.message ? 1 : 0);
+        EXPECT_EQ(std::tuple(list->hbint, list->hbto, int32_t(list->recvport)), std::tuple(hbint, hbto, port));
+        EXPECT_EQ(lancount(message ? message : "set to"), message ? 1 : 0);
         EXPECT_TRUE(fake::loaded_policies().empty());
     }
 }
 
-TEST_F(LoadTest, OwnNodeIsReachedOverLoopback)
+TEST_F(LoadTest, OwnNodeOverLoopbackAndPathsWithoutDeviceOrOwnAddress)
 {
     cluster("198.18.0.1/24", "198.18.0.2/24");
     list_ptr list = load();
@@ -45,16 +40,12 @@ TEST_F(LoadTest, OwnNodeIsReachedOverLoopback)
     EXPECT_STREQ(lanhb_getnode(list.get(), 0, 1)->ip, "198.18.0.2"); // prefix cut
     EXPECT_STREQ(lanhb_getrsc(list.get(), 0)->myip, "198.18.0.1/24");
     EXPECT_TRUE(lanlog("    ---> change ip [198.18.0.1/24] to [127.0.0.1] (MYCNT)"));
-}
-
-TEST_F(LoadTest, PathWithoutDeviceOrOwnAddress)
-{
     // The own entry is named like the host, or like its short name only.
     for (const char *host : {"node1", "node1.example"}) {
         SCOPED_TRACE(host);
         reload(), fake::set_hostname(host), cluster(nullptr);
         fake::add_rsc(HB_KIND_LANHB, "lan2", 11); // no device key
-        list_ptr list = load();
+        list = load();
         EXPECT_STREQ(lanhb_getnode(list.get(), 0, 0)->ip, ""); // never sent to, not even over the loopback
         EXPECT_EQ(lanhb_getnode(list.get(), 0, 0)->stat, SHMNM_SVSTAT_UNUSED);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_UNUSED);
