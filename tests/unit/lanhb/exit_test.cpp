@@ -1,5 +1,8 @@
-// At an orderly stop: the down-packet settings read again, and the bursts of
-// down packets over the loopback.
+// Stopping: the down-packet settings read again, the bursts of down packets
+// over the loopback, a stop before the start signal that sends nothing, and
+// the sender's pacing (sleeps and the parent's pid replaced) up to the self
+// down when the parent has gone. (Heartbeats coming and going over real links
+// are the system tests' crash and stop scenarios.)
 #include <functional>
 #include <tuple>
 
@@ -73,6 +76,73 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
         skipped += t.starts_with("getaddrinfo(fe80::1%nosuchif0) failed rsc=(lan1) node=(node3) ret=-2 errno=") &&
                    t.ends_with(" ---> continue");
     EXPECT_EQ(skipped, 5);
+}
+
+
+TEST_F(ExitTest, StopBeforeStartSendsNothing)
+{
+    loop(nullptr); // node2 has no address: never sent to
+    const pthread_t recv = start(lanhb_hbrecv, list.get());
+    ASSERT_TRUE(waitfor([] {
+        pthread_mutex_lock(&lanhb_rmutex);
+        const bool ready = lanhb_rready != 0;
+        pthread_mutex_unlock(&lanhb_rmutex);
+        return ready;
+    }));
+    const pthread_t send = start(lanhb_hbsend, list.get());
+    EXPECT_TRUE(waitfor([] { return lanlog("*** WAIT START: lanhb_hbsend ***"); }));
+    pthread_cancel(recv), pthread_cancel(send), bsigrecv = 1; // as the stop routine does
+    EXPECT_EQ(join(send), "canceled");
+    EXPECT_EQ(join(recv), "canceled");
+    EXPECT_EQ(join(start(lanhb_hbsend, list.get())), "0"); // finds the stop flag while waiting
+    EXPECT_EQ(lancount("SIGUSR1 already received"), 2);
+    EXPECT_EQ(lancount("*** START: lanhb_hbsend ***") + lancount("sendto"), 0);
+    EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_OFFLINE);
+}
+
+std::vector<int32_t> slept;
+pid_t parent = 4711;
+
+struct PaceTest : LanTest {
+    lanhb_pace pace;
+    void init(int32_t hbint)
+    {
+        slept.clear();
+        pace = lanhb_pace{};
+        pace.sleepms = [](int32_t ms) { slept.push_back(ms); };
+        pace.ppid = [] { return parent; };
+        lanhb_paceinit(&pace, hbint);
+    }
+    // The step that asks for the self down, or 0.
+    int stepsuntildown(int limit, pid_t ppid)
+    {
+        parent = ppid;
+        for (int n = 1; n <= limit; ++n)
+            if (lanhb_pacestep(&pace, 0, nullptr))
+                return n;
+        return 0;
+    }
+};
+
+TEST_F(PaceTest, StartUpStretchThenIntervalThenSelfDown)
+{
+    // Without a parent during start-up: six times the polls of ten seconds, at least 18.
+    for (auto [hbint, polls] : {std::pair{3000, 18}, {1000, 60}, {20000, 18}, {100, 600}}) {
+        init(hbint);
+        EXPECT_EQ(stepsuntildown(1000, 1), polls) << hbint;
+        EXPECT_EQ(slept, std::vector<int32_t>(size_t(polls), 500)) << hbint;
+    }
+    EXPECT_TRUE(lanlog("lanhb self down. countover1=18"));
+    init(3000);
+    EXPECT_EQ(stepsuntildown(1203, 4711), 0);
+    ASSERT_EQ(slept.size(), 1203u);
+    EXPECT_EQ(slept[1200], 500); // 1201 start-up polls
+    EXPECT_EQ(slept[1201], 3000);
+    EXPECT_EQ(lancount("***** start normal polling(start send) 3000 msec. *****"), 1);
+    // The third poll without a parent stops; a parent seen again restarts the count.
+    EXPECT_EQ(stepsuntildown(2, 1) + stepsuntildown(1, 4711), 0);
+    EXPECT_EQ(stepsuntildown(5, 1), 3);
+    EXPECT_TRUE(lanlog("lanhb self down. countover2=3"));
 }
 
 } // namespace
