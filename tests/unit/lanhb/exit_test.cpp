@@ -78,7 +78,6 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
     EXPECT_EQ(skipped, 5);
 }
 
-
 TEST_F(ExitTest, StopBeforeStartSendsNothing)
 {
     loop(nullptr); // node2 has no address: never sent to
@@ -103,29 +102,24 @@ TEST_F(ExitTest, StopBeforeStartSendsNothing)
 std::vector<int32_t> slept;
 pid_t parent = 4711;
 
-struct PaceTest : LanTest {
+using PaceTest = LanTest;
+
+TEST_F(PaceTest, StartUpStretchThenIntervalThenSelfDown)
+{
     lanhb_pace pace;
-    void init(int32_t hbint)
-    {
-        slept.clear();
-        pace = lanhb_pace{};
+    auto init = [&](int32_t hbint) {
+        slept.clear(), pace = lanhb_pace{};
         pace.sleepms = [](int32_t ms) { slept.push_back(ms); };
         pace.ppid = [] { return parent; };
         lanhb_paceinit(&pace, hbint);
-    }
-    // The step that asks for the self down, or 0.
-    int stepsuntildown(int limit, pid_t ppid)
-    {
+    };
+    auto stepsuntildown = [&](int limit, pid_t ppid) { // the step that asks for the self down, or 0
         parent = ppid;
         for (int n = 1; n <= limit; ++n)
             if (lanhb_pacestep(&pace, 0, nullptr))
                 return n;
         return 0;
-    }
-};
-
-TEST_F(PaceTest, StartUpStretchThenIntervalThenSelfDown)
-{
+    };
     // Without a parent during start-up: six times the polls of ten seconds, at least 18.
     for (auto [hbint, polls] : {std::pair{3000, 18}, {1000, 60}, {20000, 18}, {100, 600}}) {
         init(hbint);

@@ -1,13 +1,11 @@
 // The cluster key where only a unit test reaches cheaply: key file refusals,
 // the trailer's bytes, the replay window, acceptance with one and two keys,
 // the kernel filter on real loopback sockets, and the rate-limited refusal log.
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 
 #include <array>
-#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <numeric>
 #include <set>
 #include <tuple>
@@ -83,15 +81,10 @@ TEST_F(KeyTest, KeyFileChecks)
         {"link", 0, 0, LANHB_KEY_SYMLINK},                 {"dir", 0, 0, LANHB_KEY_MODE},
         {"missing", 0, 0, LANHB_KEY_MISSING},
     };
+    const std::string raw(k7.begin(), k7.end());
     for (const auto &[name, size, mode, want] : cases)
-        if (mode != 0) {
-            const std::string p = (dir / name).string();
-            FILE *f = std::fopen(p.c_str(), "w");
-            for (size_t i = 0; i < size; ++i)
-                std::fputc(k7[i % k7.size()], f);
-            std::fclose(f);
-            chmod(p.c_str(), mode);
-        }
+        if (mode != 0)
+            std::ofstream(dir / name) << (raw + raw).substr(0, size), fs::permissions(dir / name, fs::perms(mode));
     fs::create_symlink(dir / "good", dir / "link");
     fs::create_directory(dir / "dir");
     for (const auto &[name, size, mode, want] : cases) {
