@@ -186,8 +186,9 @@ TEST_F(PacketTest, Acceptance)
         pkt->rscpri = static_cast<int32_t>(htonl(rscpri));
         pkt->nodepri = static_cast<int32_t>(htonl(nodepri));
         lanhb_node *node = nullptr;
-        EXPECT_EQ(verdict(list.get(), buf, len - size_t(shorter), len, from, v6, &node) == 0, accepted);
-        EXPECT_TRUE(!accepted || node->pri == nodepri);
+        const bool ok = verdict(list.get(), buf, len - size_t(shorter), len, from, v6, &node) == 0;
+        EXPECT_EQ(ok, accepted);
+        EXPECT_TRUE(!ok || node->pri == nodepri);
     }
 }
 
