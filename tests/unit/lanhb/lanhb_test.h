@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -45,10 +46,12 @@ inline void cluster(const char *ip1 = "127.0.0.1", const char *ip2 = "198.18.0.2
             fake::set_key(std::string("/root/server@") + node + "/device@0/info", ip);
 }
 
+// A failed load ends the test with its code instead of a null table.
 inline list_ptr load()
 {
     lanhb_list *list = nullptr;
-    EXPECT_EQ(lanhb_loadinfo(&list), 0);
+    if (const int32_t r = lanhb_loadinfo(&list); r != 0)
+        throw std::runtime_error("lanhb_loadinfo() returned " + std::to_string(r));
     return {list, lanhb_freelist};
 }
 
@@ -110,7 +113,6 @@ struct LoopTest : LanTest {
         cluster("127.0.0.1", ip2);
         fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(port));
         list = load();
-        ASSERT_TRUE(list);
     }
 };
 
