@@ -18,6 +18,8 @@
 
 #include <gtest/gtest.h>
 
+#include "plat.h"
+
 extern char **environ;
 
 namespace ptest {
@@ -29,12 +31,10 @@ inline std::string slurp(const std::string &path)
     return ss.str();
 }
 
-inline bool has(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
+inline bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
-// A fresh platform root, made the process's ZEM_ROOT for the test's length.
+// A fresh platform root, made the process's ZEM_ROOT for the test's length;
+// whatever the test attached is detached at its end.
 class TempRoot : public ::testing::Test {
 protected:
     std::string root;
@@ -48,6 +48,10 @@ protected:
     }
     void TearDown() override
     {
+        shmnm_detach();
+        shmcm_detach();
+        sem_detach();
+        zemstorage_term();
         unsetenv("ZEM_ROOT");
         std::error_code ec;
         std::filesystem::remove_all(root, ec);
