@@ -1,8 +1,10 @@
-// Node-manager and cluster-manager shared memory, the semaphores and the
-// lock, on real files under a temporary root. What another process sees is
-// proven through zemctl.
+// Node-manager and cluster-manager shared memory, the semaphores, the lock
+// and the heartbeat area, on real files under a temporary root. What another
+// process sees is proven through zemctl; two nodes exchanging records
+// through one area, by the system tests' controller paths.
 #include <cstddef>
 #include <iterator>
+#include <vector>
 
 #include "testutil.h"
 
@@ -85,8 +87,17 @@ TEST_F(Shm, ADeadLockHolderNeverBlocks)
     shmnm_detach();
     shmcm_detach();
     sem_detach();
-    pid_t holder = ptest::spawn({HELPER_PATH, "hold"}, root, at("hold.out"));
-    ASSERT_TRUE(ptest::await_text(at("hold.out"), "hold=0\n")) << ptest::slurp(at("hold.out"));
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t holder = fork();
+    if (holder == 0) { // takes run/lock as a daemon's attach does, says so and waits to be killed
+        char ok = shmnm_attach() == 0 ? 'y' : 'n';
+        if (write(ready[1], &ok, 1) == 1)
+            pause();
+        _exit(1);
+    }
+    char ok = 0;
+    ASSERT_TRUE(read(ready[0], &ok, 1) == 1 && ok == 'y');
     EXPECT_EQ(plat_lock_holder(), holder);
     EXPECT_EQ(shmnm_attach(), PLAT_EBUSY);
     kill(holder, SIGKILL);
@@ -136,6 +147,37 @@ TEST_F(Shm, HistoryKeepsLastChangeLastPublishAndDowns)
     ASSERT_EQ(shmnm_attach(), 0);
     ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &after), 0);
     EXPECT_EQ(after.downs, 0);
+}
+
+// The heartbeat area: slots at fixed offsets in one file, opened from local.xml.
+using Storage = ptest::TempRoot;
+
+constexpr size_t AREA = static_cast<size_t>(ZEMFW_HBSLOTS) * ZEMFW_HBINF_SIZE;
+
+TEST_F(Storage, RefusesAMissingOrShortAreaAndReadsFailOnceItShrinks)
+{
+    uint8_t cntno = 99;
+    EXPECT_NE(zemstorage_init(&cntno), 0); // no area yet (default run/hbarea)
+    EXPECT_TRUE(ptest::has(plat_lasterror(), "run/hbarea")) << plat_lasterror();
+    put("area", std::string(AREA - 1, '\0'));
+    put("etc/local.xml", "<local><storage><area>area</area><controller>1</controller></storage></local>");
+    EXPECT_NE(zemstorage_init(&cntno), 0);
+    std::filesystem::remove(at("area"));
+    std::string err;
+    ASSERT_EQ(plat_area_create(at("area"), err), 0) << err;
+    ASSERT_EQ(zemstorage_init(&cntno), 0);
+    EXPECT_EQ(cntno, 1);
+    char rec[ZEMFW_HBINF_SIZE] = "hbdown";
+    ASSERT_EQ(zemfw_sethbinf(ZEMFW_HBSLOTS - 1, rec), 0);
+    EXPECT_NE(zemfw_sethbinf(ZEMFW_HBSLOTS, rec), 0);
+    ASSERT_EQ(plat_area_create(at("area"), err), 0) << err; // creating again leaves the records alone
+    std::vector<char> buf(AREA, 'x');
+    ASSERT_EQ(zemfw_gethbinf(buf.data()), 0);
+    EXPECT_EQ(std::string(buf.data() + AREA - ZEMFW_HBINF_SIZE, ZEMFW_HBINF_SIZE), std::string(rec, sizeof rec));
+    EXPECT_EQ(std::string(buf.data(), ZEMFW_HBINF_SIZE), std::string(ZEMFW_HBINF_SIZE, '\0'));
+    // Cut short under a running reader: a failure, not a short buffer.
+    ASSERT_EQ(truncate(at("area").c_str(), 100), 0);
+    EXPECT_NE(zemfw_gethbinf(buf.data()), 0);
 }
 
 } // namespace

@@ -38,20 +38,26 @@ protected:
     }
 };
 
-// This test process is the daemon that published.
-TEST_F(Zemctl, StatusKnowsTheDaemonAndInitResetsOnlyWhenForced)
+// This test process is the daemon that published; its post wakes the
+// watcher in another process.
+TEST_F(Zemctl, StatusAndWatchShowWhatTheDaemonPublishedAndInitResetsOnlyWhenForced)
 {
     init_and_attach();
+    pid_t w = ptest::spawn({ZEMCTL_PATH, "watch", "--count", "1", "--timeout", "60"}, root, at("watch.out"));
+    ASSERT_TRUE(ptest::await_text(at("watch.out"), "watching")) << ptest::slurp(at("watch.out"));
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_ONLINE), 0);
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_OFFLINE), 0);
     ASSERT_EQ(shmnm_setrscsvstat("cnthb", "cnt1", 1, 42), 0);
+    ASSERT_EQ(sem_set_statchange(), 0);
+    EXPECT_EQ(ptest::finish(w), 0);
+    const std::string watched = ptest::slurp(at("watch.out"));
+    EXPECT_TRUE(ptest::has(watched, "lanhb lan1 node node2: UNKNOWN -> OFFLINE")) << watched;
+    EXPECT_TRUE(ptest::has(watched, "cnthb cnt1 node node2: UNKNOWN -> 0x2a")) << watched; // no name: hex
     ASSERT_EQ(zemctl({"status", "--json"}), 0) << out;
     auto j = nlohmann::json::parse(out);
-    EXPECT_EQ(j["daemon"]["pid"], getpid());
     EXPECT_EQ(j["daemon"]["lock_pid"], getpid());
-    EXPECT_EQ(j["lanhb"][0]["nodes"][1]["stat"], "OFFLINE");
     EXPECT_EQ(j["lanhb"][0]["nodes"][1]["down_count"], 1);
-    EXPECT_EQ(j["cnthb"][0]["nodes"][1]["stat"], "0x2a"); // no name: hex, still a string
+    EXPECT_EQ(j["cnthb"][0]["nodes"][1]["stat"], "0x2a");
     EXPECT_EQ(zemctl({"init"}), 1) << out;
     EXPECT_TRUE(ptest::has(out, "init refused") && ptest::has(out, "--force")) << out;
     shmnm_detach();
@@ -63,27 +69,14 @@ TEST_F(Zemctl, StatusKnowsTheDaemonAndInitResetsOnlyWhenForced)
     EXPECT_TRUE(j["daemon"]["pid"].is_null());
 }
 
-// Every file under run/ with its bytes and mode.
-std::map<std::string, std::string> run_files(const std::string &dir)
-{
-    std::map<std::string, std::string> out;
-    for (const auto &e : std::filesystem::directory_iterator(dir))
-        out[e.path().filename()] = std::to_string(static_cast<int>(e.status().permissions())) + ":" +
-                                   ptest::slurp(e.path());
-    return out;
-}
-
-// check and init name the same problems the same way, and neither touches
-// run/ (not even the mode init would fix).
-TEST_F(Zemctl, CheckAndInitRefuseBrokenConfigurationAlikeAndChangeNothing)
+// That check and init agree and leave run/ alone is proven by the system
+// tests; here every problem is named with its place.
+TEST_F(Zemctl, CheckNamesEveryConfigurationProblemWithItsPlace)
 {
     EXPECT_EQ(zemctl({"status"}), 1);
     EXPECT_TRUE(ptest::has(out, at("run/shmnm") + " is missing (ret:3); run \"zemctl init\"")) << out;
     EXPECT_EQ(zemctl({"status"}, {"ZEM_ROOT=" + at("nowhere")}), 1);
     EXPECT_TRUE(ptest::has(out, "root directory " + at("nowhere") + " does not exist")) << out;
-    ASSERT_EQ(zemctl({"init"}), 0) << out;
-    ASSERT_EQ(chmod(at("run").c_str(), 0777), 0);
-    const auto before = run_files(at("run"));
     const std::string cl = ptest::slurp(EXAMPLES_DIR "/cluster.xml"), local = ptest::slurp(at("etc/local.xml"));
     const std::string many = R"(<root>
 <server name="a"><priority>0</priority><device name="0"><info>198.18.0.300</info></device></server>
@@ -109,13 +102,9 @@ TEST_F(Zemctl, CheckAndInitRefuseBrokenConfigurationAlikeAndChangeNothing)
         EXPECT_EQ(zemctl({"check"}), 1) << out;
         for (const char *want : wants)
             EXPECT_TRUE(ptest::has(out, want)) << want << " in\n" << out;
-        const std::string checked = out.substr(0, out.find("zemctl:"));
-        EXPECT_EQ(zemctl({"init"}), 1) << out;
-        EXPECT_EQ(out.substr(0, out.find("zemctl:")), checked);
     }
     put("etc/local.xml", local);
     EXPECT_EQ(zemctl({"check"}), 0) << out;
-    EXPECT_EQ(run_files(at("run")), before);
 }
 
 // What a local user could have planted under run/ and log/: init brings
@@ -129,19 +118,16 @@ TEST_F(Zemctl, InitFixesModesAndRefusesPlantedFiles)
     for (const char *rel : {"run", "run/shmnm", "log", "log/lanhb.log"})
         ASSERT_EQ(chmod(at(rel).c_str(), 0777), 0);
     ASSERT_EQ(zemctl({"init"}), 0) << out;
-    std::string modes;
-    for (const char *rel : {"run", "run/shmnm", "run/hbarea", "log", "log/lanhb.log"})
-        modes += std::to_string(static_cast<int>(fs::symlink_status(at(rel)).permissions())) + " ";
-    EXPECT_EQ(modes, std::to_string(0700) + " " + std::to_string(0600) + " " + std::to_string(0640) + " " +
-                         std::to_string(0750) + " " + std::to_string(0640) + " ");
-    fs::remove(log);
-    ASSERT_EQ(symlink(at("elsewhere").c_str(), log.c_str()), 0);
-    EXPECT_EQ(zemctl({"init"}), 1) << out;
-    EXPECT_TRUE(ptest::has(out, log + ": is a symbolic link")) << out;
-    fs::remove(log);
-    ASSERT_EQ(mkfifo(log.c_str(), 0666), 0);
-    EXPECT_EQ(zemctl({"init"}), 1) << out;
-    EXPECT_TRUE(ptest::has(out, log + ": not a regular file")) << out;
+    const std::pair<const char *, int> modes[] = {
+        {"run", 0700}, {"run/shmnm", 0600}, {"run/hbarea", 0640}, {"log", 0750}, {"log/lanhb.log", 0640}};
+    for (auto [rel, mode] : modes)
+        EXPECT_EQ(static_cast<int>(fs::symlink_status(at(rel)).permissions()), mode) << rel;
+    for (bool link : {true, false}) {
+        fs::remove(log);
+        ASSERT_EQ(link ? symlink(at("elsewhere").c_str(), log.c_str()) : mkfifo(log.c_str(), 0666), 0);
+        EXPECT_EQ(zemctl({"init"}), 1) << out;
+        EXPECT_TRUE(ptest::has(out, log + (link ? ": is a symbolic link" : ": not a regular file"))) << out;
+    }
     EXPECT_FALSE(fs::exists(at("elsewhere")));
 }
 
@@ -156,8 +142,9 @@ TEST_F(Zemctl, SetWritesWhatTheDaemonReads)
         {{"waitstat", "1"}, shmnm_getwaitstat, SHMNM_WAITSTAT_RESUME},
         {{"hdstat", "node2", "9"}, [](int32_t *v) { return shmnm_gethdstat("node2", v); }, 9},
         {{"nodestat", "node1", "7"}, [](int32_t *v) { return shmnm_getnodestat("node1", v); }, 7},
-        {{"down", "on"}, [](int32_t *v) { return *v = sem_wait_downnotify(0), 0; }, 0},
-        {{"down", "off"}, [](int32_t *v) { return *v = sem_wait_downnotify(0), 0; }, 1},
+        // Read twice: asking does not use the setting up.
+        {{"down", "on"}, [](int32_t *v) { return *v = sem_wait_downnotify(0) + sem_wait_downnotify(0), 0; }, 0},
+        {{"down", "off"}, [](int32_t *v) { return *v = sem_wait_downnotify(0) + sem_wait_downnotify(0), 0; }, 2},
     };
     for (const auto &[args, read, want] : cases) {
         std::vector<std::string> a = args;
@@ -170,11 +157,7 @@ TEST_F(Zemctl, SetWritesWhatTheDaemonReads)
     const std::tuple<std::vector<std::string>, int, const char *> refused[] = {
         {{"set", "ratio", "0"}, 2, "must be 1 or more"},
         {{"set", "ratio", "361"}, 2, "over an hour; repeat with --force"}, // hbto 10000: 10 s x 361
-        {{"set", "ratio", "two"}, 2, "ratio"},
         {{"set", "hdstat", "node9", "1"}, 1, "no such node"},
-        {{"set", "down", "maybe"}, 2, "down"},
-        {{"set"}, 2, "required"},
-        {{"stauts"}, 2, "unknown subcommand \"stauts\"; did you mean \"status\"?"},
         {{"set", "ration", "2"}, 2, "did you mean \"ratio\"?"},
     };
     for (const auto &[args, rc, why] : refused) {
@@ -187,60 +170,41 @@ TEST_F(Zemctl, SetWritesWhatTheDaemonReads)
     EXPECT_EQ(zemctl({"set", "ratio", "361", "--force"}), 0) << out;
 }
 
-// Readiness notices to a service manager are proven by the installed-package
-// system test.
+// The plain run and stop, the daemon adopting the lock and the readiness
+// notices are proven by the system tests. The stand-in daemon tells zemctl
+// it is up, echoes the signals it gets and ends as END says.
 TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
 {
     ASSERT_EQ(zemctl({"init"}), 0) << out;
-    struct {
-        std::vector<std::string> env;
-        std::vector<std::string> args;
-        int rc;
-        std::vector<std::string> said;
-    } cases[] = {
-        {{"HELPER_EXIT=0"}, {}, 0,
-         {"is up; sending SIGUSR2", "usr2\n", "down notification on; sending SIGUSR1", "usr1\n",
-          "sem_attach=0 down=0 down-again=0", "exited with status 0"}},
-        {{"HELPER_EXIT=5"}, {"--no-down"}, 5,
-         {"usr2\n", "usr1\n", "sem_attach=0 down=1 down-again=1", "exited with status 5"}},
-        {{"HELPER_MODE=crash"}, {}, 128 + SIGKILL, {"usr1\n", "was killed by signal 9"}},
+    const std::string daemon = at("daemon");
+    put("daemon", "#!/bin/sh\ntrap 'echo usr2' USR2\ntrap 'echo usr1; eval \"$END\"' USR1\neval \"$EARLY\"\n"
+                  "kill -USR1 $PPID\nwhile :; do sleep 0.01; done\n");
+    ASSERT_EQ(chmod(daemon.c_str(), 0700), 0);
+    const std::tuple<std::vector<std::string>, const char *, int, const char *, const char *, bool> cases[] = {
+        {{}, "END=exit 5", 5, "down notification on; sending SIGUSR1", "exited with status 5", true},
+        {{"--no-down"}, "END=kill -9 $$", 128 + SIGKILL, "down notification off; sending SIGUSR1",
+         "was killed by signal 9", false},
     };
-    for (auto &c : cases) {
-        std::vector<std::string> args = {ZEMCTL_PATH, "run", "--daemon", HELPER_PATH};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        pid_t p = ptest::spawn(args, root, at("run.out"), c.env);
-        ASSERT_GT(p, 0);
-        EXPECT_TRUE(ptest::await_text(at("run.out"), "usr2")) << ptest::slurp(at("run.out"));
+    for (const auto &[opts, end, rc, said, ended, down] : cases) {
+        std::vector<std::string> args = {ZEMCTL_PATH, "run", "--daemon", daemon};
+        args.insert(args.end(), opts.begin(), opts.end());
+        pid_t p = ptest::spawn(args, root, at("run.out"), {end});
+        ASSERT_TRUE(ptest::await_text(at("run.out"), "usr2")) << ptest::slurp(at("run.out"));
         kill(p, SIGTERM);
-        EXPECT_EQ(ptest::finish(p), c.rc);
+        EXPECT_EQ(ptest::finish(p), rc);
         out = ptest::slurp(at("run.out"));
-        size_t pos = 0; // each in this order
-        for (const std::string &s : c.said) {
-            pos = out.find(s, pos);
-            ASSERT_NE(pos, std::string::npos) << s << " in order in\n" << out;
-        }
+        for (const std::string &want : {std::string(said) + " to daemon", std::string("usr1\n"), std::string(ended)})
+            EXPECT_TRUE(ptest::has(out, want)) << want << " in\n" << out;
+        ASSERT_EQ(zemctl({"status", "--json"}), 3) << out;
+        EXPECT_EQ(nlohmann::json::parse(out)["cluster"]["down_notification"], down);
     }
     // Exit 12 is a configuration that cannot be loaded: zemctl says why.
     put("etc/cluster.xml", "<root>\n<cluster>\n</root>\n");
-    EXPECT_EQ(zemctl({"run", "--daemon", HELPER_PATH}, {"HELPER_MODE=early"}), 12) << out;
+    EXPECT_EQ(zemctl({"run", "--daemon", daemon}, {"EARLY=exit 12"}), 12) << out;
     EXPECT_FALSE(ptest::has(out, "is up")) << out;
     EXPECT_TRUE(ptest::has(out, "probable cause: " + at("etc/cluster.xml") + ":3:")) << out;
     EXPECT_EQ(zemctl({"run", "--daemon", at("no-such-daemon")}), 127);
     EXPECT_TRUE(ptest::has(out, "cannot run")) << out;
-}
-
-// A post from another process (the daemon) wakes the watcher, which shows
-// the change.
-TEST_F(Zemctl, WatchShowsTheChangeAnotherProcessPosts)
-{
-    init_and_attach();
-    pid_t w = ptest::spawn({ZEMCTL_PATH, "watch", "--count", "1", "--timeout", "60"}, root, at("watch.out"));
-    ASSERT_TRUE(ptest::await_text(at("watch.out"), "watching")) << ptest::slurp(at("watch.out"));
-    ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan2", 1, SHMNM_SVSTAT_ONLINE), 0);
-    ASSERT_EQ(sem_set_statchange(), 0);
-    EXPECT_EQ(ptest::finish(w), 0);
-    EXPECT_TRUE(ptest::has(ptest::slurp(at("watch.out")), "lanhb lan2 node node2: UNKNOWN -> ONLINE"))
-        << ptest::slurp(at("watch.out"));
 }
 
 } // namespace
