@@ -25,7 +25,7 @@ protected:
     int zemctl(std::vector<std::string> args, const std::vector<std::string> &env = {})
     {
         args.insert(args.begin(), ZEMCTL_PATH);
-        int rc = ptest::finish(ptest::spawn(args, root, at("zemctl.out"), env));
+        int rc = ptest::finish(ptest::spawn(args, at("zemctl.out"), env));
         out = ptest::slurp(at("zemctl.out"));
         return rc;
     }
@@ -43,7 +43,7 @@ protected:
 TEST_F(Zemctl, StatusAndWatchShowWhatTheDaemonPublishedAndInitResetsOnlyWhenForced)
 {
     init_and_attach();
-    pid_t w = ptest::spawn({ZEMCTL_PATH, "watch", "--count", "1", "--timeout", "60"}, root, at("watch.out"));
+    pid_t w = ptest::spawn({ZEMCTL_PATH, "watch", "--count", "1", "--timeout", "60"}, at("watch.out"));
     ASSERT_TRUE(ptest::await_text(at("watch.out"), "watching")) << ptest::slurp(at("watch.out"));
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_ONLINE), 0);
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_OFFLINE), 0);
@@ -188,7 +188,7 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
     for (const auto &[opts, end, rc, said, ended, down] : cases) {
         std::vector<std::string> args = {ZEMCTL_PATH, "run", "--daemon", daemon};
         args.insert(args.end(), opts.begin(), opts.end());
-        pid_t p = ptest::spawn(args, root, at("run.out"), {end});
+        pid_t p = ptest::spawn(args, at("run.out"), {end});
         ASSERT_TRUE(ptest::await_text(at("run.out"), "usr2")) << ptest::slurp(at("run.out"));
         kill(p, SIGTERM);
         EXPECT_EQ(ptest::finish(p), rc);

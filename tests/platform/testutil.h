@@ -64,19 +64,17 @@ protected:
     }
 };
 
-// A child with stdout and stderr in the file out and root as its ZEM_ROOT.
-inline pid_t spawn(std::vector<std::string> args, const std::string &root, const std::string &out,
-                   std::vector<std::string> env = {})
+// A child with stdout and stderr in the file out. env comes before this
+// process's environment (ZEM_ROOT included), so it wins.
+inline pid_t spawn(std::vector<std::string> args, const std::string &out, std::vector<std::string> env = {})
 {
-    for (char **e = environ; *e != nullptr; e++)
-        if (strncmp(*e, "ZEM_ROOT=", 9) != 0)
-            env.emplace_back(*e);
-    env.push_back("ZEM_ROOT=" + root);
     std::vector<char *> argv, envp;
     for (std::string &a : args)
         argv.push_back(a.data());
     for (std::string &e : env)
         envp.push_back(e.data());
+    for (char **e = environ; *e != nullptr; e++)
+        envp.push_back(*e);
     argv.push_back(nullptr);
     envp.push_back(nullptr);
     posix_spawn_file_actions_t fa;
