@@ -97,7 +97,10 @@ TEST_F(Shm, ADeadLockHolderNeverBlocks)
         _exit(1);
     }
     char ok = 0;
-    ASSERT_TRUE(read(ready[0], &ok, 1) == 1 && ok == 'y');
+    const bool up = read(ready[0], &ok, 1) == 1 && ok == 'y';
+    close(ready[0]);
+    close(ready[1]);
+    ASSERT_TRUE(up);
     EXPECT_EQ(plat_lock_holder(), holder);
     EXPECT_EQ(shmnm_attach(), PLAT_EBUSY);
     kill(holder, SIGKILL);
