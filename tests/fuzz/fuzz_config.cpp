@@ -1,8 +1,7 @@
 // What an operator writes: cluster.xml, local.xml and a key, separated by NUL
-// bytes. The platform's validation (as init and check run it), the lookup of
-// the key and its value in both kinds, and, for a configuration that passes,
-// the shared memory init builds from it. A configuration that passes must
-// describe a cluster the node manager shows back unchanged.
+// bytes: the platform's validation, the lookup of the key in both kinds, and
+// for a configuration that passes, the shared memory init builds from it,
+// which must show the cluster back unchanged.
 #include <unistd.h>
 
 #include <cstring>
@@ -17,19 +16,14 @@ using namespace fuzzcommon;
 
 namespace {
 
-// Keys the daemon reads, so the lookup walks real paths as well.
-const char *const keys[] = {"/root/cluster/heartbeat/timeout", "/root/cluster/heartbeat/interval",
-                            "/root/all/num/server", "/root/heartbeat/lanhb@lan4/device",
-                            "/root/server@node1/device@0/info"};
-
-void lookup(const std::string &key)
+void lookup(const char *key)
 {
     int32_t v = 0;
     int32_t len = sizeof v;
-    xmllib_get_value(key.c_str(), XMLLIB_KIND_INT, &v, &len);
+    xmllib_get_value(key, XMLLIB_KIND_INT, &v, &len);
     char text[64];
     len = sizeof text;
-    if (xmllib_get_value(key.c_str(), XMLLIB_KIND_TEXT, text, &len) == 0)
+    if (xmllib_get_value(key, XMLLIB_KIND_TEXT, text, &len) == 0)
         require(len >= 1 && len <= static_cast<int32_t>(sizeof text) && text[len - 1] == '\0', "text value length");
 }
 
@@ -37,7 +31,7 @@ void created_matches(const plat_cluster &cl)
 {
     std::string err;
     if (plat_shm_create(cl, err) != 0 || shmnm_attach() != 0)
-        return; // nothing to compare: a failed create says why itself
+        return;
     std::vector<char> buf(64 * 64);
     int32_t size = static_cast<int32_t>(buf.size());
     if (shmnm_enumnode(buf.data(), &size) == 0) {
@@ -88,8 +82,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int32_t v = 0;
     plat_parse_i32(key.c_str(), &v);
     if (xmllib_init("fuzz") == 0 && xmllib_load_config() == 0) {
-        lookup(key);
-        for (const char *k : keys)
+        // Keys the daemon reads too, so the lookup walks real paths as well.
+        for (const char *k : {key.c_str(), "/root/cluster/heartbeat/timeout", "/root/cluster/heartbeat/interval",
+                              "/root/all/num/server", "/root/heartbeat/lanhb@lan4/device",
+                              "/root/server@node1/device@0/info"})
             lookup(k);
         xmllib_unload_config();
     }

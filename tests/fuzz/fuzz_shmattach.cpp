@@ -1,8 +1,7 @@
 // A shared-memory file as found under run/: the first byte picks the file
-// (node manager, cluster manager, semaphore) and whether the rest keeps its
-// own length or is cut or padded to the layout's; the rest is the content.
-// Attach must refuse what it cannot trust, and every operation on an attached
-// file must stay inside it.
+// and whether the rest (the content) keeps its own length or is cut or padded
+// to the layout's. Attach refuses what it cannot trust; every operation on
+// an attached file stays inside it.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -23,11 +22,9 @@ void nodemanager()
     int32_t v = 0;
     shmnm_getwaitstat(&v);
     if (shmnm_enumnode(names.data(), &size) == 0)
-        for (const char *p = names.data(); *p != '\0'; p += std::strlen(p) + 1) {
-            shmnm_getnodepri(p, &v);
-            shmnm_getnodestat(p, &v);
-            shmnm_gethdstat(p, &v);
-        }
+        for (const char *p = names.data(); *p != '\0'; p += std::strlen(p) + 1)
+            for (auto get : {shmnm_getnodepri, shmnm_getnodestat, shmnm_gethdstat})
+                get(p, &v);
     for (const char *kind : {HB_KIND_LANHB, HB_KIND_CNTHB}) {
         std::vector<char> rscs(NM_MAXRSC * NM_RSCNAME + 1);
         size = static_cast<int32_t>(rscs.size());
@@ -50,10 +47,9 @@ void clustermanager()
     if (shmcm_attach() != 0)
         return;
     char text[SHMCM_TEXT_SIZE];
-    if (shmcm_getedition(text) == 0)
-        require(std::memchr(text, '\0', sizeof text) != nullptr, "edition ends inside its buffer");
-    if (shmcm_getversion(text) == 0)
-        require(std::memchr(text, '\0', sizeof text) != nullptr, "version ends inside its buffer");
+    for (auto get : {shmcm_getedition, shmcm_getversion})
+        if (get(text) == 0)
+            require(std::memchr(text, '\0', sizeof text) != nullptr, "edition/version ends inside its buffer");
     int32_t a = 0, b = 0;
     char info[SHMCM_ACTINFO_SIZE];
     shmcm_getaction(&a, info, nullptr);
@@ -63,10 +59,8 @@ void clustermanager()
 
 void semaphore()
 {
-    if (sem_attach() != 0)
-        return;
-    sem_set_statchange();
-    sem_detach();
+    if (sem_attach() == 0)
+        sem_set_statchange(), sem_detach();
 }
 
 } // namespace

@@ -1,20 +1,12 @@
 // A thread cancelled at pthread_testcancel, with nothing of the daemon in it.
-//
-// The cancellation unwinds by forced unwinding. At each C++ clean-up on the
-// way (here the destructor in worker()), the compiler calls ASan's no-return
-// hook before resuming the unwinding. That hook first asks sigaltstack for
-// the alternate signal stack, through ASan's own interceptor, which checks
-// the shadow of its result buffer on the stack. That buffer lies where the
-// frames already unwound (waitdeep) had their redzones, still poisoned, and
-// the runtime reports a stack-buffer-overflow inside itself, or, when the
-// frame it blames is gone, dies on "CHECK failed ... kCurrentStackFrameMagic".
-// Seen with GCC 12's libasan; clang 14's runtime makes the same call.
-//
-// Built plain this program fails under ASan. Built with -DCLEAR_FIRST it
-// takes the cancellation the way hbth_cancelpoint() does: a clean-up pushed
-// right around pthread_testcancel calls the hook while only the (uninstrumented)
-// C library's frames lie below, and the hook clears the whole stack's shadow
-// before any instrumented frame is left.
+// At each C++ clean-up of the forced unwinding (the destructor in worker()),
+// ASan's no-return hook calls sigaltstack through ASan's interceptor, whose
+// result buffer lies where the unwound frames (waitdeep) left their redzones
+// poisoned: the runtime reports a stack-buffer-overflow inside itself or a
+// failed CHECK (GCC 12's libasan; clang 14's likewise). Built plain this
+// fails under ASan; with -DCLEAR_FIRST the hook runs, as in
+// hbth_cancelpoint(), from a clean-up around pthread_testcancel, while only
+// the C library's frames lie below, and clears the stack's shadow first.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -59,7 +51,7 @@ __attribute__((noinline)) static void waitdeep()
     for (;;) {
         U8(a), U8(b), U8(c), U8(d), U8(e), U8(f), U8(g), U8(h);
         cancelpoint();
-        usleep(1000); // cancellation is off here, as in the daemon's waits
+        usleep(1000); // cancellation off, as in the daemon's waits
     }
 }
 

@@ -1,13 +1,15 @@
-// What the unit tests of every module share: the clock they drive, waiting
-// for a condition, threads started and joined as main does, and a controller
-// call that hangs.
+// What the unit tests of every module share: logs open, the clock they
+// drive, waiting for a condition, threads started and joined as main does,
+// and a controller call that hangs.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 
 #include "fake/fake_platform.h"
@@ -19,6 +21,12 @@ namespace unit {
 // The clock a test drives through hbtick_source.
 inline std::atomic<hbtick_t> now{1000};
 inline hbtick_t fakenow() { return now.load(); }
+
+// Both logs open for the test; the frame's globals put back after it.
+struct FrameTest : ::testing::Test {
+    void SetUp() override { loginit(); }
+    void TearDown() override { logterm(), hbframe_reset(); }
+};
 
 // Every log record names the function that wrote it, never a lambda's.
 inline void expect_named_places()
@@ -36,7 +44,18 @@ template <class F> bool waitfor(F cond)
     return cond();
 }
 
-inline pthread_t start(void *(*entry)(void *), void *arg)
+// In a death test's child: a failed check names itself, shows the logs and
+// ends the child with 99, a status the daemon never exits with.
+[[noreturn]] inline void child_failed(const char *what)
+{
+    std::fprintf(stderr, "failed: %s\n", what);
+    for (const auto &r : fake::logs())
+        std::fprintf(stderr, "%s: %s\n", r.log.c_str(), r.text.c_str());
+    _exit(99);
+}
+#define CHILD_CHECK(cond) ((cond) ? (void)0 : unit::child_failed(#cond))
+
+inline pthread_t start(void *(*entry)(void *), void *arg = nullptr)
 {
     pthread_t th = 0;
     EXPECT_EQ(pthread_create(&th, nullptr, entry, arg), 0);

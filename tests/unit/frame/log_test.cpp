@@ -1,19 +1,17 @@
 // hblog routing and text, loginit settings.
-#include "frame_test.h"
-
-using namespace frametest;
+#include "unit/unit.h"
 
 namespace {
 
+using Texts = std::vector<std::string>;
 const char *volatile null_text = nullptr; // hidden from the compiler's null "%s" check
 
-struct Hblog : ::testing::Test {
-    void TearDown() override { logterm(); }
-};
+using Hblog = unit::FrameTest;
 
 TEST_F(Hblog, OpensLogsWithTheirSettingsAndRoutesByModule)
 {
     // Each log its own keys; a missing key takes the default.
+    logterm();
     fake::set_key("/root/lanhb/log/level", "8");
     fake::set_key("/root/cnthb/log/level", "2");
     fake::set_key("/root/cnthb/log/size", "5000");
@@ -51,7 +49,6 @@ TEST_F(Hblog, OpensLogsWithTheirSettingsAndRoutesByModule)
 
 TEST_F(Hblog, PrintsNullTextsAsZeroAndCutsLongTexts)
 {
-    loginit();
     const char *none = null_text;
     const std::string fmt(120, 'f'), value(500, 'v');
     HBLOG(1, 4, "pthread_join(send) success(ret:%d,thret:%s)", 0, none);

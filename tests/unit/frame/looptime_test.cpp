@@ -1,23 +1,23 @@
 // Time-out limits and delay warnings.
-#include <atomic>
 #include <climits>
 
-#include "frame_test.h"
-
-using namespace frametest;
+#include "unit/unit.h"
 
 namespace {
 
-std::atomic<hbtick_t> test_now{0};
+using Texts = std::vector<std::string>;
 
-struct Delay : LogTest {
-    void SetUp() override
+struct Delay : unit::FrameTest {
+    void SetUp() override { tckconf = 100, FrameTest::SetUp(); }
+    // Texts of the catalogued records of one log.
+    static Texts records(const char *log)
     {
-        tckconf = 100;
-        hbtick_source = [] { return test_now.load(); };
-        LogTest::SetUp();
+        Texts out;
+        for (const auto &r : fake::logs_of(log))
+            if (r.level == LOG_LEVEL_CATALOG)
+                out.push_back(r.text);
+        return out;
     }
-    void TearDown() override { LogTest::TearDown(), hbframe_reset(); }
     // Records one check adds to the log of its kind.
     static size_t warned(int kind, hbtick_t elapsed, int32_t msgno, int32_t hbto = 10000)
     {
@@ -28,34 +28,26 @@ struct Delay : LogTest {
     }
 };
 
-TEST_F(Delay, WarnsFromTheThresholdAndWritesOverTimeOnlyForOwnOperations)
+TEST_F(Delay, WarnsFromTheThresholdForOwnOperationsWithRateRatioAndSaturation)
 {
-    // 10 s, ratio 1, 100 ticks per second, rate 80: limit 1000, threshold 800.
-    const struct {
-        int kind;
-        hbtick_t elapsed;
-        int32_t msgno;
-        size_t written;
-    } cases[] = {{1, 799, 72, 0}, {1, 800, 72, 1}, {1, 1000, 72, 1}, {1, 1001, 72, 1}, {1, 1001, 73, 1},
-                 {1, 1000, 71, 1}, {1, 1001, 71, 0}, {1, 1001, 74, 0}, {2, 800, 75, 1},  {2, 1001, 74, 1},
-                 {2, 1001, 72, 0}, {3, 900, 72, 0}};
-    for (const auto &c : cases)
-        EXPECT_EQ(warned(c.kind, c.elapsed, c.msgno), c.written) << c.kind << "/" << c.elapsed << "/" << c.msgno;
-    EXPECT_EQ(records("lanhb").front(), "delay(72) rsc=p1 node=n2 hbto=10s tck=100 elapsed=800 rate=80%");
-}
-
-TEST_F(Delay, RateRatioAndSaturation)
-{
-    // rate, ticks per second, ratio (0: unreadable), time-out, elapsed, written
-    const int32_t cases[][6] = {{150, 100, 1, 10000, 999, 0}, {150, 100, 1, 10000, 1000, 1}, // rate over 100: the limit
-                                {0, 100, 1, 10000, 0, 1},     {80, 7, 1, 10000, 10, 1}, // limit 70 divided first: 0
-                                {80, 100, 2, 500, 159, 0},    {80, 100, 2, 500, 160, 1}, // 500 ms counts as 1 s
-                                {80, 100, -3, 10000, 800, 1}, {80, 100, 0, 10000, 800, 1}};
+    // kind, msgno, rate, ticks per second, ratio (0: unreadable), time-out, elapsed, records written.
+    // 10 s, ratio 1, 100 ticks per second, rate 80: limit 1000, threshold 800; over
+    // time is written only for the kind's own operations.
+    const int32_t cases[][8] = {
+        {1, 72, 80, 100, 1, 10000, 799, 0},  {1, 72, 80, 100, 1, 10000, 800, 1},  {1, 72, 80, 100, 1, 10000, 1000, 1},
+        {1, 72, 80, 100, 1, 10000, 1001, 1}, {1, 73, 80, 100, 1, 10000, 1001, 1}, {1, 71, 80, 100, 1, 10000, 1000, 1},
+        {1, 71, 80, 100, 1, 10000, 1001, 0}, {1, 74, 80, 100, 1, 10000, 1001, 0}, {2, 75, 80, 100, 1, 10000, 800, 1},
+        {2, 74, 80, 100, 1, 10000, 1001, 1}, {2, 72, 80, 100, 1, 10000, 1001, 0}, {3, 72, 80, 100, 1, 10000, 900, 0},
+        {1, 72, 150, 100, 1, 10000, 999, 0}, {1, 72, 150, 100, 1, 10000, 1000, 1}, // rate over 100: the limit
+        {1, 72, 0, 100, 1, 10000, 0, 1},     {1, 72, 80, 7, 1, 10000, 10, 1},      // limit 70 divided first: 0
+        {1, 72, 80, 100, 2, 500, 159, 0},    {1, 72, 80, 100, 2, 500, 160, 1},     // 500 ms counts as 1 s
+        {1, 72, 80, 100, -3, 10000, 800, 1}, {1, 72, 80, 100, 0, 10000, 800, 1}};
     for (const auto &c : cases) {
-        lanhb_warnrate = c[0], tckconf = c[1];
-        c[2] != 0 ? fake::set_ratio(c[2]) : fake::fail("shmcm_getratio", 6, 2);
-        EXPECT_EQ(warned(1, hbtick_t(c[4]), 72, c[3]), size_t(c[5])) << c[0] << "/" << c[1] << "/" << c[2] << "/" << c[4];
+        lanhb_warnrate = cnthb_warnrate = c[2], tckconf = c[3];
+        c[4] != 0 ? fake::set_ratio(c[4]) : fake::fail("shmcm_getratio", 6, 2);
+        EXPECT_EQ(warned(c[0], hbtick_t(c[6]), c[1], c[5]), size_t(c[7])) << testing::PrintToString(c);
     }
+    EXPECT_EQ(records("lanhb").front(), "delay(72) rsc=p1 node=n2 hbto=10s tck=100 elapsed=800 rate=80%");
     warned(2, 0, 75);
     for (const char *log : {"lanhb", "cnthb"})
         EXPECT_EQ(fake::texts(log), Texts{"shmcm_getratio() failed(ret:6)"});

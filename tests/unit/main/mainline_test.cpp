@@ -1,25 +1,16 @@
-// The main line's start-up failures: exit status, log lines, the order in
-// which what was set up is released, and whether the parent was told. The
-// daemon runs in a child (the re-executed test binary) that checks what the
-// fake recorded and exits with the daemon's status, or 99 after printing
-// what differed.
-#include <gtest/gtest.h>
-
+// The main line: each start-up failure (exit status, log lines, the order in
+// which what was set up is released, whether the parent was told, the signal
+// dispositions) and a whole run stopped by SIGUSR1. The daemon runs in a
+// child (the re-executed test binary) that checks what the fake recorded and
+// exits with the daemon's status.
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "daemon/daemon.h"
-#include "fake/fake_platform.h"
-#include "frame/frame.h"
 #include "unit/lanhb/lanhb_test.h"
 
 namespace {
@@ -40,11 +31,11 @@ const std::string CLOCK = "clock:" + std::to_string(sysconf(_SC_CLK_TCK)) + " pe
 const Texts AFTER_LOGS = {"log_term", "xmllib_unload_config", "xmllib_term"};
 const Texts LOAD_RELEASES = {"log_term",   "zemstorage_term",      "shmnm_detach", "shmcm_detach",
                              "sem_detach", "xmllib_unload_config", "xmllib_term"};
-const Texts LOAD_LINES = {"lanhb/cnthb starting", CLOCK, "lanhb_loadinfo() failed(ret:9)", "lanhb/cnthb shutting down"};
-Texts attach_lines(int ret)
+Texts lines(const std::string &failed, const char *stop = "lanhb/cnthb shutting down")
 {
-    return {"lanhb/cnthb starting", CLOCK, "attachipc() failed(ret:" + std::to_string(ret) + ")", "lanhb shutting down"};
+    return {"lanhb/cnthb starting", CLOCK, failed, stop};
 }
+const Texts LOAD_LINES = lines("lanhb_loadinfo() failed(ret:9)");
 void fail_loader() { fake::fail_on("xmllib_load_policy", "all", 9); } // the LAN loader's first policy
 
 const Case CASES[] = {
@@ -52,10 +43,13 @@ const Case CASES[] = {
     {"load_config", [] { fake::fail("xmllib_load_config", 2); }, 12, {}, {"xmllib_term"}, false, 0},
     {"storage", [] { fake::fail("zemstorage_init", 5); }, 1,
      {"lanhb/cnthb starting", "zemstorage_init() failed(ret:5)", "lanhb/cnthb shutting down"}, AFTER_LOGS, false, 0},
-    {"sem_attach", [] { fake::fail("sem_attach", 7); }, 1, attach_lines(1), AFTER_LOGS, true, 0},
-    {"shmcm_attach", [] { fake::fail("shmcm_attach", 7); }, 1, attach_lines(2),
+    {"sem_attach", [] { fake::fail("sem_attach", 7); }, 1, lines("attachipc() failed(ret:1)", "lanhb shutting down"),
+     AFTER_LOGS, true, 0},
+    {"shmcm_attach", [] { fake::fail("shmcm_attach", 7); }, 1,
+     lines("attachipc() failed(ret:2)", "lanhb shutting down"),
      {"sem_detach", "log_term", "xmllib_unload_config", "xmllib_term"}, true, 0},
-    {"shmnm_attach", [] { fake::fail("shmnm_attach", 7); }, 1, attach_lines(3),
+    {"shmnm_attach", [] { fake::fail("shmnm_attach", 7); }, 1,
+     lines("attachipc() failed(ret:3)", "lanhb shutting down"),
      {"shmcm_detach", "sem_detach", "log_term", "xmllib_unload_config", "xmllib_term"}, true, 0},
     {"loader", [] { fail_loader(), fake::set_waitstat(0); }, 13, LOAD_LINES, LOAD_RELEASES, true, 0},
     {"resume", [] { fail_loader(), fake::set_waitstat(1); }, 13, LOAD_LINES, LOAD_RELEASES, true, 1},
@@ -64,9 +58,7 @@ const Case CASES[] = {
          fake::add_node("node1", 1), fake::add_rsc("lanhb", "lan1", 1); // a LAN table, freed again
          fake::fail_on("xmllib_load_policy", "cnthb", 9);
      },
-     13,
-     {"lanhb/cnthb starting", CLOCK, "cnthb_loadinfo() failed(ret:9)", "lanhb/cnthb shutting down"}, LOAD_RELEASES,
-     true, 0},
+     13, lines("cnthb_loadinfo() failed(ret:9)"), LOAD_RELEASES, true, 0},
     {"waitstat and setsched",
      [] {
          fail_loader(), fake::fail("shmnm_getwaitstat", 4);
@@ -78,58 +70,60 @@ const Case CASES[] = {
      LOAD_RELEASES, true, 1},
 };
 
+// SIGUSR1 stays blocked during each test: the daemon tells its parent with it.
+struct MainLine : ::testing::Test {
+    sigset_t usr1{}, saved{};
+    void SetUp() override
+    {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        sigemptyset(&usr1), sigaddset(&usr1, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &usr1, &saved);
+        took_usr1();
+    }
+    void TearDown() override { pthread_sigmask(SIG_SETMASK, &saved, nullptr); }
+    // True when a SIGUSR1 reached this process since the last call.
+    bool took_usr1()
+    {
+        const struct timespec none = {0, 0};
+        bool got = false;
+        while (sigtimedwait(&usr1, nullptr, &none) == SIGUSR1)
+            got = true;
+        return got;
+    }
+};
+
 [[noreturn]] void run_main(const Case &c)
 {
+    const sigset_t none{};
+    pthread_sigmask(SIG_SETMASK, &none, nullptr); // the test's own block undone
     const int status = zemlanhb_main();
+    // The dispositions are set first, whatever fails after.
+    for (int sig : {SIGHUP, SIGINT, SIGPIPE, SIGALRM})
+        CHILD_CHECK(signal(sig, SIG_IGN) == SIG_IGN);
+    for (int sig : {SIGTERM, SIGCHLD, SIGUSR1, SIGUSR2})
+        CHILD_CHECK(signal(sig, SIG_DFL) == SIG_DFL);
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    CHILD_CHECK(sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 1);
     const std::set<std::string> releasing(LOAD_RELEASES.begin(), LOAD_RELEASES.end());
-    Texts releases, all;
+    Texts releases, all, mainlines;
     for (const auto &call : fake::calls()) {
         all.push_back(call.op);
         if (releasing.count(call.op) != 0)
             releases.push_back(call.op);
     }
-    Texts mainlines; // what the main line itself wrote to the controller log
     for (const auto &r : fake::logs_of("cnthb"))
         if (r.file.starts_with("src/daemon/"))
             mainlines.push_back(r.text);
-    bool ok = mainlines == c.lines && releases == c.releases && brestart == c.restart;
-    if (c.status == 4)
-        ok = ok && all == Texts{"xmllib_init"};
+    CHILD_CHECK(mainlines == c.lines && releases == c.releases && brestart == c.restart);
+    CHILD_CHECK(c.status != 4 || all == Texts{"xmllib_init"});
     for (const auto &line : c.lines) // the frame's lines go to the LAN log too
-        ok = ok && fake::has_log("lanhb", line);
-    if (!ok) {
-        std::fprintf(stderr, "status %d, brestart %d, calls:", status, brestart);
-        for (const auto &op : all)
-            std::fprintf(stderr, " %s", op.c_str());
-        for (const auto &log : {"lanhb", "cnthb"})
-            for (const auto &text : fake::texts(log))
-                std::fprintf(stderr, "\n%s: %s", log, text.c_str());
-        _exit(99);
-    }
+        CHILD_CHECK(fake::has_log("lanhb", line));
     _exit(status);
 }
 
-// True when a SIGUSR1 reached this process (it is kept blocked); clears it.
-bool took_usr1()
+TEST_F(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
 {
-    sigset_t usr1;
-    sigemptyset(&usr1);
-    sigaddset(&usr1, SIGUSR1);
-    const struct timespec none = {0, 0};
-    bool got = false;
-    while (sigtimedwait(&usr1, nullptr, &none) == SIGUSR1)
-        got = true;
-    return got;
-}
-
-TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    sigset_t usr1, saved;
-    sigemptyset(&usr1);
-    sigaddset(&usr1, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &usr1, &saved);
-    took_usr1();
     for (const Case &c : CASES) {
         SCOPED_TRACE(c.name);
         fake::reset();
@@ -144,7 +138,6 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
         EXPECT_EXIT(run_main(c), ::testing::ExitedWithCode(c.status), "");
         EXPECT_EQ(took_usr1(), c.parent_told);
     }
-    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
 }
 
 // A whole run on a one-node cluster, stopped by SIGUSR1 once every thread
@@ -156,9 +149,7 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
     bool niced = true;
     std::thread stopper([&] {
         sigset_t usr;
-        sigemptyset(&usr);
-        sigaddset(&usr, SIGUSR1);
-        sigaddset(&usr, SIGUSR2);
+        sigemptyset(&usr), sigaddset(&usr, SIGUSR1), sigaddset(&usr, SIGUSR2);
         pthread_sigmask(SIG_BLOCK, &usr, nullptr); // for the daemon's signal thread
         while (fake::count_log("cnthb", "cnthb_bwatchth:") == 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -174,36 +165,26 @@ TEST(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
     others.erase(gettid());
     const int status = zemlanhb_main();
     stopper.join();
-    const char *word = down ? "YES" : "NO";
+    const std::string word = down ? "YES" : "NO";
     Texts releases;
     for (const auto &call : fake::calls())
         if (call.op.find("_detach") != std::string::npos || call.op.find("_term") != std::string::npos)
             releases.push_back(call.op);
-    const bool ok = niced && fake::has_log("lanhb", std::string("send downpacket : ") + word) &&
-                    fake::has_log("cnthb", std::string("write downpacket : ") + word) &&
-                    fake::count_log("lanhb", "pthread_join(recv) success(ret:0,") == 1 &&
-                    fake::has_log("lanhb", "pthread_join(lanhb_dpsend) success(ret:0,thret:0)") == down &&
-                    fake::has_log("cnthb", "pthread_join(cnthb_dpwrite) success(ret:0,thret:0)") == down &&
-                    (fake::slot(0).substr(0, 6) == "hbdown") == down &&
-                    fake::texts("lanhb").back() == "lanhb shutting down" &&
-                    releases == Texts{"shmnm_detach", "shmcm_detach", "sem_detach", "xmllib_term",
-                                      "zemstorage_term", "log_term"};
-    if (!ok)
-        std::fprintf(stderr, "every thread at nice %d: %d\n", nice, niced);
-    if (!ok)
-        for (const auto &log : {"lanhb", "cnthb"})
-            for (const auto &text : fake::texts(log))
-                std::fprintf(stderr, "%s: %s\n", log, text.c_str());
-    _exit(ok ? status : 99);
+    CHILD_CHECK(niced);
+    CHILD_CHECK(fake::has_log("lanhb", "send downpacket : " + word) &&
+                fake::has_log("cnthb", "write downpacket : " + word));
+    CHILD_CHECK(fake::count_log("lanhb", "pthread_join(recv) success(ret:0,") == 1);
+    CHILD_CHECK(fake::has_log("lanhb", "pthread_join(lanhb_dpsend) success(ret:0,thret:0)") == down);
+    CHILD_CHECK(fake::has_log("cnthb", "pthread_join(cnthb_dpwrite) success(ret:0,thret:0)") == down);
+    CHILD_CHECK((fake::slot(0).substr(0, 6) == "hbdown") == down);
+    CHILD_CHECK(fake::texts("lanhb").back() == "lanhb shutting down");
+    CHILD_CHECK(releases ==
+                Texts({"shmnm_detach", "shmcm_detach", "sem_detach", "xmllib_term", "zemstorage_term", "log_term"}));
+    _exit(status);
 }
 
-TEST(MainLine, RunsUntilSigusr1AndSendsDownNoticesWhenAsked)
+TEST_F(MainLine, RunsUntilSigusr1AndSendsDownNoticesWhenAsked)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    sigset_t usr1, saved;
-    sigemptyset(&usr1);
-    sigaddset(&usr1, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &usr1, &saved); // the daemon tells its parent
     for (bool down : {true, false}) {
         SCOPED_TRACE(down);
         fake::reset();
@@ -219,25 +200,6 @@ TEST(MainLine, RunsUntilSigusr1AndSendsDownNoticesWhenAsked)
         EXPECT_EXIT(run_and_stop(down, nice), ::testing::ExitedWithCode(0), "");
         took_usr1();
     }
-    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-}
-
-TEST(MainLine, DispositionsAreSetFirst)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    fake::fail("xmllib_init", 3);
-    auto child = [] {
-        zemlanhb_main();
-        bool ok = true;
-        for (int sig : {SIGHUP, SIGINT, SIGPIPE, SIGALRM})
-            ok = ok && signal(sig, SIG_IGN) == SIG_IGN;
-        for (int sig : {SIGTERM, SIGCHLD, SIGUSR1, SIGUSR2})
-            ok = ok && signal(sig, SIG_DFL) == SIG_DFL;
-        sigset_t mask;
-        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-        _exit(ok && sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 1 ? 0 : 1);
-    };
-    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace
