@@ -1,12 +1,9 @@
-// A thread cancelled at pthread_testcancel, with nothing of the daemon in it.
-// At each C++ clean-up of the forced unwinding (the destructor in worker()),
-// ASan's no-return hook calls sigaltstack through ASan's interceptor, whose
-// result buffer lies where the unwound frames (waitdeep) left their redzones
-// poisoned: the runtime reports a stack-buffer-overflow inside itself or a
-// failed CHECK (GCC 12's libasan; clang 14's likewise). Built plain this
-// fails under ASan; with -DCLEAR_FIRST the hook runs, as in
-// hbth_cancelpoint(), from a clean-up around pthread_testcancel, while only
-// the C library's frames lie below, and clears the stack's shadow first.
+// A thread cancelled at pthread_testcancel under ASan, nothing of the daemon
+// in it: each C++ clean-up of the forced unwinding calls ASan's no-return
+// hook, which trips over the redzones the unwound frames (waitdeep) left
+// poisoned (GCC 12's libasan; clang 14's likewise). Plain it fails; with
+// -DCLEAR_FIRST the hook runs first from a clean-up around pthread_testcancel,
+// as in hbth_cancelpoint(), and clears the stack's shadow.
 #include <pthread.h>
 #include <unistd.h>
 

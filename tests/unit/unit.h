@@ -77,15 +77,13 @@ struct Hang {
     std::atomic<int> waiting{0}, entered{0};
     void wait()
     {
-        ++entered;
-        ++waiting;
+        ++entered, ++waiting;
         struct Leave {
             std::atomic<int> &n;
             ~Leave() { --n; }
         } leave{waiting};
-        while (!opened) {
+        for (int old = 0; !opened;) {
             hbth_cancelpoint();
-            int old = 0;
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
             pthread_setcancelstate(old, &old);
