@@ -15,106 +15,63 @@
 
 namespace {
 
-// The handle log_init gives out: one per log name, never freed.
-struct Log {
-    std::string name;
-    int32_t level = 0;
-    int32_t size = 0;
-};
-
 struct Failure {
     int32_t code;
     int times; // -1: always
 };
 
 struct State {
-    std::map<std::string, Failure> fails;                            // by op
-    std::map<std::pair<std::string, std::string>, Failure> fails_on; // by op and subject
-
+    std::map<std::pair<std::string, std::string>, Failure> fails; // by op and subject ("": any)
     std::map<std::string, std::string> keys;
     std::string hostname = "node1";
     bool config = false;
-    std::multiset<std::string> policies;
-
+    std::vector<std::string> policies;
     struct Node {
         std::string name;
-        int32_t pri;
-        int32_t hdstat = SHMNM_HDSTAT_OK;
-        int32_t nodestat = 0;
+        int32_t pri, hdstat = SHMNM_HDSTAT_OK, nstat = 0;
     };
     std::vector<Node> nodes;
-    struct Rsc {
-        std::string kind, name;
-        int32_t pri;
-    };
+    struct Rsc { std::string kind, name; int32_t pri; };
     std::vector<Rsc> rscs;
-    std::map<std::string, int32_t> svstats;  // "kind/rsc/nodeid"
-    std::map<std::string, int32_t> rscstats; // "kind/rsc"
-    int32_t waitstat = 0;
-    int32_t nonvol = -1;
-
-    std::string edition = "E1";
-    std::string version = "1.0";
-    int32_t action = 0;
-    int32_t ratio = 1;
-
+    std::map<std::string, int32_t> svstats, rscstats; // "kind/rsc/nodeid", "kind/rsc"
+    int32_t waitstat = 0, nonvol = -1, action = 0, ratio = 1, downnotify = 1;
     int statchanges = 0;
-    int32_t downnotify = 1;
-
-    uint8_t cntno = 0;
     std::array<unsigned char, ZEMFW_HBSLOTS * ZEMFW_HBINF_SIZE> area{};
     fake::GetHook gethook;
     fake::SetHook sethook;
-
     std::vector<fake::Call> calls;
     std::vector<fake::LogRecord> logs;
-    std::map<std::string, Log *> handles;
+    std::map<std::string, std::pair<int32_t, int32_t>> opened; // log name: level, size
 };
 
 std::mutex mtx;
 State st;
+// The names log_init's handles point to: they outlive reset(), a test may still hold one.
+std::set<std::string> lognames;
 
-// Handles outlive reset() on purpose: a test may still hold one.
-std::map<std::string, Log> &log_objects()
-{
-    static std::map<std::string, Log> objs;
-    return objs;
-}
-
-// Records the call and answers a scripted failure for it, if any (lock held).
-int32_t enter(const std::string &op, const std::string &subject, const std::string &args)
-{
-    st.calls.push_back({op, args});
-    auto take = [](Failure &f) {
-        if (f.times == 0)
-            return 0;
-        if (f.times > 0)
-            --f.times;
-        return f.code;
-    };
-    if (auto it = st.fails_on.find({op, subject}); it != st.fails_on.end())
-        if (int32_t rc = take(it->second))
-            return rc;
-    if (auto it = st.fails.find(op); it != st.fails.end())
-        return take(it->second);
-    return 0;
-}
-
-// One operation under the lock: the call recorded, its scripted failure
-// answered, otherwise `body` run for the result.
-template <class F> int32_t op(const std::string &name, const std::string &subject, const std::string &args, F body)
-{
-    std::lock_guard lk(mtx);
-    if (int32_t rc = enter(name, subject, args))
-        return rc;
-    return body();
-}
-int32_t done() { return 0; }
 template <class F> auto locked(F body)
 {
     std::lock_guard lk(mtx);
     return body();
 }
+
+// One operation under the lock: the call recorded, a scripted failure for it
+// answered, otherwise `body` run for the result.
+template <class F> int32_t op(const std::string &name, const std::string &subject, const std::string &args, F body)
+{
+    std::lock_guard lk(mtx);
+    st.calls.push_back({name, args});
+    for (const auto &s : {subject, std::string()}) {
+        auto it = st.fails.find({name, s});
+        if (it == st.fails.end() || it->second.times == 0)
+            continue;
+        if (it->second.times > 0)
+            --it->second.times;
+        return it->second.code;
+    }
+    return body();
+}
+int32_t done() { return 0; }
 
 std::string join(std::initializer_list<std::string> parts)
 {
@@ -123,20 +80,16 @@ std::string join(std::initializer_list<std::string> parts)
         out += (out.empty() ? "" : ",") + p;
     return out;
 }
-
 std::string str(const char *s) { return s ? s : "(null)"; }
-
-std::string svkey(const std::string &kind, const std::string &rsc, int32_t nodeid)
+std::string svkey(const std::string &kind, const std::string &rsc, int32_t id)
 {
-    return kind + "/" + rsc + "/" + std::to_string(nodeid);
+    return kind + "/" + rsc + "/" + std::to_string(id);
 }
 
 State::Node *find_node(const std::string &name)
 {
-    for (auto &n : st.nodes)
-        if (n.name == name)
-            return &n;
-    return nullptr;
+    auto it = std::ranges::find(st.nodes, name, &State::Node::name);
+    return it == st.nodes.end() ? nullptr : &*it;
 }
 
 // The two-call enumeration protocol: a null buffer asks for the size.
@@ -147,44 +100,51 @@ int32_t enumerate(const std::vector<std::string> &names, char *buf, int32_t *siz
     std::string msz;
     for (const auto &n : names)
         msz += n + '\0';
-    msz += names.empty() ? std::string(2, '\0') : std::string(1, '\0');
-    if (buf == nullptr) {
-        *size = names.empty() ? 0 : static_cast<int32_t>(msz.size());
-        return 0;
-    }
+    msz += std::string(names.empty() ? 2 : 1, '\0');
+    if (buf == nullptr)
+        return *size = names.empty() ? 0 : static_cast<int32_t>(msz.size()), 0;
     if (*size < static_cast<int32_t>(msz.size()))
         return 34;
-    std::memcpy(buf, msz.data(), msz.size());
-    return 0;
+    return std::memcpy(buf, msz.data(), msz.size()), 0;
 }
 
 // Integer keys as the configuration library reads them: the whole text, in
 // range, decimal or with a 0x/0 prefix.
 bool parse_int(const std::string &text, int32_t *out)
 {
-    if (text.empty())
-        return false;
     errno = 0;
     char *end = nullptr;
-    long long v = std::strtoll(text.c_str(), &end, 0);
-    if (errno != 0 || *end != '\0' || v < INT32_MIN || v > INT32_MAX)
+    const long long v = std::strtoll(text.c_str(), &end, 0);
+    if (text.empty() || errno != 0 || *end != '\0' || v < INT32_MIN || v > INT32_MAX)
         return false;
-    *out = static_cast<int32_t>(v);
-    return true;
+    return *out = static_cast<int32_t>(v), true;
 }
 
 // A node's field, or 2 for a node the node manager does not know.
-template <class F> int32_t nodeop(const char *name, const char *node, int32_t *out, F field)
+int32_t nodeop(const char *name, const char *node, int32_t *out, int32_t State::Node::*field)
 {
     return op(name, str(node), str(node), [&] {
         const auto *n = find_node(str(node));
-        return n == nullptr ? 2 : (*out = field(*n), 0);
+        return n == nullptr ? 2 : (*out = n->*field, 0);
     });
 }
+// A state from one of the maps, `none` when never set (lock held).
+int32_t stateof(const std::map<std::string, int32_t> &m, const std::string &key, int32_t none)
+{
+    auto it = m.find(key);
+    return it == m.end() ? none : it->second;
+}
+
+int32_t copy_text(char *dst, const std::string &src)
+{
+    std::memset(dst, 0, SHMCM_TEXT_SIZE);
+    std::memcpy(dst, src.data(), std::min<size_t>(src.size(), SHMCM_TEXT_SIZE - 1));
+    return 0;
+}
+
 struct ResetListener : ::testing::EmptyTestEventListener {
     void OnTestStart(const ::testing::TestInfo &) override { fake::reset(); }
 };
-
 // Every test of a binary linking the fake starts from a clean platform.
 const bool registered = [] {
     ::testing::UnitTest::GetInstance()->listeners().Append(new ResetListener);
@@ -196,53 +156,33 @@ const bool registered = [] {
 namespace fake {
 
 void reset() { locked([&] { st = State{}; }); }
-void fail(const std::string &op, int32_t code, int times) { locked([&] { st.fails[op] = {code, times}; }); }
+void fail(const std::string &op, int32_t code, int times) { fail_on(op, "", code, times); }
 void fail_on(const std::string &op, const std::string &subject, int32_t code, int times)
 {
-    std::lock_guard lk(mtx);
-    st.fails_on[{op, subject}] = {code, times};
+    locked([&] { st.fails[{op, subject}] = {code, times}; });
 }
-
 void set_key(const std::string &key, const std::string &value) { locked([&] { st.keys[key] = value; }); }
-void erase_key(const std::string &key) { locked([&] { st.keys.erase(key); }); }
 void set_hostname(const std::string &name) { locked([&] { st.hostname = name; }); }
 bool config_loaded() { return locked([&] { return st.config; }); }
-std::vector<std::string> loaded_policies() { return locked([&] { return std::vector(st.policies.begin(), st.policies.end()); }); }
-
+std::vector<std::string> loaded_policies() { return locked([&] { return st.policies; }); }
 void add_node(const std::string &name, int32_t pri) { locked([&] { st.nodes.push_back({name, pri}); }); }
-void set_hdstat(const std::string &node, int32_t hdstat)
-{
-    std::lock_guard lk(mtx);
-    if (auto *n = find_node(node))
-        n->hdstat = hdstat;
-}
-void set_nodestat(const std::string &node, int32_t stat)
-{
-    std::lock_guard lk(mtx);
-    if (auto *n = find_node(node))
-        n->nodestat = stat;
-}
+void set_hdstat(const std::string &node, int32_t v) { locked([&] { if (auto *n = find_node(node)) n->hdstat = v; }); }
+void set_nodestat(const std::string &nd, int32_t v) { locked([&] { if (auto *n = find_node(nd)) n->nstat = v; }); }
 void add_rsc(const std::string &kind, const std::string &name, int32_t pri)
 {
-    std::lock_guard lk(mtx);
-    st.rscs.push_back({kind, name, pri});
+    locked([&] { st.rscs.push_back({kind, name, pri}); });
 }
 int32_t svstat(const std::string &kind, const std::string &rsc, int32_t nodeid)
 {
-    std::lock_guard lk(mtx);
-    auto it = st.svstats.find(svkey(kind, rsc, nodeid));
-    return it == st.svstats.end() ? SHMNM_SVSTAT_UNKNOWN : it->second;
+    return locked([&] { return stateof(st.svstats, svkey(kind, rsc, nodeid), SHMNM_SVSTAT_UNKNOWN); });
 }
 void set_svstat(const std::string &kind, const std::string &rsc, int32_t nodeid, int32_t stat)
 {
-    std::lock_guard lk(mtx);
-    st.svstats[svkey(kind, rsc, nodeid)] = stat;
+    locked([&] { st.svstats[svkey(kind, rsc, nodeid)] = stat; });
 }
 int32_t rscstat(const std::string &kind, const std::string &rsc)
 {
-    std::lock_guard lk(mtx);
-    auto it = st.rscstats.find(kind + "/" + rsc);
-    return it == st.rscstats.end() ? -1 : it->second;
+    return locked([&] { return stateof(st.rscstats, kind + "/" + rsc, -1); });
 }
 void set_waitstat(int32_t stat) { locked([&] { st.waitstat = stat; }); }
 int32_t nonvolstat() { return locked([&] { return st.nonvol; }); }
@@ -253,40 +193,25 @@ int statchange_count() { return locked([&] { return st.statchanges; }); }
 
 std::string slot(int index)
 {
-    std::lock_guard lk(mtx);
-    if (index < 0 || index >= ZEMFW_HBSLOTS)
-        return {};
-    return std::string(reinterpret_cast<const char *>(st.area.data()) + index * ZEMFW_HBINF_SIZE,
-                       ZEMFW_HBINF_SIZE);
+    return locked(
+        [&] { return std::string(reinterpret_cast<char *>(&st.area.at(index * ZEMFW_HBINF_SIZE)), ZEMFW_HBINF_SIZE); });
 }
 void set_slot(int index, const void *rec)
 {
-    std::lock_guard lk(mtx);
-    if (index >= 0 && index < ZEMFW_HBSLOTS)
-        std::memcpy(st.area.data() + index * ZEMFW_HBINF_SIZE, rec, ZEMFW_HBINF_SIZE);
+    locked([&] { std::memcpy(&st.area.at(index * ZEMFW_HBINF_SIZE), rec, ZEMFW_HBINF_SIZE); });
 }
 void on_gethbinf(GetHook hook) { locked([&] { st.gethook = std::move(hook); }); }
 void on_sethbinf(SetHook hook) { locked([&] { st.sethook = std::move(hook); }); }
-int32_t default_gethbinf(void *hbinf)
-{
-    std::lock_guard lk(mtx);
-    std::memcpy(hbinf, st.area.data(), st.area.size());
-    return 0;
-}
+int32_t default_gethbinf(void *b) { return locked([&] { return std::memcpy(b, st.area.data(), st.area.size()), 0; }); }
 int32_t default_sethbinf(uint8_t cntno, const void *hbinf)
 {
-    std::lock_guard lk(mtx);
-    if (cntno >= ZEMFW_HBSLOTS)
-        return 22;
-    std::memcpy(st.area.data() + cntno * ZEMFW_HBINF_SIZE, hbinf, ZEMFW_HBINF_SIZE);
-    return 0;
+    return cntno >= ZEMFW_HBSLOTS ? 22 : (set_slot(cntno, hbinf), 0);
 }
 
 std::vector<Call> calls() { return locked([&] { return st.calls; }); }
 int count(const std::string &op)
 {
-    std::lock_guard lk(mtx);
-    return static_cast<int>(std::count_if(st.calls.begin(), st.calls.end(), [&](const Call &c) { return c.op == op; }));
+    return locked([&] { return static_cast<int>(std::ranges::count(st.calls, op, &Call::op)); });
 }
 void clear_calls() { locked([&] { st.calls.clear(); }); }
 
@@ -308,9 +233,8 @@ std::vector<std::string> texts(const std::string &log)
 bool has_log(const std::string &log, const std::string &text) { return std::ranges::count(texts(log), text) != 0; }
 int count_log(const std::string &log, const std::string &substring)
 {
-    const auto all = logs_of(log);
-    return static_cast<int>(
-        std::count_if(all.begin(), all.end(), [&](const LogRecord &r) { return r.text.find(substring) != std::string::npos; }));
+    const auto has = [&](const LogRecord &r) { return r.text.find(substring) != std::string::npos; };
+    return static_cast<int>(std::ranges::count_if(logs_of(log), has));
 }
 std::optional<LogRecord> find_log(const std::string &log, const std::string &substring)
 {
@@ -321,11 +245,10 @@ std::optional<LogRecord> find_log(const std::string &log, const std::string &sub
 }
 std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log)
 {
-    std::lock_guard lk(mtx);
-    auto it = st.handles.find(log);
-    if (it == st.handles.end())
-        return std::nullopt;
-    return std::make_pair(it->second->level, it->second->size);
+    return locked([&]() -> std::optional<std::pair<int32_t, int32_t>> {
+        auto it = st.opened.find(log);
+        return it == st.opened.end() ? std::nullopt : std::optional(it->second);
+    });
 }
 
 } // namespace fake
@@ -342,15 +265,11 @@ int32_t sem_attach(void) { return op("sem_attach", "", "", done); }
 int32_t sem_detach(void) { return op("sem_detach", "", "", done); }
 int32_t xmllib_term(void) { return op("xmllib_term", "", "", done); }
 int32_t zemstorage_term(void) { return op("zemstorage_term", "", "", done); }
-
-int32_t shmnm_getwaitstat(int32_t *waitstat)
-{
-    return op("shmnm_getwaitstat", "", "", [&] { return *waitstat = st.waitstat, 0; });
-}
+int32_t shmnm_getwaitstat(int32_t *v) { return op("shmnm_getwaitstat", "", "", [&] { return *v = st.waitstat, 0; }); }
 
 int32_t shmnm_enumrsc(const char *kind, char *buf, int32_t *size)
 {
-    return op("shmnm_enumrsc", str(kind), join({str(kind), buf ? "buf" : "null"}), [&] {
+    return op("shmnm_enumrsc", str(kind), str(kind), [&] {
         std::vector<std::string> names;
         for (const auto &r : st.rscs)
             if (r.kind == str(kind))
@@ -358,10 +277,9 @@ int32_t shmnm_enumrsc(const char *kind, char *buf, int32_t *size)
         return enumerate(names, buf, size);
     });
 }
-
 int32_t shmnm_enumnode(char *buf, int32_t *size)
 {
-    return op("shmnm_enumnode", "", buf ? "buf" : "null", [&] {
+    return op("shmnm_enumnode", "", "", [&] {
         std::vector<std::string> names;
         for (const auto &n : st.nodes)
             names.push_back(n.name);
@@ -369,22 +287,13 @@ int32_t shmnm_enumnode(char *buf, int32_t *size)
     });
 }
 
-int32_t shmnm_getnodepri(const char *node, int32_t *pri)
-{
-    return nodeop("shmnm_getnodepri", node, pri, [](const State::Node &n) { return n.pri; });
-}
-int32_t shmnm_getnodestat(const char *node, int32_t *stat)
-{
-    return nodeop("shmnm_getnodestat", node, stat, [](const State::Node &n) { return n.nodestat; });
-}
-int32_t shmnm_gethdstat(const char *node, int32_t *hdstat)
-{
-    return nodeop("shmnm_gethdstat", node, hdstat, [](const State::Node &n) { return n.hdstat; });
-}
+int32_t shmnm_getnodepri(const char *n, int32_t *v) { return nodeop("shmnm_getnodepri", n, v, &State::Node::pri); }
+int32_t shmnm_getnodestat(const char *n, int32_t *v) { return nodeop("shmnm_getnodestat", n, v, &State::Node::nstat); }
+int32_t shmnm_gethdstat(const char *n, int32_t *v) { return nodeop("shmnm_gethdstat", n, v, &State::Node::hdstat); }
 
 int32_t shmnm_getrscpri(const char *kind, const char *rsc, int32_t *pri)
 {
-    return op("shmnm_getrscpri", str(rsc), join({str(kind), str(rsc)}), [&] {
+    return op("shmnm_getrscpri", str(rsc), str(rsc), [&] {
         for (const auto &r : st.rscs)
             if (r.kind == str(kind) && r.name == str(rsc))
                 return *pri = r.pri, 0;
@@ -394,77 +303,56 @@ int32_t shmnm_getrscpri(const char *kind, const char *rsc, int32_t *pri)
 
 int32_t shmnm_getrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t *stat)
 {
-    const std::string id = std::to_string(nodeid);
-    return op("shmnm_getrscsvstat", str(rsc) + "/" + id, join({str(kind), str(rsc), id}), [&] {
-        auto it = st.svstats.find(svkey(str(kind), str(rsc), nodeid));
-        return *stat = it == st.svstats.end() ? SHMNM_SVSTAT_UNKNOWN : it->second, 0;
-    });
+    const std::string id = str(rsc) + "/" + std::to_string(nodeid);
+    return op("shmnm_getrscsvstat", id, id,
+              [&] { return *stat = stateof(st.svstats, svkey(str(kind), str(rsc), nodeid), SHMNM_SVSTAT_UNKNOWN), 0; });
 }
-
 int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t stat)
 {
     const std::string id = std::to_string(nodeid);
     return op("shmnm_setrscsvstat", str(rsc) + "/" + id, join({str(kind), str(rsc), id, std::to_string(stat)}),
               [&] { return st.svstats[svkey(str(kind), str(rsc), nodeid)] = stat, 0; });
 }
-
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 {
     return op("shmnm_setrscstat", str(rsc), join({str(kind), str(rsc), std::to_string(stat)}),
               [&] { return st.rscstats[str(kind) + "/" + str(rsc)] = stat, 0; });
 }
+int32_t shmnm_setnonvolstat(int32_t v) { return op("shmnm_setnonvolstat", "", "", [&] { return st.nonvol = v, 0; }); }
 
-int32_t shmnm_setnonvolstat(int32_t stat)
-{
-    return op("shmnm_setnonvolstat", "", std::to_string(stat), [&] { return st.nonvol = stat, 0; });
-}
-
-static int32_t copy_text(char *dst, const std::string &src)
-{
-    std::memset(dst, 0, SHMCM_TEXT_SIZE);
-    std::memcpy(dst, src.data(), std::min<size_t>(src.size(), SHMCM_TEXT_SIZE - 1));
-    return 0;
-}
-int32_t shmcm_getedition(char *edition) { return op("shmcm_getedition", "", "", [&] { return copy_text(edition, st.edition); }); }
-int32_t shmcm_getversion(char *version) { return op("shmcm_getversion", "", "", [&] { return copy_text(version, st.version); }); }
-
+int32_t shmcm_getedition(char *t) { return op("shmcm_getedition", "", "", [&] { return copy_text(t, "E1"); }); }
+int32_t shmcm_getversion(char *t) { return op("shmcm_getversion", "", "", [&] { return copy_text(t, "1.0"); }); }
 int32_t shmcm_getaction(int32_t *action, void *actinfo, void *)
 {
     return op("shmcm_getaction", "", "", [&] {
-        *action = st.action;
         if (actinfo)
             std::memset(actinfo, 0xA5, SHMCM_ACTINFO_SIZE); // the daemon must not rely on it
-        return 0;
+        return *action = st.action, 0;
     });
 }
-
 int32_t shmcm_getratio(int32_t *ratio, int32_t *second)
 {
     return op("shmcm_getratio", "", "", [&] {
-        *ratio = st.ratio;
         if (second)
             *second = 0;
-        return 0;
+        return *ratio = st.ratio, 0;
     });
 }
 
 int32_t sem_set_statchange(void) { return op("sem_set_statchange", "", "", [] { return ++st.statchanges, 0; }); }
-int32_t sem_wait_downnotify(int32_t flag)
-{
-    return op("sem_wait_downnotify", "", std::to_string(flag), [] { return st.downnotify; });
-}
+int32_t sem_wait_downnotify(int32_t) { return op("sem_wait_downnotify", "", "", [] { return st.downnotify; }); }
 
-int32_t xmllib_init(const char *module) { return op("xmllib_init", str(module), str(module), done); }
+int32_t xmllib_init(const char *) { return op("xmllib_init", "", "", done); }
 int32_t xmllib_load_config(void) { return op("xmllib_load_config", "", "", [] { return st.config = true, 0; }); }
 int32_t xmllib_unload_config(void) { return op("xmllib_unload_config", "", "", [] { return st.config = false, 0; }); }
 int32_t xmllib_load_policy(const char *policy)
 {
-    return op("xmllib_load_policy", str(policy), str(policy), [&] { return st.policies.insert(str(policy)), 0; });
+    return op("xmllib_load_policy", str(policy), str(policy), [&] { return st.policies.push_back(str(policy)), 0; });
 }
 int32_t xmllib_unload_policy(const char *policy)
 {
     return op("xmllib_unload_policy", str(policy), str(policy), [&] {
-        if (auto it = st.policies.find(str(policy)); it != st.policies.end())
+        if (auto it = std::ranges::find(st.policies, str(policy)); it != st.policies.end())
             st.policies.erase(it);
         return 0;
     });
@@ -472,29 +360,28 @@ int32_t xmllib_unload_policy(const char *policy)
 
 int32_t xmllib_get_value(const char *key, int32_t kind, void *value, int32_t *len)
 {
-    return op("xmllib_get_value", str(key), join({str(key), std::to_string(kind), std::to_string(len ? *len : -1)}),
-              [&] {
-                  auto it = st.keys.find(str(key));
-                  if (it == st.keys.end() || value == nullptr || len == nullptr)
-                      return 2;
-                  if (kind == XMLLIB_KIND_INT) {
-                      int32_t v = 0;
-                      if (*len != 4 || !parse_int(it->second, &v))
-                          return 3;
-                      return std::memcpy(value, &v, sizeof v), 0;
-                  }
-                  if (kind != XMLLIB_KIND_TEXT)
-                      return 5;
-                  if (static_cast<int32_t>(it->second.size()) + 1 > *len)
-                      return 4;
-                  std::memcpy(value, it->second.c_str(), it->second.size() + 1);
-                  return *len = static_cast<int32_t>(it->second.size()), 0;
-              });
+    return op("xmllib_get_value", str(key), str(key), [&] {
+        auto it = st.keys.find(str(key));
+        if (it == st.keys.end() || value == nullptr || len == nullptr)
+            return 2;
+        if (kind == XMLLIB_KIND_INT) {
+            int32_t v = 0;
+            if (*len != 4 || !parse_int(it->second, &v))
+                return 3;
+            return std::memcpy(value, &v, sizeof v), 0;
+        }
+        if (kind != XMLLIB_KIND_TEXT)
+            return 5;
+        if (static_cast<int32_t>(it->second.size()) + 1 > *len)
+            return 4;
+        std::memcpy(value, it->second.c_str(), it->second.size() + 1);
+        return *len = static_cast<int32_t>(it->second.size()), 0;
+    });
 }
 
 int32_t xmllib_gethostname(char *buf, int32_t size)
 {
-    return op("xmllib_gethostname", "", std::to_string(size), [&] {
+    return op("xmllib_gethostname", "", "", [&] {
         if (static_cast<int32_t>(st.hostname.size()) + 1 > size)
             return 4;
         return std::memcpy(buf, st.hostname.c_str(), st.hostname.size() + 1), 0;
@@ -504,11 +391,9 @@ int32_t xmllib_gethostname(char *buf, int32_t size)
 int32_t log_init(const char *name, log_hdl **handle, int32_t level, int32_t size, void *)
 {
     const std::string n = str(name);
-    return op("log_init", n, join({n, std::to_string(level), std::to_string(size)}), [&] {
-        Log &obj = log_objects()[n];
-        obj = {n, level, size};
-        st.handles[n] = &obj;
-        *handle = reinterpret_cast<log_hdl *>(&obj);
+    return op("log_init", n, n, [&] {
+        st.opened[n] = {level, size};
+        *handle = reinterpret_cast<log_hdl *>(const_cast<std::string *>(&*lognames.insert(n).first));
         return 0;
     });
 }
@@ -516,40 +401,31 @@ int32_t log_init(const char *name, log_hdl **handle, int32_t level, int32_t size
 int32_t log_write(log_hdl *handle, int32_t level, int32_t msgno, const char *file, int32_t line, const char *func,
                   const char *format, ...)
 {
-    fake::LogRecord rec;
-    rec.log = handle ? reinterpret_cast<Log *>(handle)->name : "(null)";
-    rec.level = level, rec.msgno = msgno, rec.line = line;
-    rec.file = str(file), rec.func = str(func);
+    // An ordinary record's text is finished, taken literally.
+    fake::LogRecord rec{handle ? *reinterpret_cast<std::string *>(handle) : "(null)",
+                        level, msgno, str(file), line, str(func), str(format)};
     if (level == LOG_LEVEL_CATALOG) {
         va_list ap;
         va_start(ap, format);
-        rec.rsc = str(va_arg(ap, const char *));
-        rec.node = str(va_arg(ap, const char *));
-        rec.scaled = va_arg(ap, int32_t);
-        rec.tck = va_arg(ap, int64_t);
-        rec.elapsed = va_arg(ap, uint64_t);
-        rec.rate = va_arg(ap, int32_t);
+        const std::string rsc = str(va_arg(ap, const char *)), node = str(va_arg(ap, const char *));
+        const int32_t scaled = va_arg(ap, int32_t);
+        const int64_t tck = va_arg(ap, int64_t);
+        const uint64_t elapsed = va_arg(ap, uint64_t);
+        const int32_t rate = va_arg(ap, int32_t);
         va_end(ap);
-        rec.text = "delay(" + std::to_string(msgno) + ") rsc=" + rec.rsc + " node=" + rec.node +
-                   " hbto=" + std::to_string(rec.scaled) + "s tck=" + std::to_string(rec.tck) +
-                   " elapsed=" + std::to_string(rec.elapsed) + " rate=" + std::to_string(rec.rate) + "%";
-    } else {
-        rec.text = str(format); // finished text, taken literally
+        rec.text = "delay(" + std::to_string(msgno) + ") rsc=" + rsc + " node=" + node + " hbto=" +
+                   std::to_string(scaled) + "s tck=" + std::to_string(tck) + " elapsed=" + std::to_string(elapsed) +
+                   " rate=" + std::to_string(rate) + "%";
     }
     std::lock_guard lk(mtx);
-    st.calls.push_back({"log_write", rec.log + "," + std::to_string(level)});
+    st.calls.push_back({"log_write", rec.log});
     st.logs.push_back(std::move(rec));
     return 0;
 }
 
-int32_t log_term(log_hdl *handle)
-{
-    return op("log_term", "", handle ? reinterpret_cast<Log *>(handle)->name : "(null)", done);
-}
+int32_t log_term(log_hdl *) { return op("log_term", "", "", done); }
+int32_t zemstorage_init(uint8_t *cntno) { return op("zemstorage_init", "", "", [&] { return *cntno = 0, 0; }); }
 
-int32_t zemstorage_init(uint8_t *cntno) { return op("zemstorage_init", "", "", [&] { return *cntno = st.cntno, 0; }); }
-
-// The hooks run without the lock, so that one may block.
 int32_t zemfw_gethbinf(void *hbinf)
 {
     fake::GetHook hook;
@@ -557,11 +433,10 @@ int32_t zemfw_gethbinf(void *hbinf)
         return rc;
     return hook ? hook(hbinf) : fake::default_gethbinf(hbinf);
 }
-
 int32_t zemfw_sethbinf(uint8_t cntno, const void *hbinf)
 {
     fake::SetHook hook;
-    if (int32_t rc = op("zemfw_sethbinf", "", std::to_string(cntno), [&] { return hook = st.sethook, 0; }))
+    if (int32_t rc = op("zemfw_sethbinf", "", "", [&] { return hook = st.sethook, 0; }))
         return rc;
     return hook ? hook(cntno, hbinf) : fake::default_sethbinf(cntno, hbinf);
 }

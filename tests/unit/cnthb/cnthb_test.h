@@ -13,19 +13,10 @@
 namespace cnthbtest {
 
 using namespace unit;
-
-struct listfree {
-    void operator()(cnthb_list *list) const { cnthb_freelist(list); }
-};
-using list_ptr = std::unique_ptr<cnthb_list, listfree>;
+using list_ptr = std::unique_ptr<cnthb_list, decltype([](cnthb_list *l) { cnthb_freelist(l); })>;
 
 struct CntTest : ::testing::Test {
-    void SetUp() override
-    {
-        tckconf = 100;
-        now = 1000;
-        loginit();
-    }
+    void SetUp() override { tckconf = 100, now = 1000, loginit(); }
     void TearDown() override
     {
         expect_named_places();
@@ -33,8 +24,7 @@ struct CntTest : ::testing::Test {
         hbframe_reset();
         cnthb_reset();
     }
-    // A clean platform with node1 (pri 1) and node2 (pri 2) on the paths
-    // cnt1, cnt2, ...
+    // node1 (pri 1) and node2 (pri 2) on the paths cnt1, cnt2, ...
     static void cluster(int paths = 1)
     {
         fake::reset();
@@ -44,7 +34,7 @@ struct CntTest : ::testing::Test {
         for (int i = 1; i <= paths; ++i)
             fake::add_rsc(HB_KIND_CNTHB, "cnt" + std::to_string(i), 10 + i);
     }
-    // A table as the host `host` with controller number `cntno`.
+    // The table of the host `host` with controller number `cntno`.
     static list_ptr load(const char *host = "node1", uint8_t cntno = 0)
     {
         fake::set_hostname(host);
@@ -57,7 +47,6 @@ struct CntTest : ::testing::Test {
 
 inline bool cntlog(const std::string &text) { return fake::has_log(HB_KIND_CNTHB, text); }
 inline int cntcount(const std::string &text) { return fake::count_log(HB_KIND_CNTHB, text); }
-inline int32_t nodestat(cnthb_node *node) { return std::atomic_ref<int32_t>(node->stat).load(); }
 inline int32_t svstat(const char *rsc, int32_t id) { return fake::svstat(HB_KIND_CNTHB, rsc, id); }
 
 // Stops a poller as the stop routine does; without the flag only this

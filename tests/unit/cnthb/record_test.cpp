@@ -1,7 +1,6 @@
 // The heartbeat record: stamp layout, what makes two records differ, the
-// fallback when the clock cannot be formatted, and the reader's view.
+// fallbacks when the clock cannot be formatted, and the reader's view.
 #include <cstdlib>
-#include <ctime>
 
 #include "cnthb_test.h"
 
@@ -19,52 +18,39 @@ struct RecordTest : CntTest {
         setenv("TZ", "UTC", 1);
         tzset();
     }
-    // The stamp of a heartbeat with its NUL padding.
-    static std::string hb(time_t sec, long usec, time_t cal)
-    {
-        const struct timeval tv = {sec, usec};
-        cnthb_hbinf rec;
-        std::memset(&rec, 0x5a, sizeof rec);
-        cnthb_fillhb(&rec, &tv, cal);
-        EXPECT_EQ(std::memcmp(rec.tag, "cnthb\0\0\0", 8), 0);
-        return std::string(rec.stamp, 32);
-    }
-    static std::string pad(const std::string &s) { return s + std::string(32 - s.size(), '\0'); }
 };
 
-TEST_F(RecordTest, HeartbeatStampHasMillisecondsAndDiffersEveryMillisecond)
+TEST_F(RecordTest, StampsHaveMillisecondsDownNoticesSecondsAndClockFailuresFallBack)
 {
-    EXPECT_EQ(hb(T0, 123456, T0), pad("Tue Nov 14 22:13:20.123 2023"));
-    EXPECT_EQ(hb(T0, 7000, T0), pad("Tue Nov 14 22:13:20.007 2023"));
-    EXPECT_EQ(hb(T0, 123000, T0), hb(T0, 123999, T0)); // one millisecond, one stamp
-    EXPECT_NE(hb(T0, 123000, T0), hb(T0, 124000, T0));
-    cnthb_hbinf a, b; // the same from the real clock
+    const struct {
+        time_t sec;
+        long usec; // -1: a down notice
+        time_t cal;
+        const char *stamp;
+    } cases[] = {
+        {T0, 123999, T0, "Tue Nov 14 22:13:20.123 2023"}, // cut, not rounded
+        {T0, 7000, T0, "Tue Nov 14 22:13:20.007 2023"},
+        {0, -1, T0, "Tue Nov 14 22:13:20 2023"},
+        {TFAR, 0, T0, "Tue Nov 14 22:13:20 2023"}, // no time of day
+        {T0, 0, -1, "1"},                           // no calendar time: the counter, shared
+        {0, -1, TFAR, "2"},                         // with the down notices
+        {T0, 0, TFAR, "3"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.stamp);
+        const struct timeval tv = {c.sec, c.usec};
+        cnthb_hbinf rec;
+        std::memset(&rec, 0x5a, sizeof rec);
+        c.usec < 0 ? cnthb_filldown(&rec, c.cal) : cnthb_fillhb(&rec, &tv, c.cal);
+        EXPECT_EQ(std::string(rec.tag, 8), std::string(c.usec < 0 ? "hbdown\0\0" : "cnthb\0\0\0", 8));
+        EXPECT_EQ(std::string(rec.stamp, 32), c.stamp + std::string(32 - std::strlen(c.stamp), '\0'));
+    }
+    cnthb_hbinf a, b; // the real clock: a new stamp every millisecond
     cnthb_makehb(&a);
     std::this_thread::sleep_for(std::chrono::milliseconds(3));
     cnthb_makehb(&b);
     EXPECT_EQ(strnlen(a.stamp, 32), 28u);
     EXPECT_FALSE(cnthb_samestamp(&a, &b));
-}
-
-TEST_F(RecordTest, ClockFailuresFallBackToSecondsOrTheSharedCounter)
-{
-    EXPECT_EQ(hb(TFAR, 0, T0), pad("Tue Nov 14 22:13:20 2023")); // no time of day
-    // No calendar time: the counter, shared with the down notices.
-    EXPECT_EQ(hb(T0, 0, static_cast<time_t>(-1)), pad("1"));
-    cnthb_hbinf down;
-    cnthb_filldown(&down, TFAR);
-    EXPECT_STREQ(down.stamp, "2");
-    EXPECT_EQ(hb(T0, 0, TFAR), pad("3"));
-}
-
-TEST_F(RecordTest, DownNoticeHasSecondsOnly)
-{
-    cnthb_hbinf a, b;
-    cnthb_filldown(&a, T0);
-    cnthb_filldown(&b, T0);
-    EXPECT_EQ(std::memcmp(a.tag, "hbdown\0\0", 8), 0);
-    EXPECT_EQ(std::string(a.stamp, 32), pad("Tue Nov 14 22:13:20 2023"));
-    EXPECT_TRUE(cnthb_samestamp(&a, &b));
 }
 
 TEST_F(RecordTest, ReaderTerminatesBothTextsAndComparesTagsWithTheirNul)

@@ -1,22 +1,26 @@
 // The reader, writer and watcher threads against the fake controller: a
-// writer seen and then timing out, a hanging controller
-// blocking only its worker, and shutdowns that leave nothing behind.
+// writer seen and then timing out, a hanging controller blocking only its
+// worker, and shutdowns that leave nothing behind.
 #include "cnthb_test.h"
 
 using namespace cnthbtest;
 
 namespace {
 
-struct ThreadTest : CntTest {
-    static hbtick_t lastread(cnthb_list *list, int j)
-    {
-        pthread_mutex_lock(&list->statlock);
-        const hbtick_t t = cnthb_nodeat(cnthb_rscat(list, 0), j)->lastread;
-        pthread_mutex_unlock(&list->statlock);
-        return t;
-    }
-    static int reads() { return fake::count("zemfw_gethbinf"); }
-};
+struct ThreadTest : CntTest {};
+int reads() { return fake::count("zemfw_gethbinf"); }
+
+// A controller call that hangs; cancellable or (stuck) not.
+void hangs(Hang &hang, bool stuck = false)
+{
+    fake::on_gethbinf([&hang, stuck](void *buf) {
+        int old = 0;
+        pthread_setcancelstate(stuck ? PTHREAD_CANCEL_DISABLE : PTHREAD_CANCEL_ENABLE, &old);
+        hang.wait();
+        pthread_setcancelstate(old, &old);
+        return fake::default_gethbinf(buf);
+    });
+}
 
 TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
 {
@@ -29,8 +33,7 @@ TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
         fake::set_key("/root/cnthb/watchth", watcher ? "1" : "0");
         hbtick_source = fakenow;
         now = 1000;
-        list_ptr a = load("node1", 0); // reads only
-        list_ptr b = load("node2", 1); // writes only
+        list_ptr a = load("node1", 0), b = load("node2", 1); // a reads only, b writes only
         ASSERT_TRUE(a && b);
         cnthb_bhbwrite = 1;
         const pthread_t reader = start(cnthb_hbread, a.get());
@@ -48,8 +51,6 @@ TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
             stop(watch);
         stop(reader);
         EXPECT_EQ(cntcount("cnthb_hbwatch() exit"), watcher ? 1 : 0);
-        a.reset();
-        b.reset();
     }
 }
 
@@ -61,12 +62,6 @@ TEST_F(ThreadTest, HangingReadBlocksOnlyItsWorker)
     list_ptr a = load();
     ASSERT_TRUE(a);
     Hang hang;
-    std::atomic<bool> hanging{false};
-    fake::on_gethbinf([&](void *buf) {
-        if (hanging)
-            hang.wait();
-        return fake::default_gethbinf(buf);
-    });
     cnthb_hbinf rec = record("cnthb", "s1");
     fake::set_slot(1, &rec);
     const pthread_t reader = start(cnthb_hbread, a.get());
@@ -74,12 +69,10 @@ TEST_F(ThreadTest, HangingReadBlocksOnlyItsWorker)
     rec = record("cnthb", "s2");
     fake::set_slot(1, &rec);
     ASSERT_TRUE(waitfor([] { return svstat("cnt1", 2) == SHMNM_SVSTAT_ONLINE; }));
-
-    hanging = true;
+    hangs(hang);
     ASSERT_TRUE(waitfor([&] { return hang.waiting == 1; }));
-    const int calls = reads();
+    const int calls = reads(), checks = fake::count("shmcm_getratio");
     // The poller and its time-out check go on...
-    const int checks = fake::count("shmcm_getratio");
     ASSERT_TRUE(waitfor([&] { return fake::count("shmcm_getratio") >= checks + 3; }));
     now += 101;
     EXPECT_TRUE(waitfor([] { return svstat("cnt1", 2) == SHMNM_SVSTAT_OFFLINE; }));
@@ -99,10 +92,7 @@ TEST_F(ThreadTest, CancelledWriteWorkerReleasesTheMutex)
     list_ptr a = load();
     ASSERT_TRUE(a);
     Hang hang;
-    fake::on_sethbinf([&](uint8_t cntno, const void *rec) {
-        hang.wait();
-        return fake::default_sethbinf(cntno, rec);
-    });
+    fake::on_sethbinf([&](uint8_t cntno, const void *rec) { return hang.wait(), fake::default_sethbinf(cntno, rec); });
     cnthb_bhbwrite = 1;
     const pthread_t writer = start(cnthb_hbwrite, a.get());
     ASSERT_TRUE(waitfor([&] { return hang.waiting == 1; })); // hangs holding rwmutex
@@ -113,7 +103,6 @@ TEST_F(ThreadTest, CancelledWriteWorkerReleasesTheMutex)
     EXPECT_TRUE(waitfor([] { return reads() >= 1; }));
     EXPECT_EQ(hang.waiting, 0);
     stop(reader);
-    a.reset();
 }
 
 TEST_F(ThreadTest, TableOfAWorkerStuckForGoodIsNotFreed)
@@ -122,13 +111,7 @@ TEST_F(ThreadTest, TableOfAWorkerStuckForGoodIsNotFreed)
     list_ptr a = load();
     ASSERT_TRUE(a);
     Hang hang;
-    fake::on_gethbinf([&](void *buf) {
-        int old = 0; // stuck where no cancellation reaches
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
-        hang.wait();
-        pthread_setcancelstate(old, &old);
-        return fake::default_gethbinf(buf);
-    });
+    hangs(hang, true); // stuck where no cancellation reaches
     const pthread_t reader = start(cnthb_hbread, a.get());
     ASSERT_TRUE(waitfor([&] { return hang.waiting == 1; }));
     stop(reader);
