@@ -1,4 +1,4 @@
-// The fake's side of services/hbext.h.
+// The fake's side of services/hbext.h; reset with the rest of the fake.
 #pragma once
 
 #include <array>
@@ -9,9 +9,7 @@
 
 namespace fake {
 
-// Where hbext_path puts relative names (default "/fake-root").
-void set_root(const std::string &root);
-// The counters last given to hbext_setrefused.
-std::array<uint64_t, HBEXT_REFUSED_COUNT> refused();
+void set_root(const std::string &root); // where hbext_path puts relative names ("/fake-root")
+std::array<uint64_t, HBEXT_REFUSED_COUNT> refused(); // the counters last given to hbext_setrefused
 
 } // namespace fake

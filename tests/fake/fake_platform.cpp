@@ -1,3 +1,4 @@
+#include "fake/fake_hbext.h"
 #include "fake/fake_platform.h"
 
 #include <gtest/gtest.h>
@@ -42,6 +43,8 @@ struct State {
     std::vector<fake::Call> calls;
     std::vector<fake::LogRecord> logs;
     std::map<std::string, std::pair<int32_t, int32_t>> opened; // log name: level, size
+    std::string root = "/fake-root";                            // where hbext_path puts relative names
+    std::array<uint64_t, HBEXT_REFUSED_COUNT> refused{};
 };
 
 std::mutex mtx;
@@ -207,6 +210,9 @@ int32_t default_sethbinf(uint8_t cntno, const void *hbinf)
 {
     return cntno >= ZEMFW_HBSLOTS ? 22 : (set_slot(cntno, hbinf), 0);
 }
+
+void set_root(const std::string &root) { locked([&] { st.root = root; }); }
+std::array<uint64_t, HBEXT_REFUSED_COUNT> refused() { return locked([&] { return st.refused; }); }
 
 std::vector<Call> calls() { return locked([&] { return st.calls; }); }
 int count(const std::string &op)
@@ -439,6 +445,20 @@ int32_t zemfw_sethbinf(uint8_t cntno, const void *hbinf)
     if (int32_t rc = op("zemfw_sethbinf", "", "", [&] { return hook = st.sethook, 0; }))
         return rc;
     return hook ? hook(cntno, hbinf) : fake::default_sethbinf(cntno, hbinf);
+}
+
+int32_t hbext_path(const char *name, char *out, int32_t size)
+{
+    return locked([&] {
+        const std::string p = name[0] == '/' ? std::string(name) : st.root + "/" + name;
+        if (size <= 0 || p.size() >= static_cast<size_t>(size))
+            return 4;
+        return std::memcpy(out, p.c_str(), p.size() + 1), 0;
+    });
+}
+int32_t hbext_setrefused(const uint64_t *c)
+{
+    return locked([&] { return std::memcpy(st.refused.data(), c, sizeof st.refused), 0; });
 }
 
 } // extern "C"
