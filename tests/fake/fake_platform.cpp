@@ -16,21 +16,14 @@
 
 namespace {
 
-struct Failure {
-    int32_t code;
-    int times; // -1: always
-};
-
 struct State {
-    std::map<std::pair<std::string, std::string>, Failure> fails; // by op and subject ("": any)
+    // By op and subject ("": any): the code and how many more calls fail (-1: all).
+    std::map<std::pair<std::string, std::string>, std::pair<int32_t, int>> fails;
     std::map<std::string, std::string> keys;
     std::string hostname = "node1";
     bool config = false;
     std::vector<std::string> policies;
-    struct Node {
-        std::string name;
-        int32_t pri, hdstat = SHMNM_HDSTAT_OK, nstat = 0;
-    };
+    struct Node { std::string name; int32_t pri, hdstat = SHMNM_HDSTAT_OK, nstat = 0; };
     std::vector<Node> nodes;
     struct Rsc { std::string kind, name; int32_t pri; };
     std::vector<Rsc> rscs;
@@ -66,23 +59,16 @@ template <class F> int32_t op(const std::string &name, const std::string &subjec
     st.calls.push_back({name, args});
     for (const auto &s : {subject, std::string()}) {
         auto it = st.fails.find({name, s});
-        if (it == st.fails.end() || it->second.times == 0)
+        if (it == st.fails.end() || it->second.second == 0)
             continue;
-        if (it->second.times > 0)
-            --it->second.times;
-        return it->second.code;
+        if (it->second.second > 0)
+            --it->second.second;
+        return it->second.first;
     }
     return body();
 }
 int32_t done() { return 0; }
 
-std::string join(std::initializer_list<std::string> parts)
-{
-    std::string out;
-    for (const auto &p : parts)
-        out += (out.empty() ? "" : ",") + p;
-    return out;
-}
 std::string str(const char *s) { return s ? s : "(null)"; }
 std::string svkey(const std::string &kind, const std::string &rsc, int32_t id)
 {
@@ -242,19 +228,9 @@ int count_log(const std::string &log, const std::string &substring)
     const auto has = [&](const LogRecord &r) { return r.text.find(substring) != std::string::npos; };
     return static_cast<int>(std::ranges::count_if(logs_of(log), has));
 }
-std::optional<LogRecord> find_log(const std::string &log, const std::string &substring)
-{
-    for (const auto &r : logs_of(log))
-        if (r.text.find(substring) != std::string::npos)
-            return r;
-    return std::nullopt;
-}
 std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log)
 {
-    return locked([&]() -> std::optional<std::pair<int32_t, int32_t>> {
-        auto it = st.opened.find(log);
-        return it == st.opened.end() ? std::nullopt : std::optional(it->second);
-    });
+    return locked([&] { return st.opened.contains(log) ? std::optional(st.opened[log]) : std::nullopt; });
 }
 
 } // namespace fake
@@ -316,12 +292,12 @@ int32_t shmnm_getrscsvstat(const char *kind, const char *rsc, int32_t nodeid, in
 int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t stat)
 {
     const std::string id = std::to_string(nodeid);
-    return op("shmnm_setrscsvstat", str(rsc) + "/" + id, join({str(kind), str(rsc), id, std::to_string(stat)}),
+    return op("shmnm_setrscsvstat", str(rsc) + "/" + id, str(kind) + "," + str(rsc) + "," + id + "," + std::to_string(stat),
               [&] { return st.svstats[svkey(str(kind), str(rsc), nodeid)] = stat, 0; });
 }
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 {
-    return op("shmnm_setrscstat", str(rsc), join({str(kind), str(rsc), std::to_string(stat)}),
+    return op("shmnm_setrscstat", str(rsc), str(kind) + "," + str(rsc) + "," + std::to_string(stat),
               [&] { return st.rscstats[str(kind) + "/" + str(rsc)] = stat, 0; });
 }
 int32_t shmnm_setnonvolstat(int32_t v) { return op("shmnm_setnonvolstat", "", "", [&] { return st.nonvol = v, 0; }); }

@@ -74,7 +74,6 @@ std::vector<LogRecord> logs_of(const std::string &log);
 std::vector<std::string> texts(const std::string &log); // ordinary records, in order
 bool has_log(const std::string &log, const std::string &text); // exact text
 int count_log(const std::string &log, const std::string &substring);
-std::optional<LogRecord> find_log(const std::string &log, const std::string &substring);
 // Level and size given to log_init; nullopt when never opened.
 std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log);
 
