@@ -124,21 +124,11 @@ int32_t stateof(const std::map<std::string, int32_t> &m, const std::string &key,
     return it == m.end() ? none : it->second;
 }
 
-int32_t copy_text(char *dst, const std::string &src)
-{
-    std::memset(dst, 0, SHMCM_TEXT_SIZE);
-    std::memcpy(dst, src.data(), std::min<size_t>(src.size(), SHMCM_TEXT_SIZE - 1));
-    return 0;
-}
-
+// Every test of a binary linking the fake starts from a clean platform.
 struct ResetListener : ::testing::EmptyTestEventListener {
     void OnTestStart(const ::testing::TestInfo &) override { fake::reset(); }
 };
-// Every test of a binary linking the fake starts from a clean platform.
-const bool registered = [] {
-    ::testing::UnitTest::GetInstance()->listeners().Append(new ResetListener);
-    return true;
-}();
+const bool registered = (::testing::UnitTest::GetInstance()->listeners().Append(new ResetListener), true);
 
 } // namespace
 
@@ -292,7 +282,8 @@ int32_t shmnm_getrscsvstat(const char *kind, const char *rsc, int32_t nodeid, in
 int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, int32_t stat)
 {
     const std::string id = std::to_string(nodeid);
-    return op("shmnm_setrscsvstat", str(rsc) + "/" + id, str(kind) + "," + str(rsc) + "," + id + "," + std::to_string(stat),
+    const std::string args = str(kind) + "," + str(rsc) + "," + id + "," + std::to_string(stat);
+    return op("shmnm_setrscsvstat", str(rsc) + "/" + id, args,
               [&] { return st.svstats[svkey(str(kind), str(rsc), nodeid)] = stat, 0; });
 }
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
@@ -302,8 +293,14 @@ int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 }
 int32_t shmnm_setnonvolstat(int32_t v) { return op("shmnm_setnonvolstat", "", "", [&] { return st.nonvol = v, 0; }); }
 
-int32_t shmcm_getedition(char *t) { return op("shmcm_getedition", "", "", [&] { return copy_text(t, "E1"); }); }
-int32_t shmcm_getversion(char *t) { return op("shmcm_getversion", "", "", [&] { return copy_text(t, "1.0"); }); }
+int32_t shmcm_getedition(char *t)
+{
+    return op("shmcm_getedition", "", "", [&] { return std::strncpy(t, "E1", SHMCM_TEXT_SIZE), 0; });
+}
+int32_t shmcm_getversion(char *t)
+{
+    return op("shmcm_getversion", "", "", [&] { return std::strncpy(t, "1.0", SHMCM_TEXT_SIZE), 0; });
+}
 int32_t shmcm_getaction(int32_t *action, void *actinfo, void *)
 {
     return op("shmcm_getaction", "", "", [&] {
