@@ -13,17 +13,11 @@ namespace {
 constexpr time_t T0 = 1700000000;                    // 2023-11-14 22:13:20 UTC, a Tuesday
 constexpr time_t TFAR = static_cast<time_t>(1) << 60; // beyond the calendar
 
-struct RecordTest : CntTest {
-    void SetUp() override
-    {
-        CntTest::SetUp();
-        setenv("TZ", "UTC", 1);
-        tzset();
-    }
-};
+struct RecordTest : CntTest {};
 
 TEST_F(RecordTest, StampsHaveMillisecondsDownNoticesSecondsAndClockFailuresFallBack)
 {
+    setenv("TZ", "UTC", 1), tzset();
     const struct {
         time_t sec;
         long usec; // -1: a down notice
