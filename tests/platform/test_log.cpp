@@ -1,12 +1,10 @@
 // The log library: record layout, level rule, catalogued records, rotation
 // and concurrent writers, on real files.
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <cstring>
 #include <map>
+#include <regex>
 
 #include "testutil.h"
 
@@ -25,24 +23,16 @@ protected:
     // [0] the line, [1] level, [2] "FILE:LINE FUNC", [3] text.
     std::vector<std::array<std::string, 4>> records(const std::string &rel)
     {
+        static const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ([0-9a-f]{4}) \d+ )"
+                                      R"(([^: ]+:\d+ [^: ]+): (.*))");
         std::vector<std::array<std::string, 4>> out;
         std::stringstream ss(ptest::slurp(at(rel)));
-        for (std::string l; std::getline(ss, l);) {
-            const std::string shape = "dddd-dd-dd dd:dd:dd.ddd ";
-            bool ok = l.size() > shape.size();
-            for (size_t i = 0; ok && i < shape.size(); i++)
-                ok = shape[i] == 'd' ? isdigit(static_cast<unsigned char>(l[i])) != 0 : l[i] == shape[i];
-            char level[8] = "";
-            unsigned long tid = 0;
-            int place = 0, text = 0;
-            ok = ok && sscanf(l.c_str() + shape.size(), "%7[0-9a-f] %lu %n%*[^: ]:%*d %*[^: ]:%n", level, &tid, &place,
-                              &text) == 2;
-            const size_t from = shape.size() + static_cast<size_t>(place), to = shape.size() + static_cast<size_t>(text);
-            ok = ok && strlen(level) == 4 && text > place && to < l.size() && l[to] == ' ';
-            EXPECT_TRUE(ok) << l;
-            if (ok)
-                out.push_back({l, level, l.substr(from, to - from - 1), l.substr(to + 1)});
-        }
+        std::smatch m;
+        for (std::string l; std::getline(ss, l);)
+            if (std::regex_match(l, m, shape))
+                out.push_back({l, m[1], m[2], m[3]});
+            else
+                ADD_FAILURE() << "not one whole record: " << l;
         return out;
     }
 };

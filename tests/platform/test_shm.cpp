@@ -3,7 +3,6 @@
 // process sees is proven through zemctl; two nodes exchanging records
 // through one area, by the system tests' controller paths.
 #include <cstddef>
-#include <iterator>
 #include <vector>
 
 #include "testutil.h"
@@ -90,17 +89,12 @@ TEST_F(Shm, ADeadLockHolderNeverBlocks)
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     pid_t holder = fork();
-    if (holder == 0) { // takes run/lock as a daemon's attach does, says so and waits to be killed
-        char ok = shmnm_attach() == 0 ? 'y' : 'n';
-        if (write(ready[1], &ok, 1) == 1)
-            pause();
-        _exit(1);
-    }
-    char ok = 0;
-    const bool up = read(ready[0], &ok, 1) == 1 && ok == 'y';
-    close(ready[0]);
+    if (holder == 0) // takes run/lock as a daemon's attach does, says so and waits to be killed
+        _exit(shmnm_attach() == 0 && write(ready[1], "y", 1) == 1 ? pause() : 1);
     close(ready[1]);
-    ASSERT_TRUE(up);
+    char ok = 0;
+    ASSERT_EQ(read(ready[0], &ok, 1), 1); // 0: the holder could not attach
+    close(ready[0]);
     EXPECT_EQ(plat_lock_holder(), holder);
     EXPECT_EQ(shmnm_attach(), PLAT_EBUSY);
     kill(holder, SIGKILL);
@@ -117,26 +111,24 @@ TEST_F(Shm, ADeadLockHolderNeverBlocks)
 // whether that is a change and the down count after it.
 TEST_F(Shm, HistoryKeepsLastChangeLastPublishAndDowns)
 {
-    const struct {
-        int32_t stat;
-        bool change;
-        int32_t downs;
-    } steps[] = {
+    const std::tuple<int32_t, bool, int32_t> steps[] = {
         {SHMNM_SVSTAT_OFFLINE, true, 0}, // from UNKNOWN: a start, not a loss
         {SHMNM_SVSTAT_ONLINE, true, 0},  {SHMNM_SVSTAT_ONLINE, false, 0}, {SHMNM_SVSTAT_OFFLINE, true, 1},
         {SHMNM_SVSTAT_OFFLINE, false, 1}, {SHMNM_SVSTAT_UNUSED, true, 1},  {SHMNM_SVSTAT_OFFLINE, true, 2},
         {SHMNM_SVSTAT_ONLINE, true, 2},  {SHMNM_SVSTAT_OFFLINE, true, 3},
     };
     nm_hist before{}, after{};
-    for (size_t i = 0; i < std::size(steps); i++) {
+    for (const auto &step : steps) {
+        const auto [stat, change, downs] = step;
+        SCOPED_TRACE(&step - steps);
         ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &before), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(2)); // clock in ms
         int64_t t0 = plat_now_ms();
-        ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 2, steps[i].stat), 0);
+        ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 2, stat), 0);
         ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &after), 0);
-        EXPECT_GE(after.published_ms, t0) << "step " << i;
-        EXPECT_EQ(after.changed_ms, steps[i].change ? after.published_ms : before.changed_ms) << "step " << i;
-        EXPECT_EQ(after.downs, steps[i].downs) << "step " << i;
+        EXPECT_GE(after.published_ms, t0);
+        EXPECT_EQ(after.changed_ms, change ? after.published_ms : before.changed_ms);
+        EXPECT_EQ(after.downs, downs);
     }
     // Other entries keep their history apart; unknown ones are refused.
     ASSERT_EQ(plat_gethist("lanhb", "lan2", "beta", &after), 0);

@@ -38,13 +38,9 @@ TEST_F(Config, KeyPathsKindsAndLengths)
     int32_t v = 0, len = 4;
     EXPECT_NE(xmllib_get_value("/root/cluster/heartbeat/timeout", XMLLIB_KIND_INT, &v, &len), 0); // not loaded
     ASSERT_EQ(xmllib_load_config(), 0);
-    // want: the text read (an integer as decimal), or null where the read
-    // fails; len is then the bytes written.
-    struct {
-        const char *key;
-        int32_t kind, len;
-        const char *want;
-    } cases[] = {
+    // key, kind, len, and the text read (an integer as decimal), or null
+    // where the read fails; len is then the bytes written.
+    const std::tuple<const char *, int32_t, int32_t, const char *> cases[] = {
         {"/root/heartbeat/lanhb@lan2/device", XMLLIB_KIND_INT, 4, "1"},
         {"/root/heartbeat/lanhb/device", XMLLIB_KIND_INT, 16, "0"}, // first of the name
         {"/root/cluster/heartbeat/timeout", XMLLIB_KIND_INT, 4, "10000"},
@@ -62,21 +58,19 @@ TEST_F(Config, KeyPathsKindsAndLengths)
                             "/root/heartbeat/lanhb@lan3/device", "/root/cluster/heartbeat/missing",
                             "root/heartbeat/lanhb@lan1/device", "/root//heartbeat"})
         EXPECT_NE(xmllib_get_value(key, XMLLIB_KIND_INT, &v, &(len = 4)), 0) << key;
-    for (const auto &c : cases) {
+    for (const auto &[key, kind, size, want] : cases) {
         char buf[64];
         memset(buf, 'x', sizeof buf);
-        len = c.len;
-        int32_t r = xmllib_get_value(c.key, c.kind, buf, &len);
-        SCOPED_TRACE(std::string(c.key) + " len " + std::to_string(c.len));
-        if (c.want == nullptr) {
-            EXPECT_NE(r, 0);
-            EXPECT_EQ(buf[0], 'x'); // nothing written
+        int32_t r = xmllib_get_value(key, kind, buf, &(len = size));
+        SCOPED_TRACE(std::string(key) + " len " + std::to_string(size));
+        if (want == nullptr) {
+            EXPECT_TRUE(r != 0 && buf[0] == 'x') << "a failed read writes nothing";
             continue;
         }
         ASSERT_EQ(r, 0);
         memcpy(&v, buf, sizeof v);
-        EXPECT_EQ(c.kind == XMLLIB_KIND_INT ? std::to_string(v) : std::string(buf), c.want);
-        EXPECT_EQ(len, c.kind == XMLLIB_KIND_INT ? 4 : static_cast<int32_t>(strlen(c.want)) + 1);
+        EXPECT_EQ(kind == XMLLIB_KIND_INT ? std::to_string(v) : std::string(buf), want);
+        EXPECT_EQ(len, kind == XMLLIB_KIND_INT ? 4 : static_cast<int32_t>(strlen(want)) + 1);
     }
 }
 

@@ -1,9 +1,7 @@
 // zemctl end to end: the built tool on a temporary root, with this test
 // process on the same shared memory as the daemon would be, and a stand-in
 // daemon for "run".
-#include <sys/stat.h>
 
-#include <map>
 
 #include <nlohmann/json.hpp>
 
