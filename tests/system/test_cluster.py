@@ -63,15 +63,6 @@ def test_crash_is_detected_after_the_timeout_on_every_path(healthy):
         for path in paths_seen_by(obs, victim):
             p = st[log_kind(path)][path]
             assert (p["stat"], p["nodes"][victim.name]) == ("CAUTION", "OFFLINE"), (obs.name, path, p)
-        # One OFFLINE record per path, each by a time-out naming it in seconds. On
-        # the controller node1 may also drop node3, whose slot there is its own.
-        for kind in ("lanhb", "cnthb"):
-            paths = [p for p in paths_seen_by(obs, victim) if log_kind(p) == kind]
-            tos = [line for _, line in events(obs, kind, "**TIMEOUT(", t0)]
-            offs = [e for p in paths for e in events(obs, kind, node_line(p, victim) + "OFFLINE ***", t0)]
-            assert len(offs) == len(paths) and all(f"hbto:{HBTO}," in line for line in tos), (obs.name, offs, tos)
-            alls = events(obs, kind, " : OFFLINE ***", t0)
-            assert len(tos) == len(alls) and (kind == "cnthb" or len(alls) == len(paths)), (obs.name, tos, alls)
 
 
 def test_hangup_of_run_stops_the_daemon_and_announces_the_down_at_once(healthy):
@@ -108,8 +99,6 @@ def test_cut_link_takes_one_path_down_heals_and_counts_each_down(healthy):
         healthy.set_link(cut, LAN4, up=False)
         try:
             assert wait_until(cut_off, HBTO + 10), [n.status()["lanhb"][LAN4] for n in healthy.nodes]
-            online = {"stat": "NORMAL", "nodes": {m.name: "ONLINE" for m in healthy.nodes}}
-            assert all(n.status()["lanhb"][LAN6] == online for n in healthy.nodes)
             e, shown = entry(), obs.zemctl("status").stdout
         finally:
             healthy.set_link(cut, LAN4, up=True)
@@ -159,8 +148,7 @@ def test_stopped_node_status_and_a_check_that_changes_nothing(healthy):
     assert node.stop() == 0
     res = node.zemctl("status", check=False)
     assert res.returncode == 3, res
-    assert res.stdout.startswith("no daemon attached since "), res.stdout
-    assert "states below are the last published" in res.stdout
+    assert res.stdout.startswith("no daemon attached since ") and "states below are the last published" in res.stdout
     run = os.path.join(node.root, "run")
 
     def files():

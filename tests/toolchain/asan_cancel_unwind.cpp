@@ -37,14 +37,7 @@ __attribute__((noinline)) static void cancelpoint()
 
 __attribute__((noinline)) static void waitdeep()
 {
-    A8(a);
-    A8(b);
-    A8(c);
-    A8(d);
-    A8(e);
-    A8(f);
-    A8(g);
-    A8(h);
+    A8(a); A8(b); A8(c); A8(d); A8(e); A8(f); A8(g); A8(h);
     for (;;) {
         U8(a), U8(b), U8(c), U8(d), U8(e), U8(f), U8(g), U8(h);
         cancelpoint();
