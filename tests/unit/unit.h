@@ -22,18 +22,22 @@ namespace unit {
 inline std::atomic<hbtick_t> now{1000};
 inline hbtick_t fakenow() { return now.load(); }
 
-// Both logs open for the test; the frame's globals put back after it.
-struct FrameTest : ::testing::Test {
-    void SetUp() override { loginit(); }
-    void TearDown() override { logterm(), hbframe_reset(); }
-};
-
 // Every log record names the function that wrote it, never a lambda's.
 inline void expect_named_places()
 {
     for (const auto &r : fake::logs())
         EXPECT_NE(r.func, "operator()") << r.text;
 }
+
+// Both logs open at 100 ticks a second and the clock at 1000; the frame's
+// globals put back after the test, and every record checked for its place.
+struct FrameTest : ::testing::Test {
+    void SetUp() override { tckconf = 100, now = 1000, loginit(); }
+    void TearDown() override { expect_named_places(), logterm(), hbframe_reset(); }
+};
+
+// A fresh platform with both logs open again.
+inline void reload() { fake::reset(), loginit(); }
 
 // Polls cond for up to 20 seconds.
 template <class F> bool waitfor(F cond)

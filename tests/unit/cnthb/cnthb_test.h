@@ -1,11 +1,12 @@
-// Shared set-up of the controller heartbeat tests: logs open, a known clock
-// rate, a small cluster in the fake, and the globals put back after each test.
+// Shared set-up of the controller heartbeat tests: a small cluster in the
+// fake, its table, and stopping a poller.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cstring>
+#include <stdexcept>
 
 #include "cnthb/cnthb.h"
 #include "unit/unit.h"
@@ -15,32 +16,26 @@ namespace cnthbtest {
 using namespace unit;
 using list_ptr = std::unique_ptr<cnthb_list, decltype([](cnthb_list *l) { cnthb_freelist(l); })>;
 
-struct CntTest : ::testing::Test {
-    void SetUp() override { tckconf = 100, now = 1000, loginit(); }
-    void TearDown() override
-    {
-        expect_named_places();
-        logterm();
-        hbframe_reset();
-        cnthb_reset();
-    }
+struct CntTest : FrameTest {
+    void TearDown() override { cnthb_reset(), FrameTest::TearDown(); }
     // node1 (pri 1) and node2 (pri 2) on the paths cnt1, cnt2, ...
     static void cluster(int paths = 1)
     {
-        fake::reset();
-        loginit();
+        reload();
         fake::add_node("node1", 1);
         fake::add_node("node2", 2);
         for (int i = 1; i <= paths; ++i)
             fake::add_rsc(HB_KIND_CNTHB, "cnt" + std::to_string(i), 10 + i);
     }
-    // The table of the host `host` with controller number `cntno`.
+    // The table of the host `host` with controller number `cntno`; a failed
+    // load ends the test with its code instead of a null table.
     static list_ptr load(const char *host = "node1", uint8_t cntno = 0)
     {
         fake::set_hostname(host);
         cnthb_mycntno = cntno;
         cnthb_list *list = nullptr;
-        EXPECT_EQ(cnthb_loadinfo(&list), 0);
+        if (const int32_t r = cnthb_loadinfo(&list); r != 0)
+            throw std::runtime_error("cnthb_loadinfo() returned " + std::to_string(r));
         return list_ptr(list);
     }
 };

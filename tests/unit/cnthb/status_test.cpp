@@ -3,6 +3,7 @@
 // evaluation and the time-out check: records turned into node states, the
 // path rule, failed firmware calls and silent nodes.
 #include <cstdlib>
+#include <tuple>
 
 #include "cnthb_test.h"
 
@@ -13,17 +14,13 @@ namespace {
 constexpr time_t T0 = 1700000000;                    // 2023-11-14 22:13:20 UTC, a Tuesday
 constexpr time_t TFAR = static_cast<time_t>(1) << 60; // beyond the calendar
 
-struct RecordTest : CntTest {};
+using RecordTest = CntTest;
 
 TEST_F(RecordTest, StampsHaveMillisecondsDownNoticesSecondsAndClockFailuresFallBack)
 {
     setenv("TZ", "UTC", 1), tzset();
-    const struct {
-        time_t sec;
-        long usec; // -1: a down notice
-        time_t cal;
-        const char *stamp;
-    } cases[] = {
+    // seconds, microseconds (-1: a down notice), calendar time, stamp
+    const std::tuple<time_t, long, time_t, const char *> cases[] = {
         {T0, 123999, T0, "Tue Nov 14 22:13:20.123 2023"}, // cut, not rounded
         {T0, 7000, T0, "Tue Nov 14 22:13:20.007 2023"},
         {0, -1, T0, "Tue Nov 14 22:13:20 2023"},
@@ -32,14 +29,14 @@ TEST_F(RecordTest, StampsHaveMillisecondsDownNoticesSecondsAndClockFailuresFallB
         {0, -1, TFAR, "2"},                         // with the down notices
         {T0, 0, TFAR, "3"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.stamp);
-        const struct timeval tv = {c.sec, c.usec};
+    for (const auto &[sec, usec, cal, stamp] : cases) {
+        SCOPED_TRACE(stamp);
+        const struct timeval tv = {sec, usec};
         cnthb_hbinf rec;
         std::memset(&rec, 0x5a, sizeof rec);
-        c.usec < 0 ? cnthb_filldown(&rec, c.cal) : cnthb_fillhb(&rec, &tv, c.cal);
-        EXPECT_EQ(std::string(rec.tag, 8), std::string(c.usec < 0 ? "hbdown\0\0" : "cnthb\0\0\0", 8));
-        EXPECT_EQ(std::string(rec.stamp, 32), c.stamp + std::string(32 - std::strlen(c.stamp), '\0'));
+        usec < 0 ? cnthb_filldown(&rec, cal) : cnthb_fillhb(&rec, &tv, cal);
+        EXPECT_EQ(std::string(rec.tag, 8), std::string(usec < 0 ? "hbdown\0\0" : "cnthb\0\0\0", 8));
+        EXPECT_EQ(std::string(rec.stamp, 32), stamp + std::string(32 - std::strlen(stamp), '\0'));
     }
     cnthb_hbinf a, b; // the real clock: a new stamp every millisecond
     cnthb_makehb(&a);
@@ -79,7 +76,6 @@ struct StatusTest : CntTest {
         hbtick_source = fakenow;
         cluster(paths);
         list = load("node1", cntno);
-        ASSERT_TRUE(list);
         list->hbto = 1000;
     }
     cnthb_node *node(int j, int i = 0) { return cnthb_nodeat(cnthb_rscat(list.get(), i), j); }
@@ -145,26 +141,21 @@ TEST_F(StatusTest, PathStateFollowsItsNodes)
     build();
     constexpr int32_t ON = SHMNM_SVSTAT_ONLINE, OFF = SHMNM_SVSTAT_OFFLINE, UNK = SHMNM_SVSTAT_UNKNOWN;
     constexpr int32_t UNU = SHMNM_SVSTAT_UNUSED;
-    const struct {
-        int32_t own, peer, ownpri;
-        const char *line;
-    } cases[] = {
+    // own and peer state, own priority, the path's line
+    const std::tuple<int32_t, int32_t, int32_t, const char *> cases[] = {
         {ON, ON, 1, " *** cnt1 : NORMAL ***"},   {UNK, ON, 1, " *** cnt1 : ERROR ***"},
         {ON, OFF, 1, " *** cnt1 : CAUTION ***"}, {OFF, UNK, 1, " *** cnt1 : ERROR ***"}, // ERROR outranks
         {ON, OFF, 2, " *** cnt1 : ERROR ***"},   // own by priority, not position
         {ON, UNU, 1, " *** cnt1 : NORMAL ***"},  {0, UNU, 1, " *** cnt1 : UNUSED ***"},
         {0, 0, 1, " *** cnt1 : UNKNOWN ***"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
-        fake::reset();
-        loginit();
-        node(0)->stat = c.own;
-        node(1)->stat = c.peer;
-        list->ownpri = c.ownpri;
+    for (const auto &[own, peer, ownpri, line] : cases) {
+        SCOPED_TRACE(line);
+        reload();
+        node(0)->stat = own, node(1)->stat = peer, list->ownpri = ownpri;
         cnthb_setrscstat(list.get(), cnthb_rscat(list.get(), 0));
         EXPECT_EQ(fake::rscstat(HB_KIND_CNTHB, "cnt1"), cnthb_rscat(list.get(), 0)->stat);
-        EXPECT_EQ(fake::texts(HB_KIND_CNTHB), std::vector<std::string>{c.line});
+        EXPECT_EQ(fake::texts(HB_KIND_CNTHB), std::vector<std::string>{line});
     }
 }
 
@@ -198,30 +189,20 @@ TEST_F(StatusTest, FailedControllerCallsTakeNodesOfflineWithOneWakeUp)
     }
 }
 
+// The limit's scaling is the frame's: 1500 ms at ratio 0 (taken as 1) is 2 s.
 TEST_F(StatusTest, SilenceBeyondTheScaledLimitTakesANodeOffline)
 {
-    const struct {
-        int32_t hbto, ratio; // ratio -1: it cannot be read
-        hbtick_t limit;
-    } cases[] = {{1000, 1, 100}, {1000, 3, 300}, {1000, -1, 100}, {1500, 0, 200}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::to_string(c.hbto) + " ratio " + std::to_string(c.ratio));
-        build();
-        list->hbto = c.hbto;
-        fake::set_ratio(c.ratio < 0 ? 3 : c.ratio);
-        if (c.ratio < 0)
-            fake::fail("shmcm_getratio", 5);
-        online(1);
-        now = 1000 + c.limit; // exactly the limit is no time-out
-        cnthb_hbcheck(list.get());
-        EXPECT_EQ(node(1)->stat, SHMNM_SVSTAT_ONLINE);
-        now = 1000 + c.limit + 1;
-        cnthb_hbcheck(list.get());
-        EXPECT_EQ(svstat("cnt1", 2), SHMNM_SVSTAT_OFFLINE);
-        EXPECT_EQ(node(1)->lastrec.tag[0], '\0'); // the next record only primes
-        list.reset();
-        now = 1000;
-    }
+    build();
+    list->hbto = 1500;
+    fake::set_ratio(0);
+    online(1);
+    now = 1200; // exactly the limit is no time-out
+    cnthb_hbcheck(list.get());
+    EXPECT_EQ(node(1)->stat, SHMNM_SVSTAT_ONLINE);
+    now = 1201;
+    cnthb_hbcheck(list.get());
+    EXPECT_EQ(svstat("cnt1", 2), SHMNM_SVSTAT_OFFLINE);
+    EXPECT_EQ(node(1)->lastrec.tag[0], '\0'); // the next record only primes
     EXPECT_TRUE(cntlog("**TIMEOUT(cur:0x000004b1,last:0x000003e8,diff:201,hbto:2,tck:100/sec)"));
 }
 

@@ -8,7 +8,6 @@ namespace {
 using Texts = std::vector<std::string>;
 
 struct Delay : unit::FrameTest {
-    void SetUp() override { tckconf = 100, FrameTest::SetUp(); }
     // Texts of the catalogued records of one log.
     static Texts records(const char *log)
     {

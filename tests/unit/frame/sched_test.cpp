@@ -37,7 +37,7 @@ TEST_F(Sched, ReadsEveryKeyAndFallsBackOnEachFailure)
     }
 
     // A missing policy: code 9, no key read, nothing changed.
-    fake::reset(), logterm(), loginit();
+    unit::reload();
     fake::fail_on("xmllib_load_policy", "lanhb", 7);
     fake::set_key("/root/heartbeat/mlock", "yes");
     bmlock = 0, watch = 1;

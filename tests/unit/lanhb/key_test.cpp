@@ -29,7 +29,7 @@ keybuf testkey(unsigned char first)
 
 TEST_F(KeyTest, TrailerGoldenBytesAndTampering)
 {
-    const keybuf key = testkey(0), other = testkey(1);
+    const keybuf key = testkey(0);
     lanhb_keyset(key.data());
     bytes buf(320 + LANHB_TRAILER_SIZE, 0);
     std::memcpy(buf.data(), "lanhb", 5);
@@ -49,10 +49,6 @@ TEST_F(KeyTest, TrailerGoldenBytesAndTampering)
         bad[at] ^= 0x01;
         EXPECT_FALSE(lanhb_keyverify(reinterpret_cast<lanhb_packet *>(bad.data()), bad.size(), &seq)) << at;
     }
-    lanhb_keyset(other.data());
-    EXPECT_FALSE(lanhb_keyverify(pkt, buf.size(), &seq));
-    lanhb_keyset(other.data(), key.data()); // while keys change, either verifies
-    EXPECT_TRUE(lanhb_keyverify(pkt, buf.size(), &seq));
 }
 
 TEST_F(KeyTest, ReplayWindow)

@@ -1,5 +1,5 @@
-// Shared set-up of the LAN heartbeat tests: logs open, a known clock rate,
-// the frame's globals put back after every test, and loopback helpers.
+// Shared set-up of the LAN heartbeat tests: a small cluster, its table, and
+// loopback helpers.
 #pragma once
 
 #include <arpa/inet.h>
@@ -21,16 +21,8 @@ using namespace unit;
 using list_ptr = std::unique_ptr<lanhb_list, void (*)(lanhb_list *)>;
 using bytes = std::vector<unsigned char>;
 
-struct LanTest : ::testing::Test {
-    void SetUp() override { tckconf = 100, loginit(); }
-    void TearDown() override
-    {
-        expect_named_places();
-        lanhb_keyset(nullptr);
-        logterm();
-        hbframe_reset();
-        lanhb_reset();
-    }
+struct LanTest : FrameTest {
+    void TearDown() override { lanhb_keyset(nullptr), lanhb_reset(), FrameTest::TearDown(); }
 };
 
 // node1 (this host, pri 1) and node2 (pri 2) on the path lan1 (pri 10,
@@ -57,7 +49,6 @@ inline list_ptr load()
 
 inline bool lanlog(const std::string &text) { return fake::has_log(HB_KIND_LANHB, text); }
 inline int lancount(const std::string &text) { return fake::count_log(HB_KIND_LANHB, text); }
-inline void reload() { fake::reset(), loginit(); }
 
 // The socket calls' view of an address.
 inline sockaddr *sap(void *p) { return static_cast<sockaddr *>(p); }

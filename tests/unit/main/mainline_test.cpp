@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -17,12 +18,13 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
+// The platform's failures, the exit status, the main line's own lines in the
+// controller log, release operations in call order, parent told, brestart.
 struct Case {
     const char *name;
-    std::function<void()> script; // the platform's failures
+    std::function<void()> script;
     int status;
-    Texts lines;    // the main line's own lines in the controller log
-    Texts releases; // release operations in call order
+    Texts lines, releases;
     bool parent_told;
     int32_t restart;
 };
@@ -45,29 +47,19 @@ const Case CASES[] = {
      {"lanhb/cnthb starting", "zemstorage_init() failed(ret:5)", "lanhb/cnthb shutting down"}, AFTER_LOGS, false, 0},
     {"sem_attach", [] { fake::fail("sem_attach", 7); }, 1, lines("attachipc() failed(ret:1)", "lanhb shutting down"),
      AFTER_LOGS, true, 0},
-    {"shmcm_attach", [] { fake::fail("shmcm_attach", 7); }, 1,
-     lines("attachipc() failed(ret:2)", "lanhb shutting down"),
+    {"shmcm_attach", [] { fake::fail("shmcm_attach", 7); }, 1, lines("attachipc() failed(ret:2)", "lanhb shutting down"),
      {"sem_detach", "log_term", "xmllib_unload_config", "xmllib_term"}, true, 0},
-    {"shmnm_attach", [] { fake::fail("shmnm_attach", 7); }, 1,
-     lines("attachipc() failed(ret:3)", "lanhb shutting down"),
+    {"shmnm_attach", [] { fake::fail("shmnm_attach", 7); }, 1, lines("attachipc() failed(ret:3)", "lanhb shutting down"),
      {"shmcm_detach", "sem_detach", "log_term", "xmllib_unload_config", "xmllib_term"}, true, 0},
     {"loader", [] { fail_loader(), fake::set_waitstat(0); }, 13, LOAD_LINES, LOAD_RELEASES, true, 0},
     {"resume", [] { fail_loader(), fake::set_waitstat(1); }, 13, LOAD_LINES, LOAD_RELEASES, true, 1},
-    {"controller loader",
-     [] {
-         fake::add_node("node1", 1), fake::add_rsc("lanhb", "lan1", 1); // a LAN table, freed again
-         fake::fail_on("xmllib_load_policy", "cnthb", 9);
-     },
+    {"controller loader", // with a LAN table, freed again
+     [] { fake::add_node("node1", 1), fake::add_rsc("lanhb", "lan1", 1), fake::fail_on("xmllib_load_policy", "cnthb", 9); },
      13, lines("cnthb_loadinfo() failed(ret:9)"), LOAD_RELEASES, true, 0},
-    {"waitstat and setsched",
-     [] {
-         fail_loader(), fake::fail("shmnm_getwaitstat", 4);
-         fake::fail_on("xmllib_load_policy", "lanhb", 6); // setsched gives up
-     },
-     13,
-     {"lanhb/cnthb starting", CLOCK, "setsched() failed(ret:9)", "shmnm_getwaitstat() failed(ret:4)",
-      "lanhb_loadinfo() failed(ret:9)", "lanhb/cnthb shutting down"},
-     LOAD_RELEASES, true, 1},
+    {"waitstat and setsched", // setsched gives up without its policy
+     [] { fail_loader(), fake::fail("shmnm_getwaitstat", 4), fake::fail_on("xmllib_load_policy", "lanhb", 6); },
+     13, {"lanhb/cnthb starting", CLOCK, "setsched() failed(ret:9)", "shmnm_getwaitstat() failed(ret:4)",
+          "lanhb_loadinfo() failed(ret:9)", "lanhb/cnthb shutting down"}, LOAD_RELEASES, true, 1},
 };
 
 // SIGUSR1 stays blocked during each test: the daemon tells its parent with it.
@@ -105,13 +97,10 @@ struct MainLine : ::testing::Test {
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     CHILD_CHECK(sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 1);
-    const std::set<std::string> releasing(LOAD_RELEASES.begin(), LOAD_RELEASES.end());
     Texts releases, all, mainlines;
-    for (const auto &call : fake::calls()) {
-        all.push_back(call.op);
-        if (releasing.count(call.op) != 0)
+    for (const auto &call : fake::calls())
+        if (all.push_back(call.op); std::ranges::count(LOAD_RELEASES, call.op) != 0)
             releases.push_back(call.op);
-    }
     for (const auto &r : fake::logs_of("cnthb"))
         if (r.file.starts_with("src/daemon/"))
             mainlines.push_back(r.text);
@@ -130,9 +119,8 @@ TEST_F(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
         // A complete scheduling configuration: setsched logs nothing and
         // leaves priority and memory as they are.
         fake::set_key("/root/heartbeat/nice", std::to_string(getpriority(PRIO_PROCESS, 0)));
-        for (const char *key : {"/root/heartbeat/sched/schedule", "/root/heartbeat/sched/priority"})
-            fake::set_key(key, "0");
-        fake::set_key("/root/heartbeat/mlock", "no");
+        for (const char *key : {"sched/schedule", "sched/priority", "mlock"})
+            fake::set_key(std::string("/root/heartbeat/") + key, "0");
         fake::set_key("/root/lanhb/watchth", "1");
         c.script();
         EXPECT_EXIT(run_main(c), ::testing::ExitedWithCode(c.status), "");
@@ -143,6 +131,14 @@ TEST_F(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
 // A whole run on a one-node cluster, stopped by SIGUSR1 once every thread
 // has started: the down notices go out exactly when the cluster wants them.
 // Every thread of the daemon runs at the configured nice value.
+std::set<int> tids()
+{
+    std::set<int> out;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task"))
+        out.insert(std::stoi(task.path().filename()));
+    return out;
+}
+
 [[noreturn]] void run_and_stop(bool down, int nice)
 {
     std::set<int> others; // threads that are not the daemon's
@@ -153,16 +149,12 @@ TEST_F(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
         pthread_sigmask(SIG_BLOCK, &usr, nullptr); // for the daemon's signal thread
         while (fake::count_log("cnthb", "cnthb_bwatchth:") == 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
-            const int tid = std::stoi(task.path().filename());
+        for (int tid : tids())
             niced = niced && (others.count(tid) != 0 || getpriority(PRIO_PROCESS, tid) == nice);
-        }
         kill(getpid(), SIGUSR1);
     });
     // This one and any a sanitizer started with it; main is the daemon's.
-    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task"))
-        others.insert(std::stoi(task.path().filename()));
-    others.erase(gettid());
+    others = tids(), others.erase(gettid());
     const int status = zemlanhb_main();
     stopper.join();
     const std::string word = down ? "YES" : "NO";
@@ -171,15 +163,13 @@ TEST_F(MainLine, StartUpFailuresExitWithTheirStatusAndReleaseInOrder)
         if (call.op.find("_detach") != std::string::npos || call.op.find("_term") != std::string::npos)
             releases.push_back(call.op);
     CHILD_CHECK(niced);
-    CHILD_CHECK(fake::has_log("lanhb", "send downpacket : " + word) &&
-                fake::has_log("cnthb", "write downpacket : " + word));
+    CHILD_CHECK(fake::has_log("lanhb", "send downpacket : " + word) && fake::has_log("cnthb", "write downpacket : " + word));
     CHILD_CHECK(fake::count_log("lanhb", "pthread_join(recv) success(ret:0,") == 1);
     CHILD_CHECK(fake::has_log("lanhb", "pthread_join(lanhb_dpsend) success(ret:0,thret:0)") == down);
     CHILD_CHECK(fake::has_log("cnthb", "pthread_join(cnthb_dpwrite) success(ret:0,thret:0)") == down);
     CHILD_CHECK((fake::slot(0).substr(0, 6) == "hbdown") == down);
     CHILD_CHECK(fake::texts("lanhb").back() == "lanhb shutting down");
-    CHILD_CHECK(releases ==
-                Texts({"shmnm_detach", "shmcm_detach", "sem_detach", "xmllib_term", "zemstorage_term", "log_term"}));
+    CHILD_CHECK(releases == Texts({"shmnm_detach", "shmcm_detach", "sem_detach", "xmllib_term", "zemstorage_term", "log_term"}));
     _exit(status);
 }
 
