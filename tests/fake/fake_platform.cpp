@@ -1,4 +1,3 @@
-#include "fake/fake_hbext.h"
 #include "fake/fake_platform.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +11,6 @@
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <ranges>
 #include <set>
 
 namespace {
@@ -83,16 +81,16 @@ State::Node *find_node(const std::string &name)
 }
 
 // The two-call enumeration protocol: a null buffer asks for the size.
-int32_t enumerate(auto &&names, char *buf, int32_t *size)
+int32_t enumerate(const std::vector<std::string> &names, char *buf, int32_t *size)
 {
     if (size == nullptr)
         return 22;
     std::string msz;
-    for (const std::string &n : names)
+    for (const auto &n : names)
         msz += n + '\0';
-    msz += std::string(msz.empty() ? 2 : 1, '\0');
+    msz += std::string(names.empty() ? 2 : 1, '\0');
     if (buf == nullptr)
-        return *size = msz.size() == 2 ? 0 : static_cast<int32_t>(msz.size()), 0;
+        return *size = names.empty() ? 0 : static_cast<int32_t>(msz.size()), 0;
     if (*size < static_cast<int32_t>(msz.size()))
         return 34;
     return std::memcpy(buf, msz.data(), msz.size()), 0;
@@ -243,13 +241,21 @@ int32_t shmnm_getwaitstat(int32_t *v) { return op("shmnm_getwaitstat", "", "", [
 int32_t shmnm_enumrsc(const char *kind, char *buf, int32_t *size)
 {
     return op("shmnm_enumrsc", str(kind), str(kind), [&] {
-        const auto ofkind = [&](const State::Rsc &r) { return r.kind == str(kind); };
-        return enumerate(st.rscs | std::views::filter(ofkind) | std::views::transform(&State::Rsc::name), buf, size);
+        std::vector<std::string> names;
+        for (const auto &r : st.rscs)
+            if (r.kind == str(kind))
+                names.push_back(r.name);
+        return enumerate(names, buf, size);
     });
 }
 int32_t shmnm_enumnode(char *buf, int32_t *size)
 {
-    return op("shmnm_enumnode", "", "", [&] { return enumerate(st.nodes | std::views::transform(&State::Node::name), buf, size); });
+    return op("shmnm_enumnode", "", "", [&] {
+        std::vector<std::string> names;
+        for (const auto &n : st.nodes)
+            names.push_back(n.name);
+        return enumerate(names, buf, size);
+    });
 }
 
 int32_t shmnm_getnodepri(const char *n, int32_t *v) { return nodeop("shmnm_getnodepri", n, v, &State::Node::pri); }

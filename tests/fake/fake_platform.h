@@ -4,8 +4,10 @@
 // resets it before each test.
 #pragma once
 
+#include "services/hbext.h"
 #include "services/services.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -76,5 +78,9 @@ bool has_log(const std::string &log, const std::string &text); // exact text
 int count_log(const std::string &log, const std::string &substring);
 // Level and size given to log_init; nullopt when never opened.
 std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log);
+
+// The side of services/hbext.h.
+void set_root(const std::string &root); // where hbext_path puts relative names ("/fake-root")
+std::array<uint64_t, HBEXT_REFUSED_COUNT> refused(); // the counters last given to hbext_setrefused
 
 } // namespace fake

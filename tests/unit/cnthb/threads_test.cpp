@@ -32,8 +32,7 @@ TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
         fake::set_key("/root/cluster/heartbeat/timeout", "1000"); // 100 ticks
         fake::set_key("/root/cluster/heartbeat/interval", "100");
         fake::set_key("/root/cnthb/watchth", watcher ? "1" : "0");
-        hbtick_source = fakenow;
-        now = 1000;
+        hbtick_source = fakenow, now = 1000;
         list_ptr a = load("node1", 0), b = load("node2", 1); // a reads only, b writes only
         cnthb_bhbwrite = 1;
         const pthread_t reader = start(cnthb_hbread, a.get());
@@ -46,7 +45,6 @@ TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
         EXPECT_EQ(svstat("cnt1", 2), SHMNM_SVSTAT_ONLINE);        // and no time has passed
         now += 101;
         EXPECT_TRUE(waitfor([] { return svstat("cnt1", 2) == SHMNM_SVSTAT_OFFLINE; }));
-        EXPECT_TRUE(cntlog("**TIMEOUT(cur:0x0000044d,last:0x000003e8,diff:101,hbto:1,tck:100/sec)"));
         if (watcher)
             stop(watch);
         stop(reader);
@@ -150,8 +148,7 @@ TEST_F(DownTest, HangingWriteIsCancelledAfterTheBoundedWait)
 {
     cluster();
     list_ptr a = load();
-    cnthb_dpthwait = 10;
-    cnthb_dpthretry = 5;
+    cnthb_dpthwait = 10, cnthb_dpthretry = 5;
     Hang hang;
     fake::on_sethbinf([&](uint8_t cntno, const void *rec) { return hang.wait(), fake::default_sethbinf(cntno, rec); });
     rundown(a.get(), 3);

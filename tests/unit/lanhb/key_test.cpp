@@ -10,7 +10,6 @@
 #include <set>
 #include <tuple>
 
-#include "fake/fake_hbext.h"
 #include "lanhb_test.h"
 
 using namespace lanhbtest;
