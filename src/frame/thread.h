@@ -33,7 +33,7 @@ void hbth_testcancel(int module);
 // marks when the cancellation is acted on: the sanitizer's no-return hook,
 // run at each clean-up of the unwinding, reads through its own sigaltstack
 // interceptor the marks of the frames already unwound and reports them
-// (tests/toolchain/asan_cancel_unwind.cpp shows it without the daemon).
+// (without it the frame's thread tests fail in that build).
 // Live frames keep their overflow checks until then. Elsewhere just
 // pthread_testcancel.
 void hbth_cancelpoint();
