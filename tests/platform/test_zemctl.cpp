@@ -59,6 +59,10 @@ TEST_F(Zemctl, StatusAndWatchShowWhatTheDaemonPublishedAndInitResetsOnlyWhenForc
     EXPECT_EQ(zemctl({"init"}), 1) << out;
     EXPECT_TRUE(ptest::has(out, "init refused") && ptest::has(out, "--force")) << out;
     shmnm_detach();
+    EXPECT_EQ(zemctl({"status"}), 3) << out;
+    EXPECT_TRUE(ptest::has(out, "no daemon attached since ") &&
+                ptest::has(out, " (pid " + std::to_string(getpid()) + "); states below are the last published"))
+        << out;
     ASSERT_EQ(zemctl({"init", "--force"}), 0) << out;
     ASSERT_EQ(zemctl({"status", "--json"}), 3) << out;
     j = nlohmann::json::parse(out);
@@ -66,14 +70,16 @@ TEST_F(Zemctl, StatusAndWatchShowWhatTheDaemonPublishedAndInitResetsOnlyWhenForc
     EXPECT_TRUE(j["daemon"]["pid"].is_null());
 }
 
-// That check and init agree and leave run/ alone is proven by the system
-// tests; here every problem is named with its place.
-TEST_F(Zemctl, CheckNamesEveryConfigurationProblemWithItsPlace)
+// Check and init name every problem with its place, control characters
+// escaped; the init that refuses leaves run/ as it was.
+TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
 {
     EXPECT_EQ(zemctl({"status"}), 1);
     EXPECT_TRUE(ptest::has(out, at("run/shmnm") + " is missing (ret:3); run \"zemctl init\"")) << out;
     EXPECT_EQ(zemctl({"status"}, {"ZEM_ROOT=" + at("nowhere")}), 1);
     EXPECT_TRUE(ptest::has(out, "root directory " + at("nowhere") + " does not exist")) << out;
+    ASSERT_EQ(zemctl({"init"}), 0) << out;
+    const std::string run = ptest::slurp(at("run/shmnm")) + ptest::slurp(at("run/shmcm")) + ptest::slurp(at("run/hbarea"));
     const std::string cl = ptest::slurp(EXAMPLES_DIR "/cluster.xml"), local = ptest::slurp(at("etc/local.xml"));
     const std::string many = R"(<root>
 <server name="a"><priority>0</priority><device name="0"><info>198.18.0.300</info></device></server>
@@ -81,14 +87,14 @@ TEST_F(Zemctl, CheckNamesEveryConfigurationProblemWithItsPlace)
 <server name="a"><priority>70</priority></server>
 <server><priority>3</priority></server>
 <heartbeat><lanhb name="l"><priority>0</priority><device>x</device></lanhb>
-<cnthb name="c"/></heartbeat>)" "<server name=\"node\xff\"><priority>1</priority></server>" R"(
+<cnthb name="c"/></heartbeat>)" "<server name=\"node\x1b]0;\xff\"><priority>1</priority></server>" R"(
 <cluster><heartbeat><timeout>ten</timeout></heartbeat></cluster></root>)";
     const std::tuple<std::string, std::string, std::vector<const char *>> cases[] = {
         {many, local,
          {":2: /root/server@a/device@0/info: not an IPv4 or IPv6 address", ":3: /root/server@b/priority: priority 0 used twice",
           ":4: /root/server@a: server defined twice", ":4: /root/server@a/priority: not an integer from 0 to 63",
           ":5: /root/server: missing name attribute", ":6: /root/heartbeat/lanhb@l/device: not a device id",
-          ":7: /root/heartbeat/cnthb@c/priority: missing", ":7: /root/server@node\\xff: name is not printable UTF-8",
+          ":7: /root/heartbeat/cnthb@c/priority: missing", ":7: /root/server@node\\x1b]0;\\xff: name is not printable UTF-8",
           ":8: /root/cluster/heartbeat/timeout: not a 32-bit integer: \"ten\""}},
         {cl.substr(0, cl.find("</server>")), local, {"XML error"}},
         {cl, "<local><hostname>node7</hostname></local>", {"local.xml: /local/hostname: \"node7\" is not a <server>"}},
@@ -96,12 +102,15 @@ TEST_F(Zemctl, CheckNamesEveryConfigurationProblemWithItsPlace)
     for (const auto &[cluster, loc, wants] : cases) {
         put("etc/cluster.xml", cluster);
         put("etc/local.xml", loc);
-        EXPECT_EQ(zemctl({"check"}), 1) << out;
-        for (const char *want : wants)
-            EXPECT_TRUE(ptest::has(out, want)) << want << " in\n" << out;
+        for (const char *cmd : {"check", "init"}) {
+            EXPECT_EQ(zemctl({cmd}), 1) << out;
+            for (const char *want : wants)
+                EXPECT_TRUE(ptest::has(out, want) && !ptest::has(out, "\x1b")) << want << " in\n" << out;
+        }
     }
     put("etc/local.xml", local);
     EXPECT_EQ(zemctl({"check"}), 0) << out;
+    EXPECT_EQ(ptest::slurp(at("run/shmnm")) + ptest::slurp(at("run/shmcm")) + ptest::slurp(at("run/hbarea")), run);
 }
 
 // What a local user could have planted under run/ and log/: init brings
