@@ -79,7 +79,8 @@ TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
     EXPECT_EQ(zemctl({"status"}, {"ZEM_ROOT=" + at("nowhere")}), 1);
     EXPECT_TRUE(ptest::has(out, "root directory " + at("nowhere") + " does not exist")) << out;
     ASSERT_EQ(zemctl({"init"}), 0) << out;
-    const std::string run = ptest::slurp(at("run/shmnm")) + ptest::slurp(at("run/shmcm")) + ptest::slurp(at("run/hbarea"));
+    const auto runfiles = [&] { return ptest::slurp(at("run/shmnm")) + ptest::slurp(at("run/shmcm")); };
+    const std::string run = runfiles();
     const std::string cl = ptest::slurp(EXAMPLES_DIR "/cluster.xml"), local = ptest::slurp(at("etc/local.xml"));
     const std::string many = R"(<root>
 <server name="a"><priority>0</priority><device name="0"><info>198.18.0.300</info></device></server>
@@ -94,7 +95,8 @@ TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
          {":2: /root/server@a/device@0/info: not an IPv4 or IPv6 address", ":3: /root/server@b/priority: priority 0 used twice",
           ":4: /root/server@a: server defined twice", ":4: /root/server@a/priority: not an integer from 0 to 63",
           ":5: /root/server: missing name attribute", ":6: /root/heartbeat/lanhb@l/device: not a device id",
-          ":7: /root/heartbeat/cnthb@c/priority: missing", ":7: /root/server@node\\x1b]0;\\xff: name is not printable UTF-8",
+          ":7: /root/heartbeat/cnthb@c/priority: missing",
+          ":7: /root/server@node\\x1b]0;\\xff: name is not printable UTF-8",
           ":8: /root/cluster/heartbeat/timeout: not a 32-bit integer: \"ten\""}},
         {cl.substr(0, cl.find("</server>")), local, {"XML error"}},
         {cl, "<local><hostname>node7</hostname></local>", {"local.xml: /local/hostname: \"node7\" is not a <server>"}},
@@ -110,7 +112,7 @@ TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
     }
     put("etc/local.xml", local);
     EXPECT_EQ(zemctl({"check"}), 0) << out;
-    EXPECT_EQ(ptest::slurp(at("run/shmnm")) + ptest::slurp(at("run/shmcm")) + ptest::slurp(at("run/hbarea")), run);
+    EXPECT_EQ(runfiles(), run);
 }
 
 // What a local user could have planted under run/ and log/: init brings
