@@ -13,11 +13,11 @@ namespace {
 
 std::atomic<bool> released{false};
 
-// Blocked at a wait until cancelled, or (released) ending by itself with 42.
+// Waits until cancelled, or until released: then ends with 42 (a pending cancel wins).
 pthread_t start()
 {
     return unit::start([](void *) -> void * {
-        while (!released.load())
+        while (pthread_testcancel(), !released.load())
             usleep(1000);
         return reinterpret_cast<void *>(42);
     });
