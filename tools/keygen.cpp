@@ -1,4 +1,7 @@
-// zemctl keygen: a new cluster key file from the kernel's random source.
+// zemctl keygen: a new cluster key file of mode 0600 from the kernel's
+// random source. The file named, or by default the key file under the root
+// (a relative name is taken under the root too); an existing file is
+// replaced only with --force, whole, by a rename.
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -9,11 +12,15 @@
 #include <cstring>
 #include <string>
 
-#include "keygen.h"
-#include "plat.h"
+#include <CLI/CLI.hpp>
+
 #include "services/hbext.h"
+#include "zemctl.h"
 
 namespace {
+
+std::string name; // keygen [FILE]; empty: the default
+bool force = false; // keygen --force
 
 bool fill_random(unsigned char *buf, size_t len)
 {
@@ -44,7 +51,13 @@ bool write_all(int fd, const unsigned char *buf, size_t len)
 
 } // namespace
 
-int cmd_keygen(const std::string &name, bool force)
+void opts_keygen(CLI::App &cmd)
+{
+    cmd.add_option("file", name, std::string("key file (default <root>/") + HBEXT_KEY_DEFAULT + ")");
+    cmd.add_flag("--force", force, "replace an existing key file");
+}
+
+int cmd_keygen()
 {
     const std::string path = name.empty() ? plat_path(HBEXT_KEY_DEFAULT)
                              : name[0] == '/' ? name
@@ -52,7 +65,7 @@ int cmd_keygen(const std::string &name, bool force)
     unsigned char key[HBEXT_KEY_SIZE];
     if (!fill_random(key, sizeof key)) {
         fprintf(stderr, "zemctl: keygen: getrandom failed: %s\n", strerror(errno));
-        return 1;
+        return EXIT_FAILURE;
     }
     // Without --force the file must not exist (O_EXCL); with it, a new file
     // is written aside and renamed over the old one, so a daemon starting
@@ -68,7 +81,7 @@ int cmd_keygen(const std::string &name, bool force)
             fprintf(stderr, "zemctl: keygen: %s exists; use --force to replace it\n", path.c_str());
         else
             fprintf(stderr, "zemctl: keygen: cannot create %s: %s\n", target.c_str(), strerror(err));
-        return 1;
+        return EXIT_FAILURE;
     }
     const bool ok = fchmod(fd, 0600) == 0 && write_all(fd, key, sizeof key);
     const int err = errno;
@@ -77,7 +90,7 @@ int cmd_keygen(const std::string &name, bool force)
     if (!ok || (force && rename(target.c_str(), path.c_str()) != 0)) {
         fprintf(stderr, "zemctl: keygen: cannot write %s: %s\n", path.c_str(), strerror(ok ? errno : err));
         unlink(target.c_str());
-        return 1;
+        return EXIT_FAILURE;
     }
     printf("wrote a new %d-byte cluster key to %s (mode 0600)\n", HBEXT_KEY_SIZE, path.c_str());
     return 0;

@@ -1,0 +1,66 @@
+// What zemctl's subcommands share: the row of the one subcommand table, the
+// escaping of names, the messages for a root or shared memory that is not
+// there, and the hooks each role file gives the table. The roles:
+//   zemctl.cpp  main(): the table, parsing, a mistyped subcommand named
+//   init.cpp    check, init: the configuration checked, the node prepared
+//   status.cpp  status, watch: the published states shown and followed
+//   set.cpp     set: what a cluster manager would set
+//   keygen.cpp  keygen: a new cluster key
+//   run.cpp     run: the daemon's supervisor
+// Exit statuses are the names of services/hbexit.h; a failure that names no
+// cause there (a refused configuration, a file that cannot be written) is
+// EXIT_FAILURE, 1 like HBEXIT_ATTACH.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <span>
+#include <string>
+
+#include "plat.h"
+#include "services/hbexit.h"
+
+namespace CLI {
+class App;
+}
+
+// One subcommand: its name and help as --help lists them, what it adds to
+// its CLI11 command (options, flags; null for none), and what runs it once
+// the command line is parsed. A group (handler null) runs one of its subs.
+struct zemctl_cmd {
+    const char *name;
+    const char *help;
+    void (*options)(CLI::App &cmd);
+    int (*handler)();
+    std::span<const zemctl_cmd> subs = {};
+};
+
+// Every text from shared memory or the configuration goes out escaped.
+inline std::string esc(const std::string &s)
+{
+    return plat_escape(s);
+}
+
+// "42s", "5m12s", "3h04m", "2d03h".
+std::string duration(int64_t ms);
+// A platform result code in words.
+const char *plat_error_text(int32_t r);
+// A missing root directory, said with what fixes it; true when missing.
+bool root_missing();
+// Says that run/<file> cannot be attached (r: the attach's result), or that
+// the root is missing; returns the exit status for it.
+int attach_failed(const char *file, int32_t r);
+
+// The hooks of the table, by role file.
+void opts_init(CLI::App &cmd);
+int cmd_check();
+int cmd_init();
+void opts_status(CLI::App &cmd);
+int cmd_status();
+void opts_watch(CLI::App &cmd);
+int cmd_watch();
+extern const std::span<const zemctl_cmd> set_cmds;
+void opts_keygen(CLI::App &cmd);
+int cmd_keygen();
+void opts_run(CLI::App &cmd);
+int cmd_run();
