@@ -33,15 +33,18 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools", "cluster"))
-import zemcluster as zc  # noqa: E402
+from zemcluster.cluster import Cluster  # noqa: E402
+from zemcluster.layout import LAN4, LAN6  # noqa: E402
+from zemcluster.observe import events, wait_healthy  # noqa: E402
+from zemcluster.procs import HarnessError, install_cleanup_handlers, wait_until  # noqa: E402
 
 
-class OneLanCluster(zc.Cluster):
+class OneLanCluster(Cluster):
     """The harness's cluster with the IPv6 LAN path left out."""
 
     def cluster_xml(self):
         return "".join(line for line in super().cluster_xml().splitlines(keepends=True)
-                       if f'name="{zc.LAN6}"' not in line)
+                       if f'name="{LAN6}"' not in line)
 
 
 def switches(pid):
@@ -82,21 +85,21 @@ def bench_wakeups():
 
 def bench_leave(trials=10):
     times = []
-    c = zc.Cluster(2, tag="lv")
+    c = Cluster(2, tag="lv")
     try:
         c.setup()
         c.start_all()
         for _ in range(trials):
-            if zc.wait_healthy(c, 20):
-                raise zc.HarnessError("cluster not healthy")
+            if wait_healthy(c, 20):
+                raise HarnessError("cluster not healthy")
             observer, victim = c[1], c[2]
-            text = f"DOWNPACKET recv({zc.LAN4},{victim.name}({victim.pri}))"
-            seen = len(zc.events(observer, "lanhb", text))
+            text = f"DOWNPACKET recv({LAN4},{victim.name}({victim.pri}))"
+            seen = len(events(observer, "lanhb", text))
             t0 = time.time()
             victim.stop()
-            got = zc.wait_until(lambda: zc.events(observer, "lanhb", text)[seen:], 10, 0.05)
+            got = wait_until(lambda: events(observer, "lanhb", text)[seen:], 10, 0.05)
             if not got:
-                raise zc.HarnessError("no down packet seen")
+                raise HarnessError("no down packet seen")
             times.append((got[0][0] - t0) * 1000)
             victim.start()
     finally:
@@ -109,7 +112,7 @@ STRETCH_S = 1201 * 0.5 + 5  # the start-up stretch of 500 ms polls, and a margin
 
 
 def bench_idle(window=60, after_stretch=False):
-    c = zc.Cluster(3, tag="id", hbint=3000, hbto=9000)
+    c = Cluster(3, tag="id", hbint=3000, hbto=9000)
     try:
         c.setup()
         c.start_all()
@@ -138,7 +141,7 @@ def main():
     ap.add_argument("--before", help="JSON figures of an earlier build, printed beside")
     ap.add_argument("--save", help="write the figures here as JSON")
     args = ap.parse_args()
-    zc.install_cleanup_handlers()
+    install_cleanup_handlers()
     before = {}
     if args.before:
         with open(args.before) as f:

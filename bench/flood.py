@@ -17,8 +17,11 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools", "cluster"))
 
-import zemcluster  # noqa: E402
-from zemcluster import OUTSIDER4, TRAILER, heartbeat  # noqa: E402
+from zemcluster.cluster import started  # noqa: E402
+from zemcluster.layout import OUTSIDER4, TRAILER  # noqa: E402
+from zemcluster.observe import problems, wait_healthy  # noqa: E402
+from zemcluster.procs import install_cleanup_handlers  # noqa: E402
+from zemcluster.wire import heartbeat  # noqa: E402
 
 
 def cpu_ticks(pid):
@@ -31,8 +34,8 @@ def run(keyed, seconds):
     rng = random.Random(1)
     size = len(heartbeat(1, 0))
     junk = [rng.randbytes(rng.choice([64, size, size + TRAILER, 1400])) for _ in range(20)]
-    for c in zemcluster.started(2, tag="flood", key=keyed):
-        if zemcluster.wait_healthy(c, 20):
+    for c in started(2, tag="flood", key=keyed):
+        if wait_healthy(c, 20):
             sys.exit("cluster did not converge")
         n1 = c[1]
         pid = n1.daemon_pid()
@@ -41,7 +44,7 @@ def run(keyed, seconds):
         spent = time.time() - t0
         share = (cpu_ticks(pid) - cpu0) / os.sysconf("SC_CLK_TCK") / spent
         refused = n1.refused()
-        healthy = not zemcluster.problems(c)
+        healthy = not problems(c)
         print(f"{'with filter (keyed)' if keyed else 'without filter (no key)':26} "
               f"{sent / spent:10.0f} datagrams/s  daemon {100 * share:5.1f} % of a core  "
               f"refused {refused}  cluster {'healthy' if healthy else 'NOT healthy'}", flush=True)
@@ -49,6 +52,6 @@ def run(keyed, seconds):
 
 if __name__ == "__main__":
     secs = float(sys.argv[1]) if len(sys.argv) > 1 else 10
-    zemcluster.install_cleanup_handlers()
+    install_cleanup_handlers()
     for keyed in (False, True):
         run(keyed, secs)

@@ -8,9 +8,10 @@ import time
 
 import pytest
 
-import zemcluster
-from zemcluster import (CNT, LAN4, LAN6, LAN_PATHS, events, log_kind, node_line, offline_times,
-                        paths_seen_by, wait_healthy, wait_until)
+from zemcluster.cluster import started
+from zemcluster.layout import CNT, LAN4, LAN6, LAN_PATHS
+from zemcluster.observe import events, log_kind, node_line, offline_times, paths_seen_by, wait_healthy
+from zemcluster.procs import wait_until
 
 HBINT, HBTO = 0.5, 2    # seconds, as configured
 SLACK = 0.1             # heartbeats leave per (sleep + send) cycle on 10 ms ticks
@@ -18,7 +19,7 @@ SLACK = 0.1             # heartbeats leave per (sleep + send) cycle on 10 ms tic
 
 @pytest.fixture(scope="module")
 def cluster(tools):
-    yield from zemcluster.started(3, tag="main", hbint=int(HBINT * 1000), hbto=HBTO * 1000)
+    yield from started(3, tag="main", hbint=int(HBINT * 1000), hbto=HBTO * 1000)
 
 
 @pytest.fixture

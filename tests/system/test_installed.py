@@ -12,8 +12,10 @@ import time
 
 import pytest
 
-import zemcluster
-from zemcluster import events, paths_seen_by, wait_healthy, wait_until
+from zemcluster.cluster import started
+from zemcluster.layout import PREFIX
+from zemcluster.observe import events, paths_seen_by, wait_healthy
+from zemcluster.procs import HarnessError, wait_until
 from test_cluster import ended, heard_down
 
 
@@ -23,10 +25,10 @@ def cluster():
     if not os.path.exists(deb):
         why = f"no package at '{deb}' (a build with ZEM_MANPAGES=ON makes it)"
         (pytest.fail if os.environ.get("CI") else pytest.skip)(why)
-    with tempfile.TemporaryDirectory(prefix=f"{zemcluster.PREFIX}{os.getpid()}-deb-") as tree:
+    with tempfile.TemporaryDirectory(prefix=f"{PREFIX}{os.getpid()}-deb-") as tree:
         subprocess.run(["dpkg-deb", "-x", deb, tree], check=True)
         sbin = os.path.join(tree, "usr", "sbin")
-        for c in zemcluster.started(2, start=start_as_service, tag="inst",
+        for c in started(2, start=start_as_service, tag="inst",
                                     zemctl=os.path.join(sbin, "zemctl"), daemon=os.path.join(sbin, "zemlanhb")):
             yield c
             c.notify.close()
@@ -41,7 +43,7 @@ def start_as_service(cluster):
         n.spawn([cluster.zemctl, "run"])
     for n in cluster.nodes:
         if not wait_until(n.daemon_pid, 15, 0.05):
-            raise zemcluster.HarnessError(f"{n.name}: no daemon came up\n{n.output()}")
+            raise HarnessError(f"{n.name}: no daemon came up\n{n.output()}")
 
 
 def wait_notice(cluster, wanted):

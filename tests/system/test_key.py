@@ -10,9 +10,11 @@ import time
 
 import pytest
 
-import zemcluster
-from zemcluster import (LAN4, LAN_PATHS, PATH_PRI, TRAILER, events, heartbeat,
-                        node_line, wait_healthy, wait_until)
+from zemcluster.cluster import started
+from zemcluster.layout import KEY_FILE, LAN4, LAN_PATHS, PATH_PRI, TRAILER
+from zemcluster.observe import events, node_line, wait_healthy
+from zemcluster.procs import wait_until
+from zemcluster.wire import heartbeat
 # The same scenarios as without a key, collected here again on the keyed cluster.
 from test_cluster import (healthy, test_crash_is_detected_after_the_timeout_on_every_path,  # noqa: F401
                           test_hangup_of_run_stops_the_daemon_and_announces_the_down_at_once)
@@ -22,7 +24,7 @@ SPOOF4 = "198.18.0.20"
 
 @pytest.fixture(scope="module")
 def cluster(tools):
-    for c in zemcluster.started(3, tag="key", hbint=500, hbto=2000, key=True):
+    for c in started(3, tag="key", hbint=500, hbto=2000, key=True):
         c.add_outsider(SPOOF4)
         yield c
 
@@ -98,12 +100,12 @@ def test_a_key_is_enabled_node_by_node_without_an_offline(tools):
     without down notification, keyed but taking unsigned datagrams too, then
     keyed only. No node may lose a peer at any step."""
     hbto = 3
-    for c in zemcluster.started(2, start=lambda c: c.start_all("--no-down"), tag="roll", hbto=hbto * 1000):
+    for c in started(2, start=lambda c: c.start_all("--no-down"), tag="roll", hbto=hbto * 1000):
         n1, n2 = c.nodes
         assert not wait_healthy(c, 20)
         n1.zemctl("keygen")
         n2.write_key(n1.read_key())
-        key = f"<authkey>{zemcluster.KEY_FILE}</authkey>"
+        key = f"<authkey>{KEY_FILE}</authkey>"
         both = key + "<authunsigned>1</authunsigned>"
         t0 = time.time()
         for node, extra in ((n1, both), (n2, both), (n1, key), (n2, key)):

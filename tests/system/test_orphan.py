@@ -8,8 +8,10 @@ import time
 
 import pytest
 
-import zemcluster
-from zemcluster import CNT, LAN_PATHS, events, log_kind, wait_healthy, wait_until
+from zemcluster.cluster import started
+from zemcluster.layout import CNT, LAN_PATHS
+from zemcluster.observe import events, log_kind, wait_healthy
+from zemcluster.procs import proc_running, wait_until
 from test_cluster import ended, heard_down
 
 POLLS, POLL, SLACK = 18, 0.5, 0.1
@@ -17,7 +19,7 @@ POLLS, POLL, SLACK = 18, 0.5, 0.1
 
 @pytest.fixture(scope="module")
 def slow(tools):
-    yield from zemcluster.started(2, tag="orph", hbint=3000, hbto=10000, prefixed=(1,))
+    yield from started(2, tag="orph", hbint=3000, hbto=10000, prefixed=(1,))
 
 
 def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):
@@ -27,7 +29,7 @@ def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):
     supervisor, daemon = n2.supervisor_pid(), n2.daemon_pid()
     t0 = time.time()
     os.kill(supervisor, signal.SIGKILL)
-    assert wait_until(lambda: not zemcluster.proc_running(daemon), POLLS * POLL + 15), "daemon still running"
+    assert wait_until(lambda: not proc_running(daemon), POLLS * POLL + 15), "daemon still running"
     selfdown = events(n2, "lanhb", f"lanhb self down. countover1={POLLS}", t0)
     assert len(selfdown) == 1, selfdown
     # The first poll that sees parent id 1 comes within one poll of the kill.

@@ -13,8 +13,10 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-import zemcluster  # noqa: E402
-from zemcluster import CNT, LAN4, LAN6, events, log_kind, node_line  # noqa: E402
+from zemcluster.cluster import Cluster  # noqa: E402
+from zemcluster.layout import CNT, KEY_FILE, LAN4, LAN6  # noqa: E402
+from zemcluster.observe import events, log_kind, node_line, problems  # noqa: E402
+from zemcluster.procs import HarnessError, install_cleanup_handlers, leftovers, sweep  # noqa: E402
 
 PATHS = (LAN4, LAN6, CNT)
 MARK = {"ONLINE": "O", "OFFLINE": "x", "UNKNOWN": "?", "UNUSED": "-"}
@@ -38,7 +40,7 @@ class Table:
             return None
         try:
             st = node.status()
-        except (zemcluster.HarnessError, ValueError):
+        except (HarnessError, ValueError):
             return None
         cells = []
         for path in PATHS:
@@ -135,13 +137,13 @@ def main():
     args = ap.parse_args()
     ctl = os.path.join(args.build, "zemctl")
     daemon = os.path.join(args.build, "zemlanhb")
-    zemcluster.install_cleanup_handlers()
+    install_cleanup_handlers()
     signal.signal(signal.SIGINT, signal.default_int_handler)
-    removed = zemcluster.sweep()
+    removed = sweep()
     if removed:
         print(f"removed leftovers of an earlier run: {' '.join(removed)}")
 
-    c = zemcluster.Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True)
+    c = Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True)
     summary = []
     try:
         c.setup()
@@ -152,7 +154,7 @@ def main():
         print(f"Heartbeat interval {c.hbint} ms, time-out {c.hbto} ms. "
               f"Nodes 1 and 2 share the controller path {CNT}.")
         print(f"Cluster key: made by 'zemctl keygen' on node1 and copied to every node's "
-              f"{zemcluster.KEY_FILE}; every LAN datagram is signed and checked.\n")
+              f"{KEY_FILE}; every LAN datagram is signed and checked.\n")
 
         def pair(victim):
             # Controller states count only between the two nodes that share it.
@@ -165,11 +167,11 @@ def main():
         c.start_all()
 
         def converged():
-            return not zemcluster.problems(c)
+            return not problems(c)
 
         t_conv = table.follow(converged, 20, after=0.5)
         if t_conv is None:
-            print("the cluster did not converge within 20 s:", zemcluster.problems(c))
+            print("the cluster did not converge within 20 s:", problems(c))
             return 1
         summary.append(f"converged {t_conv - t0:.1f} s after the start: every node ONLINE on "
                        f"{LAN4} and {LAN6}, node1 and node2 on {CNT}, all NORMAL")
@@ -212,7 +214,7 @@ def main():
         return 130
     finally:
         c.destroy()
-        left = zemcluster.leftovers()
+        left = leftovers()
         print("cleaned up: namespaces, processes and files removed"
               + (f" (left: {left})" if left else ""))
 

@@ -26,8 +26,10 @@ import subprocess
 import sys
 import time
 
-import zemcluster as zc
-from zemcluster import CNT, LAN_PATHS, log_kind, node_line, offline_times, paths_seen_by
+from zemcluster.cluster import started
+from zemcluster.layout import CNT, LAN_PATHS
+from zemcluster.observe import events, offline_times, paths_seen_by, problems, wait_healthy
+from zemcluster.procs import install_cleanup_handlers, sweep
 
 HBINT = 0.5
 HBTO = 2.0
@@ -60,7 +62,7 @@ class Verdict:
 
 @contextlib.contextmanager
 def cluster(n, **kw):
-    yield from zc.started(n, hbint=int(HBINT * 1000), hbto=int(HBTO * 1000), **kw)
+    yield from started(n, hbint=int(HBINT * 1000), hbto=int(HBTO * 1000), **kw)
 
 
 def offline_records(c, since, excused=()):
@@ -69,7 +71,7 @@ def offline_records(c, since, excused=()):
     out = []
     for obs in c.nodes:
         for kind in ("lanhb", "cnthb"):
-            for t, line in zc.events(obs, kind, " : OFFLINE ***", since):
+            for t, line in events(obs, kind, " : OFFLINE ***", since):
                 if not any(f"/node({name}(" in line and start <= t <= end for name, start, end in excused):
                     out.append(f"{obs.name}: {line}")
     return out
@@ -80,7 +82,7 @@ def delay_records(c, since):
     out = []
     for obs in c.nodes:
         for kind in ("lanhb", "cnthb"):
-            for _, line in zc.events(obs, kind, "delay warning(", since):
+            for _, line in events(obs, kind, "delay warning(", since):
                 m = DELAY_RE.search(line)
                 if m:
                     out.append((int(m.group(1)), m.group(2), m.group(3),
@@ -167,7 +169,7 @@ def restart(c, node, v):
     if node.running() and node.daemon_pid() is None:
         node.wait(15)       # a supervisor whose daemon died is ending
     node.start()
-    left = zc.wait_healthy(c, 30)
+    left = wait_healthy(c, 30)
     v.check(not left, f"{node.name} did not rejoin: {left[:5]}")
     return time.time()
 
@@ -181,7 +183,7 @@ def stress(args):
         return 1
     # Rate 30: every heartbeat gap above 600 ms is logged with its length.
     with cluster(3, tag="stress", warnrate=30) as c:
-        v.check(not zc.wait_healthy(c, 20), "not converged before the stress")
+        v.check(not wait_healthy(c, 20), "not converged before the stress")
         t0 = time.time()
         cmd = ["stress-ng", "--cpu", str(os.cpu_count() or 2), "--hdd", "1", "--hdd-bytes", "256M", "--hdd-opts", "fsync",
                "--temp-path", c.dir, "--timeout", f"{args.seconds}s", "--metrics-brief"]
@@ -195,7 +197,7 @@ def stress(args):
         false_off = offline_records(c, t0)
         delays = delay_records(c, t0)
         gaps = [ms for no, _, _, ms in delays if no == 71]
-        left = zc.problems(c)
+        left = problems(c)
         print(f"  {args.seconds} s of stress-ng on {os.cpu_count()} cores, daemons at nice -20")
         print(f"  false OFFLINE: {len(false_off)}")
         print(f"  delay warnings (threshold 30% of the time-out = {HBTO * 300:.0f} ms): {len(delays)}"
@@ -222,7 +224,7 @@ def soak(args):
     v = Verdict()
     logsize = args.logsize
     with cluster(3, tag="soak", loglevel=8, logsize=logsize) as c:
-        v.check(not zc.wait_healthy(c, 20), "not converged at the start")
+        v.check(not wait_healthy(c, 20), "not converged at the start")
         n1, n2, n3 = c.nodes
         start = time.time()
         end = start + args.minutes * 60
@@ -297,7 +299,7 @@ def scale(args):
     t_setup = time.time()
     with cluster(n, tag="scale") as c:
         t_up = time.time()
-        left = zc.wait_healthy(c, 120)
+        left = wait_healthy(c, 120)
         print(f"scale: {n} nodes, paths {', '.join(LAN_PATHS)} (IPv4, IPv6) and {CNT}")
         print(f"  set up and started in {t_up - t_setup:.1f} s, converged {time.time() - t_up:.1f} s later")
         v.check(not left, f"not converged: {len(left)} problems, e.g. {left[:5]}")
@@ -311,7 +313,7 @@ def scale(args):
         rx = [(after[k][1][0] - before[k][1][0]) / (t1 - t0) for k in before]
         tx = [(after[k][1][1] - before[k][1][1]) / (t1 - t0) for k in before]
         false_off = offline_records(c, t0)
-        left = zc.problems(c)
+        left = problems(c)
         print(f"  steady state {t1 - t0:.0f} s:")
         print(f"    CPU per daemon (% of one core): {spread(cpu)}")
         print(f"    datagrams received per node per second: {spread(rx, '{:.0f}')}")
@@ -338,8 +340,8 @@ def main():
     p.add_argument("seconds", type=int)
     p.add_argument("--nodes", type=int, default=32)
     args = ap.parse_args()
-    zc.install_cleanup_handlers()
-    zc.sweep()
+    install_cleanup_handlers()
+    sweep()
     return {"stress": stress, "soak": soak, "scale": scale}[args.cmd](args)
 
 
