@@ -17,12 +17,15 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <memory>
 #include <vector>
 
 #include "cnthb/cnthb.h"
 #include "frame/frame.h"
 #include "lanhb/key.h"
 #include "lanhb/lanhb.h"
+#include "loopdev.h"
 #include "plat.h"
 #include "services/services.h"
 
@@ -124,25 +127,78 @@ void BM_DelayCheck(benchmark::State &state)
 }
 BENCHMARK(BM_DelayCheck);
 
+// The controller's heartbeat area for the two benchmarks below. Arg 0: a
+// file on the file system under /tmp; arg 1: a loop device over such a file,
+// a real block device as a shared disk is (needs root).
+bool use_area(benchmark::State &state)
+{
+    static int64_t current = -1;
+    static std::unique_ptr<ptest::LoopDev> loop;
+    if (state.range(0) == current)
+        return true;
+    const std::string dir = std::getenv("ZEM_ROOT");
+    std::string area = dir + "/run/hbarea";
+    if (state.range(0) == 1) {
+        if (!loop) {
+            std::ofstream(dir + "/lun.img").close();
+            fs::resize_file(dir + "/lun.img", 1 << 20);
+            loop = std::make_unique<ptest::LoopDev>(dir + "/lun.img");
+        }
+        if (!loop->ok()) {
+            state.SkipWithError(("no loop device: " + loop->why()).c_str());
+            return false;
+        }
+        area = loop->path();
+    }
+    std::ofstream(dir + "/etc/local.xml") << "<local><hostname>node1</hostname><storage><area>" << area
+                                          << "</area><controller>0</controller></storage></local>";
+    if (zemstorage_init(&cnthb_mycntno) != 0) {
+        state.SkipWithError(("storage: " + plat_lasterror()).c_str());
+        return false;
+    }
+    current = state.range(0);
+    return true;
+}
+
+double percentile(const std::vector<double> &v, double p)
+{
+    std::vector<double> s = v;
+    std::sort(s.begin(), s.end());
+    return s.empty() ? 0 : s[std::min(s.size() - 1, static_cast<size_t>(p * static_cast<double>(s.size())))];
+}
+
+// One write or read per repetition, so that the spread shows: p50 and p99
+// of single operations.
+void per_operation(benchmark::internal::Benchmark *b)
+{
+    b->Arg(0)->Arg(1)->Iterations(1)->Repetitions(2000)->ReportAggregatesOnly(true)->UseRealTime();
+    b->ComputeStatistics("p50", [](const std::vector<double> &v) { return percentile(v, 0.50); });
+    b->ComputeStatistics("p99", [](const std::vector<double> &v) { return percentile(v, 0.99); });
+}
+
 // A controller heartbeat write is durable (synchronous I/O): its latency is
 // what bounds the controller write cycle.
 void BM_ControllerWrite(benchmark::State &state)
 {
     root();
+    if (!use_area(state))
+        return;
     unsigned char rec[ZEMFW_HBINF_SIZE] = "cnthb";
     for (auto _ : state)
         zemfw_sethbinf(cnthb_mycntno, rec);
 }
-BENCHMARK(BM_ControllerWrite)->UseRealTime();
+BENCHMARK(BM_ControllerWrite)->Apply(per_operation);
 
 void BM_ControllerReadAll(benchmark::State &state)
 {
     root();
+    if (!use_area(state))
+        return;
     static unsigned char area[ZEMFW_HBSLOTS * ZEMFW_HBINF_SIZE];
     for (auto _ : state)
         zemfw_gethbinf(area);
 }
-BENCHMARK(BM_ControllerReadAll);
+BENCHMARK(BM_ControllerReadAll)->Apply(per_operation);
 
 // Heartbeats of the own node over the loopback through what the receiver
 // does with each: receive, accept (with the key: code, window; the socket
