@@ -41,6 +41,7 @@
 
 struct log_hdl {
     std::mutex mx;
+    std::string name;
     std::string path; // <root>/log/<name>.log
     int32_t level = 0;
     int64_t size = 0;
@@ -182,6 +183,7 @@ int32_t log_init(const char *name, log_hdl **handle, int32_t level, int32_t size
         return PLAT_EINVAL;
     std::string dir = plat_path("log");
     auto *h = new log_hdl;
+    h->name = name;
     h->path = dir + "/" + name + ".log";
     h->level = level;
     h->size = size;
@@ -263,6 +265,15 @@ int32_t log_write(log_hdl *h, int32_t level, int32_t msgno, const char *file, in
         h->cur += w;
     }
     return 0;
+}
+
+void plat_notice(const char *log, int32_t level, const char *func, const std::string &text, std::source_location at)
+{
+    fprintf(stderr, "%s: %s\n", program_invocation_short_name, text.c_str());
+    std::lock_guard lk(regmx);
+    for (log_hdl *h = reghead; h != nullptr; h = h->next)
+        if (h->name == log)
+            log_write(h, level, 0, at.file_name(), static_cast<int32_t>(at.line()), func, text.c_str());
 }
 
 int32_t log_term(log_hdl *h)

@@ -5,8 +5,10 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -32,6 +34,7 @@ enum : int32_t {
     PLAT_EFORMAT = 5,   // not an integer, out of range, corrupt or foreign file
     PLAT_EIO = 6,       // a system call failed
     PLAT_EBUSY = 7,     // another daemon holds run/lock
+    PLAT_EEXIST = 8,    // holds data that formatting would destroy
 };
 
 // ---- files -------------------------------------------------------------------
@@ -46,6 +49,11 @@ std::string plat_path(const char *rel);
 // Why the last xmllib_load_config / zemstorage_init of this process failed.
 std::string plat_lasterror();
 void plat_seterror(const std::string &why);
+
+// Something the platform itself has to tell an operator: a line on standard
+// error and a record of that level in every open log of that name.
+void plat_notice(const char *log, int32_t level, const char *func, const std::string &text,
+                 std::source_location at = std::source_location::current());
 
 // Opens (creating with mode 0700 when asked) the run/ directory without
 // following a symlink; -1 with errno on failure.
@@ -121,6 +129,10 @@ struct plat_cluster {
 // ("file:line: key: problem"); notes collects harmless oddities. Returns 0
 // when errors stayed empty.
 int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, std::vector<std::string> &notes);
+
+// The cluster's name as the daemon reads it from cluster.xml: "unknown"
+// when the key is missing or longer than 31 characters.
+int32_t plat_cluster_name(std::string &name, std::string &err);
 
 // Integer text as the configuration library reads it: optional sign, decimal
 // or 0x hex, surrounding blanks allowed, must fit in 32 bits signed.
@@ -238,6 +250,49 @@ int32_t plat_getrefused(uint64_t *counts);
 
 // ---- heartbeat area -----------------------------------------------------------------
 
-// Creates the area file (ZEMFW_HBSLOTS zeroed slots, mode 0640) when it does
-// not exist; an existing one is left as it is.
+// Layout: block 0 the header, block 1 + k the slot of controller number k
+// (its 40-byte record, the rest zero). Blocks are whole sectors on disks
+// with 512- and 4096-byte logical sectors.
+inline constexpr uint32_t AREA_VERSION = 1;
+inline constexpr size_t AREA_BLOCK = 4096;
+inline constexpr size_t AREA_SIZE = AREA_BLOCK * (1 + ZEMFW_HBSLOTS); // 260 KiB
+inline constexpr size_t AREA_CLUSTER_SIZE = 32;                      // name, NUL included
+
+struct plat_area_header {
+    uint32_t version = 0;
+    uint32_t slots = 0;
+    uint32_t slot_size = 0;
+    int64_t created = 0; // seconds since the epoch
+    std::array<uint8_t, 16> id{};
+    std::string cluster;
+};
+// An area as plat_area_read finds it.
+struct plat_area_view {
+    plat_area_header head;
+    bool blockdev = false; // a block device rather than a file
+    bool direct = false;   // read with direct I/O (false: the file system refuses it)
+    uint64_t size = 0;     // bytes of the file or device
+    std::array<std::array<char, ZEMFW_HBINF_SIZE>, ZEMFW_HBSLOTS> rec{}; // by controller number
+};
+
+// zemctl init: creates path as a file area of this node's cluster when
+// nothing is there; whatever exists (a block device above all) is left as
+// it is.
 int32_t plat_area_create(const std::string &path, std::string &err);
+
+// Formats path, a block device or a file (created when missing), as the
+// heartbeat area of cluster: a new header, every slot zeroed. Refused with
+// PLAT_EEXIST, err saying what is there, when path holds a file system or a
+// partition table, a heartbeat area (of any cluster), or is a file with
+// other content; force formats all the same and wipes the signatures found.
+int32_t plat_area_format(const std::string &path, const std::string &cluster, bool force, std::string &err);
+
+// Reads the header and every slot of the area at path, whatever cluster it
+// belongs to; PLAT_EFORMAT with err saying why when it is not an area of
+// this layout.
+int32_t plat_area_read(const std::string &path, plat_area_view &out, std::string &err);
+
+// Direct I/O on the area (on by default). Off makes the next zemstorage_init
+// use the page cache, as where a file system refuses direct I/O: for
+// measuring the difference only.
+void plat_area_direct(bool on);

@@ -313,6 +313,19 @@ int32_t xmllib_gethostname(char *buf, int32_t size)
     return 0;
 }
 
+int32_t plat_cluster_name(std::string &name, std::string &err)
+{
+    xmlfile f;
+    if (int32_t r = xml_open(plat_path("etc/cluster.xml"), f, "root", err, nullptr); r != 0)
+        return r;
+    // What the daemon's read of the key yields: a value that does not fit
+    // its 32-byte buffer, or none, is "unknown" there too.
+    pugi::xml_node n = key_find(f.doc, "/root/cluster/name");
+    std::string_view v = trim(n.child_value());
+    name = !n || v.size() > 31 ? "unknown" : std::string(v);
+    return 0;
+}
+
 // ---- local.xml ------------------------------------------------------------------
 
 int32_t plat_load_local(plat_local &out)
