@@ -1,6 +1,8 @@
 // What one heartbeat cycle costs on the stand-alone platform: publishing a
 // state, the wake-up post, a log record, a controller slot written durably
-// and read back, and a LAN heartbeat accepted with and without the key. Runs on a throw-away root under /tmp.
+// and all slots read back (p50 and p99 of single operations, on a file with
+// and without direct I/O and on a loop device), and a LAN heartbeat accepted
+// with and without the key. Runs on a throw-away root under /tmp.
 //
 //   build/release/bench/bench_platform [--benchmark_filter=...]
 #include <benchmark/benchmark.h>
@@ -128,8 +130,10 @@ void BM_DelayCheck(benchmark::State &state)
 BENCHMARK(BM_DelayCheck);
 
 // The controller's heartbeat area for the two benchmarks below. Arg 0: a
-// file on the file system under /tmp; arg 1: a loop device over such a file,
-// a real block device as a shared disk is (needs root).
+// file on the file system under /tmp through the page cache, as where direct
+// I/O is refused; arg 1: the same file with direct I/O; arg 2: a loop device
+// over such a file with direct I/O, a real block device as a shared disk is
+// (needs root).
 bool use_area(benchmark::State &state)
 {
     static int64_t current = -1;
@@ -137,12 +141,17 @@ bool use_area(benchmark::State &state)
     if (state.range(0) == current)
         return true;
     const std::string dir = std::getenv("ZEM_ROOT");
-    std::string area = dir + "/run/hbarea";
-    if (state.range(0) == 1) {
+    std::string area = dir + "/run/hbarea", cluster, err;
+    if (state.range(0) == 2) {
         if (!loop) {
             std::ofstream(dir + "/lun.img").close();
             fs::resize_file(dir + "/lun.img", 1 << 20);
             loop = std::make_unique<ptest::LoopDev>(dir + "/lun.img");
+            if (loop->ok() && (plat_cluster_name(cluster, err) != 0 ||
+                               plat_area_format(loop->path(), cluster, false, err) != 0)) {
+                state.SkipWithError(("formatting the loop device: " + err).c_str());
+                return false;
+            }
         }
         if (!loop->ok()) {
             state.SkipWithError(("no loop device: " + loop->why()).c_str());
@@ -152,6 +161,7 @@ bool use_area(benchmark::State &state)
     }
     std::ofstream(dir + "/etc/local.xml") << "<local><hostname>node1</hostname><storage><area>" << area
                                           << "</area><controller>0</controller></storage></local>";
+    plat_area_direct(state.range(0) != 0);
     if (zemstorage_init(&cnthb_mycntno) != 0) {
         state.SkipWithError(("storage: " + plat_lasterror()).c_str());
         return false;
@@ -171,7 +181,7 @@ double percentile(const std::vector<double> &v, double p)
 // of single operations.
 void per_operation(benchmark::internal::Benchmark *b)
 {
-    b->Arg(0)->Arg(1)->Iterations(1)->Repetitions(2000)->ReportAggregatesOnly(true)->UseRealTime();
+    b->Arg(0)->Arg(1)->Arg(2)->Iterations(1)->Repetitions(2000)->ReportAggregatesOnly(true)->UseRealTime();
     b->ComputeStatistics("p50", [](const std::vector<double> &v) { return percentile(v, 0.50); });
     b->ComputeStatistics("p99", [](const std::vector<double> &v) { return percentile(v, 0.99); });
 }

@@ -486,7 +486,7 @@ int32_t zemstorage_init(uint8_t *cntno)
         plat_seterror(err);
         return r;
     }
-    if (!a.direct && !plat_is_tool())
+    if (!a.direct && g_direct.load() && !plat_is_tool())
         plat_notice(HB_KIND_CNTHB, 2, "zemstorage_init",
                     "heartbeat area " + loc.area + ": its file system refuses direct I/O; reading and writing "
                     "through the page cache, so this area serves the nodes of this host only");
