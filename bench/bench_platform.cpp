@@ -147,17 +147,17 @@ bool use_area(benchmark::State &state)
             std::ofstream(dir + "/lun.img").close();
             fs::resize_file(dir + "/lun.img", 1 << 20);
             loop = std::make_unique<ptest::LoopDev>(dir + "/lun.img");
-            if (loop->ok() && (plat_cluster_name(cluster, err) != 0 ||
-                               plat_area_format(loop->path(), cluster, false, err) != 0)) {
+            if (!loop->path.empty() && (plat_cluster_name(cluster, err) != 0 ||
+                                       plat_area_format(loop->path, cluster, false, err) != 0)) {
                 state.SkipWithError(("formatting the loop device: " + err).c_str());
                 return false;
             }
         }
-        if (!loop->ok()) {
-            state.SkipWithError(("no loop device: " + loop->why()).c_str());
+        if (loop->path.empty()) {
+            state.SkipWithError(("no loop device: " + loop->why).c_str());
             return false;
         }
-        area = loop->path();
+        area = loop->path;
     }
     std::ofstream(dir + "/etc/local.xml") << "<local><hostname>node1</hostname><storage><area>" << area
                                           << "</area><controller>0</controller></storage></local>";

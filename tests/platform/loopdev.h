@@ -1,69 +1,43 @@
-// A loop device over a file, for the tests and benchmarks that need a real
-// block device. It is configured to clear itself: the kernel detaches it
-// when its last opener closes, so even a test that crashes leaves no device
-// behind.
+// A loop device over a file (losetup), for the tests and benchmarks that
+// need a real block device. It is detached at once while this object still
+// holds it open, which the kernel turns into detaching it at the last close:
+// even a test that crashes leaves no device behind.
 #pragma once
 
 #include <fcntl.h>
-#include <linux/loop.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 namespace ptest {
 
-class LoopDev {
-public:
+struct LoopDev {
+    std::string path, why; // path empty when it could not be set up, and why says why
+    int fd = -1;
+
     // block_size 0 keeps the kernel's default logical sector (512 bytes).
     explicit LoopDev(const std::string &file, unsigned block_size = 0)
     {
-        int ctl = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-        int back = open(file.c_str(), O_RDWR | O_CLOEXEC);
-        if (ctl < 0 || back < 0)
-            why_ = std::string(ctl < 0 ? "/dev/loop-control: " : file + ": ") + strerror(errno);
-        // Another process may take the free device first: try the next.
-        for (int tries = 0; why_.empty() && fd_ < 0 && tries < 50; tries++) {
-            int n = ioctl(ctl, LOOP_CTL_GET_FREE);
-            std::string dev = "/dev/loop" + std::to_string(n);
-            int fd = n < 0 ? -1 : open(dev.c_str(), O_RDWR | O_CLOEXEC);
-            loop_config cfg{};
-            cfg.fd = static_cast<__u32>(back);
-            cfg.block_size = block_size;
-            cfg.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-            if (fd >= 0 && ioctl(fd, LOOP_CONFIGURE, &cfg) == 0) {
-                fd_ = fd;
-                path_ = dev;
-            } else if (fd < 0 || errno != EBUSY) {
-                why_ = (n < 0 ? "LOOP_CTL_GET_FREE" : dev) + ": " + strerror(errno);
-            }
-            if (fd >= 0 && fd_ < 0)
-                close(fd);
+        std::string bs = block_size != 0 ? " -b " + std::to_string(block_size) : "";
+        FILE *p = popen(("losetup -f --show" + bs + " " + file + " 2>&1").c_str(), "r");
+        char out[256] = {};
+        bool ok = p != nullptr && fgets(out, sizeof out, p) != nullptr;
+        ok = p != nullptr && pclose(p) == 0 && ok;
+        std::string dev(out, strcspn(out, "\n"));
+        if (ok) {
+            fd = open(dev.c_str(), O_RDWR | O_CLOEXEC);
+            ok = system(("losetup -d " + dev).c_str()) == 0 && fd >= 0;
         }
-        if (fd_ < 0 && why_.empty())
-            why_ = "no free loop device";
-        if (ctl >= 0)
-            close(ctl);
-        if (back >= 0)
-            close(back);
+        if (ok)
+            path = dev;
+        else
+            why = "losetup " + file + ": " + (dev.empty() ? "failed" : dev);
     }
-    ~LoopDev()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
+    ~LoopDev() { close(fd); } // a no-op for -1
     LoopDev(const LoopDev &) = delete;
-    LoopDev &operator=(const LoopDev &) = delete;
-
-    bool ok() const { return fd_ >= 0; }
-    const std::string &path() const { return path_; }
-    const std::string &why() const { return why_; }
-
-private:
-    int fd_ = -1;
-    std::string path_, why_;
 };
 
 } // namespace ptest
