@@ -353,8 +353,9 @@ int32_t wipe(const std::string &path, std::string &err)
         blkid_probe_set_superblocks_flags(pr, BLKID_SUBLKS_MAGIC | BLKID_SUBLKS_BADCSUM);
         blkid_probe_enable_partitions(pr, 1);
         blkid_probe_set_partitions_flags(pr, BLKID_PARTS_MAGIC | BLKID_PARTS_FORCE_GPT);
-        while (ok && blkid_do_probe(pr) == 0)
-            ok = blkid_do_wipe(pr, 0) == 0;
+        // Bounded: a signature that came back after its wipe would loop.
+        for (int n = 0; ok && blkid_do_probe(pr) == 0; n++)
+            ok = n < 64 && blkid_do_wipe(pr, 0) == 0;
         ok = ok && fsync(fd) == 0;
     }
     if (!ok)
