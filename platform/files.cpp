@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include "plat.h"
 
@@ -23,6 +24,15 @@ std::string plat_root()
 
 std::string plat_path(const char *rel)
 {
+    const char *env = getenv("ZEM_ROOT");
+    if (env == nullptr || *env == '\0') {
+        std::string_view r(rel);
+        for (auto [dir, sys] : {std::pair{"etc", PLAT_DEFAULT_ETC}, std::pair{"log", PLAT_DEFAULT_LOG}}) {
+            std::string_view d(dir);
+            if (r.starts_with(d) && (r.size() == d.size() || r[d.size()] == '/'))
+                return sys + std::string(r.substr(d.size()));
+        }
+    }
     return plat_root() + "/" + rel;
 }
 
@@ -134,10 +144,10 @@ int fix_one(int dfd, const char *name, bool dir, mode_t mode, const std::string 
 }
 
 // The directory and every entry in it.
-bool fix_dir(int rootfd, const char *name, mode_t dirmode, mode_t (*filemode)(const char *), std::string &err)
+bool fix_dir(const char *name, mode_t dirmode, mode_t (*filemode)(const char *), std::string &err)
 {
     std::string path = plat_path(name);
-    int dfd = fix_one(rootfd, name, true, dirmode, path, err);
+    int dfd = fix_one(AT_FDCWD, path.c_str(), true, dirmode, path, err);
     if (dfd < 0)
         return false;
     DIR *d = fdopendir(dfd);
@@ -175,9 +185,9 @@ int32_t plat_fix_modes(std::string &err)
         return PLAT_EIO;
     }
     auto runmode = [](const char *n) -> mode_t { return strcmp(n, "hbarea") == 0 ? 0640 : 0600; };
-    bool ok = fix_dir(rootfd, "run", 0700, runmode, err);
-    if (ok && faccessat(rootfd, "log", F_OK, AT_SYMLINK_NOFOLLOW) == 0)
-        ok = fix_dir(rootfd, "log", 0750, [](const char *) -> mode_t { return 0640; }, err);
+    bool ok = fix_dir("run", 0700, runmode, err);
+    if (ok && faccessat(AT_FDCWD, plat_path("log").c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
+        ok = fix_dir("log", 0750, [](const char *) -> mode_t { return 0640; }, err);
     close(rootfd);
     return ok ? 0 : PLAT_EIO;
 }

@@ -39,11 +39,18 @@ enum : int32_t {
 
 // ---- files -------------------------------------------------------------------
 
+// Without ZEM_ROOT, the places of an installed system: the state (run/) in
+// the root, the configuration and the logs where the system keeps them.
+// With ZEM_ROOT, everything under that one root.
 inline constexpr char PLAT_DEFAULT_ROOT[] = "/var/lib/zem";
+inline constexpr char PLAT_DEFAULT_ETC[] = "/etc/zemlanhb";
+inline constexpr char PLAT_DEFAULT_LOG[] = "/var/log/zemlanhb";
 
 // ZEM_ROOT if set and not empty, else PLAT_DEFAULT_ROOT; no trailing slash.
 std::string plat_root();
-// The root joined with a relative path ("etc/cluster.xml").
+// Where a relative path lives: "etc" and "log" and what is below them in
+// PLAT_DEFAULT_ETC and PLAT_DEFAULT_LOG when ZEM_ROOT is not set, anything
+// else (and everything when it is set) under the root.
 std::string plat_path(const char *rel);
 
 // Why the last xmllib_load_config / zemstorage_init of this process failed.
