@@ -392,6 +392,7 @@ constexpr const char *int_keys[] = {
     "/root/cluster/downpacket/interval", "/root/cluster/downpacket/retry",
     "/root/lanhb/log/level",          "/root/lanhb/log/size",
     "/root/cnthb/log/level",          "/root/cnthb/log/size",
+    "/root/lanhb/log/syslog",         "/root/cnthb/log/syslog",
     "/root/heartbeat/nice",           "/root/heartbeat/sched/schedule",
     "/root/heartbeat/sched/priority", "/root/lanhb/watchth",
     "/root/lanhb/thread/stacksize",   "/root/lanhb/socket/nbio",
