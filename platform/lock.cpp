@@ -60,8 +60,11 @@ void write_pid(int fd)
 {
     char buf[24];
     int n = snprintf(buf, sizeof buf, "%d\n", static_cast<int>(getpid()));
-    if (ftruncate(fd, 0) == 0 && pwrite(fd, buf, static_cast<size_t>(n), 0) != n)
-        (void)ftruncate(fd, 0);
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, buf, static_cast<size_t>(n), 0) == n)
+        return;
+    // Half a pid is worse than none; failing that too, there is nothing left to do.
+    if (ftruncate(fd, 0) != 0)
+        return;
 }
 
 // The descriptor "zemctl run" passed down, if it is run/lock holding the lock.
