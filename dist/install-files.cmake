@@ -1,6 +1,8 @@
 # Runs at install time, when the prefix is finally known (cmake --install
 # --prefix, DESTDIR, CPack): the unit names the installed zemctl and the
-# environment file by their full paths.
+# environment file by their full paths. The configuration goes to
+# /etc/zemlanhb, where the programs read it, only for the system's own
+# prefix /usr (the package); elsewhere it stays an example to copy.
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(ZEM_SYSCONFDIR /etc)
 else()
@@ -12,3 +14,7 @@ file(INSTALL DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system TYPE FILE
      FILES ${ZEM_DIST_BIN}/zemlanhb.service)
 file(INSTALL DESTINATION ${ZEM_SYSCONFDIR}/default TYPE FILE RENAME zemlanhb
      FILES ${ZEM_DIST_SRC}/zemlanhb.default)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  file(INSTALL DESTINATION /etc/zemlanhb TYPE FILE FILES ${ZEM_DIST_SRC}/../examples/cluster.xml
+       ${ZEM_DIST_SRC}/local.xml)
+endif()
