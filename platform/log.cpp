@@ -393,7 +393,9 @@ void sys_send(const log_hdl *h, const sysrec &r, int32_t level, const char *file
                    {&len, sizeof len},
                    {const_cast<char *>(text.data()), text.size()},
                    {f.buf, f.len}};
-    if (sys_sendto("/run/systemd/journal/socket", iov, std::size(iov)))
+    // Only a journal that is not there sends the copy to /dev/log; a full
+    // or failing one costs it.
+    if (sys_sendto("/run/systemd/journal/socket", iov, std::size(iov)) || (errno != ENOENT && errno != ECONNREFUSED))
         return;
     // "<pri>Mmm dd hh:mm:ss tag[pid]: kind: text", the form of syslog(3).
     time_t now = time(nullptr);
