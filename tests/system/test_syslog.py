@@ -10,8 +10,8 @@ import subprocess
 import tempfile
 import threading
 
-import zemcluster
-from zemcluster import wait_until
+from zemcluster.layout import PREFIX
+from zemcluster.procs import find_tools, run, wait_until
 
 CLUSTER_XML = """<root>
   <cluster><heartbeat><timeout>2000</timeout><interval>500</interval></heartbeat></cluster>
@@ -51,8 +51,8 @@ def journal_fields(data):
 
 def run_daemon(how, copy):
     """Datagrams received (drained all along) and both logs of a run up to lan1 NORMAL and a bind failure."""
-    zemctl, daemon = zemcluster.find_tools()
-    with tempfile.TemporaryDirectory(prefix=f"{zemcluster.PREFIX}{os.getpid()}-syslog-") as tmp:
+    zemctl, daemon = find_tools()
+    with tempfile.TemporaryDirectory(prefix=f"{PREFIX}{os.getpid()}-syslog-") as tmp:
         root, d = os.path.join(tmp, "root"), os.path.join(tmp, "sock")
         os.makedirs(os.path.join(root, "etc"))
         os.makedirs(d)
@@ -61,7 +61,7 @@ def run_daemon(how, copy):
         with open(os.path.join(root, "etc", "local.xml"), "w") as f:
             f.write("<local><hostname>node1</hostname></local>")
         env = dict(os.environ, ZEM_ROOT=root, D=d)
-        zemcluster.run([zemctl, "init"], env=env)
+        run([zemctl, "init"], env=env)
         sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         sock.bind(os.path.join(d, "socket"))
         grams = []
