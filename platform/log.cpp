@@ -519,13 +519,13 @@ int32_t log_write(log_hdl *h, int32_t level, int32_t msgno, const char *file, in
     return r;
 }
 
-void plat_notice(const char *log, int32_t level, const char *func, const std::string &text, std::source_location at)
+void plat_notice(const char *log, int32_t level, const char *func, const std::string &text, const char *file, int line)
 {
     fprintf(stderr, "%s: %s\n", program_invocation_short_name, text.c_str());
     std::lock_guard lk(regmx);
     for (log_hdl *h = reghead; h != nullptr; h = h->next)
         if (h->name == log)
-            log_write(h, level, 0, at.file_name(), static_cast<int32_t>(at.line()), func, text.c_str());
+            log_write(h, level, 0, file, line, func, text.c_str());
 }
 
 int32_t log_term(log_hdl *h)

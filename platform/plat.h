@@ -8,7 +8,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -59,8 +58,10 @@ void plat_seterror(const std::string &why);
 
 // Something the platform itself has to tell an operator: a line on standard
 // error and a record of that level in every open log of that name.
+// (std::source_location is not there for every compiler the project builds
+// with; the builtins are.)
 void plat_notice(const char *log, int32_t level, const char *func, const std::string &text,
-                 std::source_location at = std::source_location::current());
+                 const char *file = __builtin_FILE(), int line = __builtin_LINE());
 
 // Opens (creating with mode 0700 when asked) the run/ directory without
 // following a symlink; -1 with errno on failure.
