@@ -1,7 +1,6 @@
 // The daemon's main line: start-up, the heartbeat threads, the down notices
-// at an orderly stop, and teardown. Exit status: 0 normal stop, 1 storage
-// library or cluster attachment failed, 4 configuration library not
-// initialised, 12 configuration not loaded, 13 a heartbeat table not built.
+// at an orderly stop, and teardown. It returns the process's exit status,
+// one of services/hbexit.h's.
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/time.h>
@@ -16,6 +15,7 @@
 #include "frame/frame.h"
 #include "lanhb/key.h"
 #include "lanhb/lanhb.h"
+#include "services/hbexit.h"
 #include "services/services.h"
 
 namespace {
@@ -148,7 +148,7 @@ int hbexit_load(lanhb_list *&lanlist, cnthb_list *&cntlist)
     hbfree_tables(lanlist, cntlist); // the LAN table when only the controller table failed
     if (bmlock != 0)
         munlockall();
-    return HBRET_EXIT_LOAD;
+    return HBEXIT_LOAD;
 }
 
 void hbstart_threads(lanhb_list *lanlist, cnthb_list *cntlist)
@@ -245,10 +245,10 @@ int zemlanhb_main()
     hbsig_block();
 
     if (xmllib_init(HB_KIND_LANHB) != 0)
-        return HBRET_EXIT_XMLINIT;
+        return HBEXIT_XMLINIT;
     if (xmllib_load_config() != 0) {
         xmllib_term();
-        return HBRET_EXIT_CONFIG;
+        return HBEXIT_CONFIG;
     }
 
     loginit();
@@ -261,7 +261,7 @@ int zemlanhb_main()
         logterm();
         xmllib_unload_config();
         xmllib_term();
-        return HBRET_EXIT_ATTACH;
+        return HBEXIT_ATTACH;
     }
     (void)kill(getppid(), SIGUSR1); // tells the parent that the daemon is up
 
@@ -307,7 +307,7 @@ int zemlanhb_main()
         xmllib_term();
         if (bmlock != 0)
             munlockall();
-        return HBRET_EXIT_ATTACH; // the storage library is left as it is on this path
+        return HBEXIT_ATTACH; // the storage library is left as it is on this path
     }
 
     int32_t waitstat = 0;
@@ -330,7 +330,7 @@ int zemlanhb_main()
     if (r != 0) {
         HBLOG(HBLOG_BOTH, HBLV_ERROR, "lanhb_keyload() failed(ret:%d)", r);
         hbexit_load(lanlist, cntlist);
-        return HBRET_EXIT_KEY;
+        return HBEXIT_KEY;
     }
     r = cnthb_loadinfo(&cntlist);
     if (r != 0) {
@@ -357,5 +357,5 @@ int zemlanhb_main()
     zemstorage_term();
     HBLOG(HBLOG_BOTH, HBLV_INFO, "lanhb shutting down");
     logterm();
-    return HBRET_OK;
+    return HBEXIT_OK;
 }

@@ -124,8 +124,9 @@ struct hbfree {
 };
 using hbmsz = std::unique_ptr<char, hbfree>;
 
-// Result codes of the loaders, the exit-time reload, setsched, attachipc
-// and the main line; 0 is success everywhere.
+// Result codes of the table loaders, the exit-time reload, setsched and
+// attachipc; 0 is success everywhere. The process's exit statuses are not
+// among them: those are services/hbexit.h's.
 enum hbret : int32_t {
     HBRET_OK = 0,
     HBRET_SEM = 1,   // attachipc: the semaphores
@@ -138,12 +139,6 @@ enum hbret : int32_t {
     HBRET_CONFIG = 12, // the configuration could not be loaded
     HBRET_OWNPRI = 15,
     HBRET_HOSTNAME = 16,
-    // Exit status of the process.
-    HBRET_EXIT_ATTACH = 1, // storage library or cluster attachment
-    HBRET_EXIT_XMLINIT = 4,
-    HBRET_EXIT_CONFIG = 12,
-    HBRET_EXIT_LOAD = 13, // a heartbeat table not built
-    HBRET_EXIT_KEY = 14,  // a cluster key configured but unusable
 };
 
 // Reads an integer key of the loaded policy; a failed read is logged on the
