@@ -239,7 +239,7 @@ void BM_AcceptDatagram(benchmark::State &state)
     std::vector<unsigned char> out(wire), in(wire + 1);
     auto *pkt = reinterpret_cast<lanhb_packet *>(out.data());
     lanhb_pktinit(pkt, list, LANHB_TAG_HB);
-    lanhb_pktrsc(pkt, lanhb_getrsc(list, 0));
+    lanhb_pktrsc(pkt, lanhb_rscat(list, 0));
     constexpr int BATCH = 1000;
     int64_t accepted = 0;
     for (auto _ : state) {

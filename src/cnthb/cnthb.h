@@ -1,5 +1,8 @@
-// Controller heartbeat: the table of controller paths and nodes, the
-// heartbeat record, and the reader, writer, watcher and down-write threads.
+// Controller heartbeat: the table of controller paths and nodes (table.cpp),
+// the status evaluation (status.cpp), the time-out check and watcher
+// (watch.cpp), the reader (recv.cpp), the writer (send.cpp) and the down
+// write (down.cpp); the heartbeat record (record.cpp) and the worker threads
+// that make the firmware calls (worker.h, worker.cpp).
 #pragma once
 
 #include <pthread.h>
@@ -10,6 +13,7 @@
 #include <ctime>
 
 #include "frame/frame.h"
+#include "frame/table.h"
 #include "services/services.h"
 
 // Flags read afresh by the controller threads.
@@ -62,32 +66,26 @@ bool cnthb_samestamp(const cnthb_hbinf *a, const cnthb_hbinf *b);
 
 // ---- the table ----------------------------------------------------------------
 
-// One heap block: the header, then per path one cnthb_rsc followed by curnode
-// cnthb_node records (fixed stride, see cnthb_rscat / cnthb_nodeat).
+// One zero-filled heap block: the header, then per path one cnthb_rsc
+// immediately followed by curnode cnthb_node records (cnthb_shape).
 //
 // Locking: statlock guards every field that changes after loading (node and
-// path states, lastread, lastrec, the worker bookkeeping of each path). It is
-// never held across a firmware call. Fields that are also read without it
-// (stat, bwriting, breading, nworkers) are accessed through hbld/hbst/hbadd.
-struct cnthb_list {
+// path states, lastread, lastrec, the worker bookkeeping of each path); every
+// read-decide-publish of a state happens under it, in the node-state layer.
+// It is never held across a firmware call. Fields that are also read without
+// it (stat, lastread, bwriting, breading, nworkers) are accessed through
+// hbld/hbst/hbadd.
+// The header: the settings, counts and lock both kinds have (hbheader; the
+// down-write interval and retry are refreshed by lanhb_loadexit before the
+// down write), and the controller's own.
+struct cnthb_list : hbheader {
     char clustername[32];
     char edition[16];
     char version[16];
     char hostname[46]; // short host name: cut at its first "."
-    int32_t mismatch;  // always 0
-    int32_t hbto;      // msec
-    int32_t hbint;     // msec
-    int32_t dpint;     // msec; refreshed by lanhb_loadexit before the down write
-    int32_t dpretry;   // refreshed by lanhb_loadexit before the down write
     int32_t rwlock;    // non-zero: each path's firmware read and write take rwmutex
-    int32_t ownpri;
-    int32_t mycntno; // cnthb_mycntno when the table was built: the slot this node writes
-    int32_t maxnode;
-    int32_t maxrsc;
-    int32_t curnode;
-    int32_t currsc;
-    int32_t nworkers; // worker threads alive that may still touch this block
-    pthread_mutex_t statlock;
+    int32_t mycntno;   // cnthb_mycntno when the table was built: the slot this node writes
+    int32_t nworkers;  // worker threads alive that may still touch this block
 };
 
 struct cnthb_rsc {
@@ -122,16 +120,15 @@ struct cnthb_node {
     cnthb_hbinf lastrec; // first byte 0: no record kept yet
 };
 
-inline cnthb_rsc *cnthb_rscat(cnthb_list *list, int32_t i)
-{
-    const size_t stride = sizeof(cnthb_rsc) + static_cast<size_t>(list->curnode) * sizeof(cnthb_node);
-    return reinterpret_cast<cnthb_rsc *>(reinterpret_cast<char *>(list + 1) + static_cast<size_t>(i) * stride);
-}
+using cnthb_shape = hbshape<cnthb_list, cnthb_rsc, cnthb_node, &cnthb_node::lastread>;
+// Path i of the table; node j of a path.
+inline cnthb_rsc *cnthb_rscat(cnthb_list *list, int32_t i) { return cnthb_shape::rscat(list, i); }
+inline cnthb_node *cnthb_nodeat(cnthb_rsc *rsc, int32_t j) { return cnthb_shape::nodeat(rsc, j); }
 
-inline cnthb_node *cnthb_nodeat(cnthb_rsc *rsc, int32_t j)
-{
-    return reinterpret_cast<cnthb_node *>(rsc + 1) + j;
-}
+// The controller heartbeat as the node-state layer and the delay warnings
+// see it, made known by cnthb_loadinfo; its delay-warning rate, set there too.
+extern const hbkind CNTHB_KIND;
+extern int32_t cnthb_warnrate;
 
 // Settings of the down write's bounded wait for its workers.
 extern int32_t cnthb_dpthwait;  // msec per wait step
@@ -159,24 +156,40 @@ int32_t cnthb_hbdata(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node, cnthb_h
 int32_t cnthb_setrscstat(cnthb_list *list, cnthb_rsc *rsc);
 // Takes nodes offline after a failed firmware read or write.
 int32_t cnthb_seterrstat(cnthb_list *list, int32_t kind);
+// What the controller does to a node it has taken offline (the node-state
+// layer's hook): it forgets the node's last record, so that the next one
+// only primes the comparison again.
+void cnthb_forget(void *node);
 // One time-out pass over the whole table.
 int32_t cnthb_hbcheck(cnthb_list *list);
 
 // ---- threads ---------------------------------------------------------------------
+//
+// Each poller takes the controller table and ends with an integer exit
+// value; its clean-up handler takes the table too, and its loop timer keeps
+// its longest cycle. A worker takes its path record.
 
-// Thread bodies; each takes the controller table and ends with an integer
-// exit value.
+// The reader (recv.cpp) and its read workers.
 void *cnthb_hbread(void *list);
-void *cnthb_hbwrite(void *list);
-void *cnthb_hbwatch(void *list);
-void *cnthb_dpwrite(void *list);
-
-// Worker bodies; each takes its path record.
+void cnthb_readthexit(void *list);
+int32_t cnthb_thrlooptime(hbtick_t start, hbtick_t *max);
 void *cnthb_readthread(void *rsc);
+
+// The writer (send.cpp) and its write workers; the down writer (down.cpp)
+// times its cycles with the writer's timer.
+void *cnthb_hbwrite(void *list);
+void cnthb_writethexit(void *list);
+int32_t cnthb_thwlooptime(hbtick_t start, hbtick_t *max);
 void *cnthb_writethread(void *rsc);
+void *cnthb_dpwrite(void *list);
 void *cnthb_dpwritethread(void *rsc);
 
-// Clean-up handlers of the reader, writer and watcher; each takes the table.
-void cnthb_readthexit(void *list);
-void cnthb_writethexit(void *list);
+// The watcher (watch.cpp).
+void *cnthb_hbwatch(void *list);
 void cnthb_watchthexit(void *list);
+int32_t cnthb_thmlooptime(hbtick_t start, hbtick_t *max);
+
+// The timer of one worker's run (worker.cpp): "write" (delay record 74) or
+// any other name, a read (75). Returns 0.
+int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const char *rsc, const char *node,
+                         long unused, int32_t hbto);

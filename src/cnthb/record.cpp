@@ -12,11 +12,11 @@ namespace {
 
 // Where the time of day is written over the ctime text: "Www Mmm dd " is 11
 // characters, and "hh:mm:ss.mmm yyyy" replaces the text's own "hh:mm:ss yyyy".
-constexpr size_t CNTHB_STAMP_TIMEPOS = 11;
+constexpr size_t STAMP_TIMEPOS = 11;
 // ctime_r needs 26 bytes; more room costs nothing.
-constexpr size_t CNTHB_CTIME_BUFSZ = 64;
+constexpr size_t CTIME_BUFSZ = 64;
 
-void cnthb_settag(cnthb_hbinf *rec, const char *tag)
+void settag(cnthb_hbinf *rec, const char *tag)
 {
     std::memset(rec, 0, sizeof *rec);
     std::memcpy(rec->tag, tag, std::strlen(tag));
@@ -24,11 +24,11 @@ void cnthb_settag(cnthb_hbinf *rec, const char *tag)
 
 // The ctime text of now without its newline, copied into the stamp; false
 // when the calendar time was unreadable or cannot be formatted.
-bool cnthb_setctime(cnthb_hbinf *rec, time_t now)
+bool setctime(cnthb_hbinf *rec, time_t now)
 {
     if (now == static_cast<time_t>(-1))
         return false;
-    char text[CNTHB_CTIME_BUFSZ];
+    char text[CTIME_BUFSZ];
     if (ctime_r(&now, text) == nullptr)
         return false;
     text[sizeof text - 1] = '\0';
@@ -39,7 +39,7 @@ bool cnthb_setctime(cnthb_hbinf *rec, time_t now)
 
 // Without a usable clock, successive records still differ: every writer
 // takes the next value of the shared counter.
-void cnthb_setdummy(cnthb_hbinf *rec)
+void setdummy(cnthb_hbinf *rec)
 {
     const int32_t n = cnthb_ctimedummy.fetch_add(1) + 1;
     std::snprintf(rec->stamp, sizeof rec->stamp, "%d", static_cast<int>(n));
@@ -49,28 +49,28 @@ void cnthb_setdummy(cnthb_hbinf *rec)
 
 void cnthb_fillhb(cnthb_hbinf *rec, const struct timeval *tv, time_t now)
 {
-    cnthb_settag(rec, CNTHB_TAG_HB);
+    settag(rec, CNTHB_TAG_HB);
     struct tm tmv;
     const bool tmok = tv != nullptr && localtime_r(&tv->tv_sec, &tmv) != nullptr;
-    if (!cnthb_setctime(rec, now)) {
-        cnthb_setdummy(rec);
+    if (!setctime(rec, now)) {
+        setdummy(rec);
         return;
     }
     if (!tmok)
         return; // seconds resolution only
-    char text[CNTHB_CTIME_BUFSZ];
+    char text[CTIME_BUFSZ];
     std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d %ld", tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
                   static_cast<int>((tv->tv_usec / 1000) % 1000), static_cast<long>(tmv.tm_year) + 1900);
     // The stamp's last byte stays NUL whatever the year.
-    const size_t room = sizeof rec->stamp - CNTHB_STAMP_TIMEPOS - 1;
-    std::memcpy(rec->stamp + CNTHB_STAMP_TIMEPOS, text, std::min(std::strlen(text) + 1, room));
+    const size_t room = sizeof rec->stamp - STAMP_TIMEPOS - 1;
+    std::memcpy(rec->stamp + STAMP_TIMEPOS, text, std::min(std::strlen(text) + 1, room));
 }
 
 void cnthb_filldown(cnthb_hbinf *rec, time_t now)
 {
-    cnthb_settag(rec, CNTHB_TAG_DOWN);
-    if (!cnthb_setctime(rec, now))
-        cnthb_setdummy(rec);
+    settag(rec, CNTHB_TAG_DOWN);
+    if (!setctime(rec, now))
+        setdummy(rec);
 }
 
 void cnthb_makehb(cnthb_hbinf *rec)

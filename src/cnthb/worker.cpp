@@ -1,19 +1,21 @@
-// The pollers' pause and the bookkeeping of the detached workers
-// that make the firmware calls, so that a hanging controller blocks only them.
+// The controller's detached workers, which make the firmware calls so that a
+// hanging controller blocks only them: their start, bookkeeping, timing and
+// cancellation, and the pollers' pause.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <memory>
+#include <cstring>
 #include <ctime>
+#include <memory>
 
-#include "cnthb/cnthbint.h"
+#include "cnthb/worker.h"
 
 namespace {
 
 // How often a worker waiting for rwmutex looks for its cancellation.
-constexpr int64_t CNTHB_RWWAIT_MS = 10;
+constexpr int64_t RWWAIT_MS = 10;
 
-int32_t &cnthb_busy(cnthb_rsc *rsc, bool write)
+int32_t &busyflag(cnthb_rsc *rsc, bool write)
 {
     return write ? rsc->bwriting : rsc->breading;
 }
@@ -61,7 +63,7 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
     // The new worker's first step waits for this lock, so it sees its path's
     // bookkeeping complete.
     hblock hold(&list->statlock);
-    int32_t &busy = cnthb_busy(rsc, kind.write);
+    int32_t &busy = busyflag(rsc, kind.write);
     if (hbld(busy) != 0)
         return; // the previous worker still runs: none is stacked on it
     hbst(busy, 1);
@@ -103,14 +105,19 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
         HBLOG(HBLOG_CNT, HBLV_ERROR, kind.attrdestroy, r, errno);
 }
 
-void cnthb_cancelworkers(cnthb_list *list, bool write)
+void cnthb_cancelworkers(cnthb_list *list, bool write, int32_t grace)
 {
+    // A fixed pause, not cut short by the stop (which has been raised when a
+    // clean-up handler runs): the workers still in a controller call get that
+    // long to end by themselves. It delays only the controller side's stop;
+    // the LAN down packets have gone out by then.
+    hbsleep_ms(grace);
     // Under the lock a busy flag still set means its worker has not reached
     // its end yet, so the thread id is still valid to cancel.
     hblock hold(&list->statlock);
     for (int32_t i = 0; i < list->currsc; ++i) {
         cnthb_rsc *rsc = cnthb_rscat(list, i);
-        int32_t &busy = cnthb_busy(rsc, write);
+        int32_t &busy = busyflag(rsc, write);
         if (hbld(busy) == 0)
             continue;
         const pthread_t th = hbld(write ? rsc->writeth : rsc->readth);
@@ -121,6 +128,13 @@ void cnthb_cancelworkers(cnthb_list *list, bool write)
         }
         hbst(busy, 0);
     }
+}
+
+int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const char *rsc, const char *node,
+                         long /*unused*/, int32_t hbto)
+{
+    const bool write = op != nullptr && std::strcmp(op, "write") == 0;
+    return hboptime(CNTHB_KIND.number, start, max, rsc, node, hbto, write ? LOG_MSG_CNTWRITE : LOG_MSG_CNTREAD);
 }
 
 cnthb_workerrun::cnthb_workerrun(cnthb_rsc *rsc, bool write) : rsc_(rsc), write_(write)
@@ -146,7 +160,7 @@ void cnthb_workerrun::finish(const char *op)
     // A worker that was given up on meanwhile leaves its path's flag to the
     // one started after it.
     if (seq_ == (write_ ? rsc_->writeseq : rsc_->readseq))
-        hbst(cnthb_busy(rsc_, write_), 0);
+        hbst(busyflag(rsc_, write_), 0);
 }
 
 cnthb_rwguard::cnthb_rwguard(cnthb_rsc *rsc)
@@ -154,7 +168,7 @@ cnthb_rwguard::cnthb_rwguard(cnthb_rsc *rsc)
     if (rsc->list->rwlock == 0)
         return;
     for (;;) {
-        const struct timespec until = hbts_after(CLOCK_REALTIME, CNTHB_RWWAIT_MS);
+        const struct timespec until = hbts_after(CLOCK_REALTIME, RWWAIT_MS);
         const int r = pthread_mutex_timedlock(&rsc->rwmutex, &until);
         if (r == 0) {
             mutex_ = &rsc->rwmutex;

@@ -1,6 +1,6 @@
 // The daemon frame: process-wide state, logging, timing, scheduling, the
-// stop and the configuration helpers. Shared by the LAN and controller
-// heartbeats; it knows neither of them.
+// stop and the configuration helpers. Shared by both heartbeat kinds; it
+// knows neither of them (each describes itself in an hbkind, nodestate.h).
 #pragma once
 
 #include <pthread.h>
@@ -10,7 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <memory>
+#include <span>
 #include <type_traits>
 
 // ---- process-wide state ---------------------------------------------------
@@ -20,11 +22,8 @@ extern int32_t brestart;  // 1 = resume mode
 extern int32_t bmlock;    // 1 = memory locking configured (and still in force)
 extern int32_t thstacksz; // stack size of every thread created; 0 = default
 extern int64_t tckconf;   // clock ticks per second
-// Delay-warning rate in percent of the time-out, per heartbeat kind; set by
-// the loaders, read by delaywarn.
+// Delay-warning rate in percent of the time-out when none is configured.
 inline constexpr int32_t HB_DEF_WARNRATE = 80;
-extern int32_t lanhb_warnrate;
-extern int32_t cnthb_warnrate;
 
 // Puts the frame's state back as the process starts with it (stop flag and
 // event included); for the tests.
@@ -53,6 +52,9 @@ enum : int {
 
 void hblog(int module, int level, const char *file, int line, const char *func, const char *format, ...)
     __attribute__((format(printf, 6, 7)));
+// The handle of the log of module 1 or 2; null for another module or a log
+// that is not open.
+log_hdl *hblog_handle(int module);
 void loginit();
 void logterm();
 
@@ -60,8 +62,8 @@ void logterm();
 
 // Where a record is logged from. The helpers both heartbeats share take one
 // as their last argument, filled in at the call, so that their records name
-// the heartbeat function that called them (" *** lan4 : NORMAL ***" comes
-// from lanhb_setrscstat, not from the frame's vote).
+// the heartbeat function that called them (a path's " *** lan4 : NORMAL ***"
+// comes from the kind's re-evaluation of the path, not from the frame's vote).
 struct hbwhere {
     const char *file = __builtin_FILE();
     int line = __builtin_LINE();
@@ -87,24 +89,20 @@ hbtick_t hbtick_times();
 // INT32_MAX. *scaled receives the seconds after the ratio when not null.
 hbtick_t hbtimeout_limit(int32_t hbto_ms, int32_t ratio, int32_t *scaled);
 
+// Writes a delay record when end - start reaches the kind's rate of the
+// scaled time-out; over the time-out only for the kind's own operations.
+// kind is the number of a kind made known with hbkind_set; another writes
+// nothing.
 int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, hbtick_t end, int32_t hbto,
                   int32_t msgno);
 
-// Loop-cycle timers: raise *max to now - start.
-int32_t lanhb_thslooptime(hbtick_t start, hbtick_t *max);
-int32_t lanhb_thrlooptime(hbtick_t start, hbtick_t *max);
-int32_t lanhb_thwlooptime(hbtick_t start, hbtick_t *max);
-int32_t cnthb_thmlooptime(hbtick_t start, hbtick_t *max);
-int32_t cnthb_thrlooptime(hbtick_t start, hbtick_t *max);
-int32_t cnthb_thwlooptime(hbtick_t start, hbtick_t *max);
-
-// Operation timers: raise *max and hand the duration to delaywarn.
-int32_t lanhb_thsendtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char *ip,
-                         int32_t hbto);
-int32_t lanhb_threcvtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char *ip,
-                         int32_t hbto);
-int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const char *rsc, const char *node,
-                         long unused, int32_t hbto);
+// The loop timer every heartbeat thread's timers are: raises *max to
+// now - start. Returns 0.
+int32_t hblooptime(hbtick_t start, hbtick_t *max);
+// The operation timer: raises *max to now - start and hands the duration
+// to delaywarn as operation msgno of the kind. Returns 0.
+int32_t hboptime(int kind, hbtick_t start, hbtick_t *max, const char *rsc, const char *node, int32_t hbto,
+                 int32_t msgno);
 
 // ---- scheduling, memory lock, stacks ---------------------------------------
 
@@ -113,7 +111,8 @@ int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const ch
 int32_t setsched(int32_t *bwatchth);
 int32_t setstacksz(pthread_attr_t *attr);
 // Reads a stack-size key (its policy already loaded) into thstacksz and
-// corrects it; failures are logged on the given module.
+// corrects it; failures are logged on the given module. Both loaders call
+// it, the controller's last: its key governs every thread.
 int32_t loadstacksz(int module, const char *key, hbwhere at = {});
 
 // ---- configuration ---------------------------------------------------------
@@ -144,6 +143,12 @@ enum hbret : int32_t {
 // Reads an integer key of the loaded policy; a failed read is logged on the
 // given module and yields dflt.
 int32_t hbcfg_getint(int module, const char *key, int32_t dflt, hbwhere at = {});
+
+// Loads a policy; a failure is logged as "xmllib_load_policy(<name>)
+// failed(ret:%d)" and yields HBRET_POLICY. hbcfg_unload unloads one, a
+// failure logged likewise.
+int32_t hbcfg_load(int module, const char *policy, const char *name, hbwhere at = {});
+void hbcfg_unload(int module, const char *policy, const char *name, hbwhere at = {});
 
 // What both loaders learn first: the release texts ("unknown" when
 // unreadable, a failure logged at HBLV_WARN), the counts of paths of their
@@ -204,6 +209,26 @@ inline constexpr hbsetting HB_SET_WARNRATE = {"/root/cluster/delaywarn/heartbeat
 inline constexpr hbsetting HB_SET_DPRETRY = {
     "/root/cluster/downpacket/retry", HB_DEF_DPRETRY, {{.lo = 0, .to = HB_DEF_DPRETRY, .msg = "invalid DPRETRY(%d). set to %d."}}};
 
+// The settings both loaders read alike, for the header of their table.
+struct hbcommon {
+    int32_t maxnode, maxrsc, hbto, hbint, warnrate, dpint, dpretry;
+};
+// Reads them under the policies "all" and "cluster" (the mismatch key only
+// for its message): a kind has its own path limit and down-packet interval,
+// its name for a failed load of "cluster", and keys of its own read after
+// the interval (own, into ownvals). Returns 0 or HBRET_POLICY.
+int32_t hbcfg_common(int module, const hbsetting &maxrsc, const hbsetting &dpint, const char *clustername,
+                     std::span<const hbsetting> own, int32_t *ownvals, hbcommon *out, hbwhere at = {});
+// Logs the settings of a header at detail level after its first line: the
+// counts, the times with the rate (under the name of the kind's rate
+// variable) and the down packets.
+void hbcfg_logcommon(int module, const hbcommon &c, int32_t currsc, int32_t curnode, const char *ratename,
+                     hbwhere at = {});
+// Whether loading resumes: the cluster's action is one of `actions`, or the
+// wait status asked for it (brestart). An unreadable action is logged and
+// taken as SHMCM_ACTION_UNREADABLE; resuming logs its action.
+bool hbcfg_resume(int module, std::initializer_list<int32_t> actions, hbwhere at = {});
+
 // Fetches the path list (rsc, of the given heartbeat kind) or the node list
 // in the two calls of a list of unknown length. The buffer gets two spare
 // NULs, so a list the platform did not close still ends. Returns 0,
@@ -231,40 +256,6 @@ template <class T> T hbadd(T &field, std::type_identity_t<T> delta)
     return std::atomic_ref<T>(field).fetch_add(delta, std::memory_order_acq_rel);
 }
 
-// ---- path state ------------------------------------------------------------------
-
-// A node's state on a path as the node manager has it; UNKNOWN when it
-// cannot be read (logged on module).
-int32_t hbsvstat_read(int module, const char *kind, const char *rsc, int32_t pri, hbwhere at = {});
-
-// The overall state of a path, voted by the states of its nodes: ERROR when
-// the own node is down, else CAUTION when a peer is, else NORMAL when one is
-// online, else UNUSED when one is unused, else UNKNOWN.
-class hbpathvote {
-public:
-    void add(int32_t svstat, bool own);
-    // Logs " *** <path> : <state> ***", stores the state into *stat (hbst)
-    // and publishes it; failmsg names the failed publication (path, state,
-    // result). The caller holds the table's lock.
-    int32_t publish(int module, const char *kind, const char *rsc, int32_t *stat, const char *failmsg,
-                    hbwhere at = {}) const;
-
-private:
-    bool owndown_ = false, peerdown_ = false, online_ = false, unused_ = false;
-};
-
-// Votes a path's state from its nodes node(0) .. node(curnode - 1) (records
-// with `stat` and `pri`) and publishes it as hbpathvote::publish does.
-template <class NodeAt>
-int32_t hbpath_set(int module, const char *kind, const char *rsc, int32_t *stat, int32_t curnode, int32_t ownpri,
-                   NodeAt node, const char *failmsg, hbwhere at = {})
-{
-    hbpathvote vote;
-    for (int32_t j = 0; j < curnode; ++j)
-        vote.add(hbld(node(j)->stat), node(j)->pri == ownpri);
-    return vote.publish(module, kind, rsc, stat, failmsg, at);
-}
-
 // ---- stop ----------------------------------------------------------------------
 
 // 1 once the stop routine has run (or a thread stopped the daemon itself).
@@ -279,7 +270,7 @@ void hbstop_wait();
 // could be made (waits then run their full length).
 int hbstop_fd();
 // The daemon's stop routine, for a heartbeat thread that stops the daemon
-// itself (the LAN sender's self down). main points it at usr1_recv; unset,
+// itself (a sender whose parent has gone). main points it at usr1_recv; unset,
 // it only raises the stop.
 extern void (*hbstop_request)(int sig);
 // Clears the stop again; part of hbframe_reset.

@@ -2,18 +2,17 @@
 // starts with; main and the table loaders fill them in before any heartbeat
 // thread exists.
 #include "frame/frame.h"
+#include "frame/nodestate.h"
 
 int32_t brestart = 0;
 int32_t bmlock = 0;
 int32_t thstacksz = 0;
 int64_t tckconf = 0;
-int32_t lanhb_warnrate = HB_DEF_WARNRATE;
-int32_t cnthb_warnrate = HB_DEF_WARNRATE;
 
 void hbframe_reset()
 {
     brestart = bmlock = thstacksz = 0;
-    lanhb_warnrate = cnthb_warnrate = HB_DEF_WARNRATE;
+    hbkind_reset();
     hbtick_source = hbtick_times;
     hbstop_reset();
 }

@@ -127,6 +127,15 @@ void hblog(int module, int level, const char *file, int line, const char *func, 
             (void)log_write(h, level, 0, file, line, func, msg);
 }
 
+log_hdl *hblog_handle(int module)
+{
+    if (module == HBLOG_LAN)
+        return phlanhblog.load();
+    if (module == HBLOG_CNT)
+        return phcnthblog.load();
+    return nullptr;
+}
+
 void loginit()
 {
     loginit_one(phlanhblog, HB_KIND_LANHB, "/root/lanhb/log/level", "/root/lanhb/log/size");

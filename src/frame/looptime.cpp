@@ -1,10 +1,12 @@
-// The tick clock, loop and operation timers, and the delay warnings.
+// The tick clock, the loop and operation timers, and the delay warnings.
+// What differs per heartbeat kind (rate, log, own operations) comes from the
+// kind's hbkind.
 #include <sys/times.h>
 
 #include <cstdint>
-#include <cstring>
 
 #include "frame/frame.h"
+#include "frame/nodestate.h"
 #include "services/services.h"
 
 namespace {
@@ -29,12 +31,6 @@ hbtick_t hbtime_raise(hbtick_t start, hbtick_t end, hbtick_t *max)
     if (max != nullptr && *max < elapsed)
         *max = elapsed;
     return elapsed;
-}
-
-int32_t hblooptime(hbtick_t start, hbtick_t *max)
-{
-    hbtime_raise(start, hbtick_now(), max);
-    return 0;
 }
 
 void delaywarn_record(log_hdl *log, int line, int32_t msgno, const char *rsc, const char *node, int32_t scaled,
@@ -74,8 +70,10 @@ hbtick_t hbtimeout_limit(int32_t hbto_ms, int32_t ratio, int32_t *scaled)
 int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, hbtick_t end, int32_t hbto,
                   int32_t msgno)
 {
+    const hbkind *k = hbkind_of(kind);
+    if (k == nullptr)
+        return 0;
     const hbtick_t elapsed = end - start;
-    const int module = kind == 1 ? HBLOG_LAN : HBLOG_CNT;
 
     // The ratio is asked afresh on every call so that each check uses the
     // one in force at that moment.
@@ -83,25 +81,13 @@ int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, h
     int32_t second = 0;
     const int32_t r = shmcm_getratio(&ratio, &second);
     if (r != 0)
-        HBLOG(module, HBLV_ERROR, "shmcm_getratio() failed(ret:%d)", r);
+        HBLOG(k->module, HBLV_ERROR, "shmcm_getratio() failed(ret:%d)", r);
 
     int32_t scaled = 0;
     const hbtick_t limit = hbtimeout_limit(hbto, ratio, &scaled);
-
-    int32_t rate = 0;
-    log_hdl *log = nullptr;
-    bool ownop = false; // an operation of this kind, not a heartbeat gap
-    if (kind == 1) {
-        rate = lanhb_warnrate;
-        log = phlanhblog.load();
-        ownop = msgno == LOG_MSG_LANSEND || msgno == LOG_MSG_LANRECV;
-    } else if (kind == 2) {
-        rate = cnthb_warnrate;
-        log = phcnthblog.load();
-        ownop = msgno == LOG_MSG_CNTWRITE || msgno == LOG_MSG_CNTREAD;
-    } else {
-        return 0;
-    }
+    const int32_t rate = *k->warnrate;
+    log_hdl *const log = hblog_handle(k->module);
+    const bool ownop = msgno == k->ownops[0] || msgno == k->ownops[1]; // not a heartbeat gap
     const hbtick_t threshold =
         rate >= 100 ? limit : (limit / 100) * static_cast<hbtick_t>(rate > 0 ? rate : 0);
 
@@ -116,34 +102,16 @@ int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, h
     return 0;
 }
 
-int32_t lanhb_thslooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
-int32_t lanhb_thrlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
-int32_t lanhb_thwlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
-int32_t cnthb_thmlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
-int32_t cnthb_thrlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
-int32_t cnthb_thwlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
-
-int32_t lanhb_thsendtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char * /*ip*/,
-                         int32_t hbto)
+int32_t hblooptime(hbtick_t start, hbtick_t *max)
 {
-    const hbtick_t end = hbtick_now();
-    hbtime_raise(start, end, max);
-    return delaywarn(1, rsc, node, start, end, hbto, LOG_MSG_LANSEND);
+    hbtime_raise(start, hbtick_now(), max);
+    return 0;
 }
 
-int32_t lanhb_threcvtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char * /*ip*/,
-                         int32_t hbto)
+int32_t hboptime(int kind, hbtick_t start, hbtick_t *max, const char *rsc, const char *node, int32_t hbto,
+                 int32_t msgno)
 {
     const hbtick_t end = hbtick_now();
     hbtime_raise(start, end, max);
-    return delaywarn(1, rsc, node, start, end, hbto, LOG_MSG_LANRECV);
-}
-
-int32_t cnthb_threadtime(hbtick_t start, hbtick_t *max, const char *op, const char *rsc, const char *node,
-                         long /*unused*/, int32_t hbto)
-{
-    const hbtick_t end = hbtick_now();
-    hbtime_raise(start, end, max);
-    const bool write = op != nullptr && std::strcmp(op, "write") == 0;
-    return delaywarn(2, rsc, node, start, end, hbto, write ? LOG_MSG_CNTWRITE : LOG_MSG_CNTREAD);
+    return delaywarn(kind, rsc, node, start, end, hbto, msgno);
 }

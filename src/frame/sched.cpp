@@ -19,17 +19,14 @@ constexpr int HB_MLOCK_TEXT_SIZE = 16;
 
 int32_t setsched(int32_t *bwatchth)
 {
-    int32_t r = xmllib_load_policy(HB_KIND_LANHB);
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(lanhb) failed(ret:%d)", r);
+    if (hbcfg_load(HBLOG_LAN, HB_KIND_LANHB, "lanhb") != 0)
         return HBRET_POLICY;
-    }
 
     const int32_t nice = hbcfg_getint(HBLOG_LAN, "/root/heartbeat/nice", HB_DEFAULT_NICE);
 
     char mlock[HB_MLOCK_TEXT_SIZE] = {};
     int32_t len = sizeof mlock;
-    r = xmllib_get_value("/root/heartbeat/mlock", XMLLIB_KIND_TEXT, mlock, &len);
+    int32_t r = xmllib_get_value("/root/heartbeat/mlock", XMLLIB_KIND_TEXT, mlock, &len);
     if (r == 0) {
         mlock[sizeof mlock - 1] = '\0';
         bmlock = strcasecmp(mlock, "yes") == 0 ? 1 : 0;
@@ -44,9 +41,7 @@ int32_t setsched(int32_t *bwatchth)
 
     *bwatchth = hbcfg_getint(HBLOG_LAN, "/root/lanhb/watchth", *bwatchth);
 
-    r = xmllib_unload_policy(HB_KIND_LANHB);
-    if (r != 0)
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(lanhb) failed(ret:%d)", r);
+    hbcfg_unload(HBLOG_LAN, HB_KIND_LANHB, "lanhb");
 
     if (setpriority(PRIO_PROCESS, 0, nice) != 0)
         HBLOG(HBLOG_LAN, HBLV_WARN, "setpriority(%d) failed(errno:%d)", nice, errno);

@@ -116,3 +116,18 @@ void hbth_watchloop(int module, int32_t hbint, Check check, int32_t (*looptime)(
     }
     HBLOG_AT(at, module, HBLV_ERROR, "SIGUSR1 already received");
 }
+
+// A whole watcher thread over a table: its first line, its clean-up handler
+// thexit(arg), the loop above with check(list) every list->hbint, its last
+// line with 0; ends with ret.
+template <class List>
+void *hbth_watch(int module, List *list, int32_t (*check)(List *), int32_t (*looptime)(hbtick_t, hbtick_t *),
+                 void (*thexit)(void *), void *arg, void *ret, hbwhere at = {})
+{
+    HBLOG_AT(at, module, HBLV_INFO, "<<< ENTER >>>");
+    pthread_cleanup_push(thexit, arg);
+    hbth_watchloop(module, list->hbint, [list, check] { check(list); }, looptime, at);
+    HBLOG_AT(at, module, HBLV_INFO, "<<< EXIT >>> : 0x%08lx", 0L);
+    pthread_cleanup_pop(1);
+    return ret;
+}

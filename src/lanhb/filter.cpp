@@ -37,7 +37,7 @@ addrset addresses(const lanhb_list *list)
     for (int32_t i = 0; i < list->currsc; ++i) {
         for (int32_t j = 0; j < list->curnode; ++j) {
             char ip[LANHB_NAME_SIZE];
-            lanhb_ipnozone(lanhb_getnode(l, i, j)->ip, ip);
+            lanhb_ipnozone(lanhb_nodeat(lanhb_rscat(l, i), j)->ip, ip);
             in_addr a4{};
             in6_addr a6{};
             if (inet_pton(AF_INET, ip, &a4) == 1) {

@@ -265,9 +265,9 @@ bool lanhb_seqwin_accept(lanhb_seqwin *w, uint64_t seq)
 lanhb_seqwin *lanhb_keywin(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node)
 {
     for (int32_t i = 0; i < list->currsc; ++i) {
-        if (lanhb_getrsc(list, i) != rsc)
+        if (lanhb_rscat(list, i) != rsc)
             continue;
-        const size_t j = static_cast<size_t>(node - lanhb_rscnode(rsc, 0));
+        const size_t j = static_cast<size_t>(node - lanhb_nodeat(rsc, 0));
         const size_t k = static_cast<size_t>(i) * static_cast<size_t>(list->curnode) + j;
         if (k >= windows.size()) // keyed by lanhb_keyset alone: grow once
             windows.resize(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode));

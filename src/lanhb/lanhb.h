@@ -1,5 +1,8 @@
-// LAN heartbeat: the table of LAN paths and nodes, the datagram, and the
-// receiver, sender, watcher and down-packet threads.
+// LAN heartbeat: the table of LAN paths and nodes (table.cpp), the status
+// evaluation (status.cpp), the time-out check and watcher (watch.cpp), the
+// receiver (recv.cpp), the sender (send.cpp) and the down packets (down.cpp);
+// the datagram (packet.cpp) and the exit-time reload (loadexit.cpp). The
+// cluster key, socket filter and refusal counters are in key.h.
 #pragma once
 
 #include <pthread.h>
@@ -10,8 +13,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "frame/frame.h"
+#include "frame/table.h"
 #include "frame/thread.h"
 
 struct lanhb_list;
@@ -36,13 +41,6 @@ int32_t lanhb_loadinfo(lanhb_list **out);
 // Releases a table built by lanhb_loadinfo (null is fine).
 void lanhb_freelist(lanhb_list *list);
 
-// Thread bodies; each takes the LAN table and ends with a pointer to a short
-// decimal text ("0" on a normal stop).
-void *lanhb_hbrecv(void *list);
-void *lanhb_hbsend(void *list);
-void *lanhb_hbwatch(void *list);
-void *lanhb_dpsend(void *list);
-
 // The down-packet interval, read at start-up and again at an orderly stop.
 inline constexpr hbsetting LANHB_SET_DPINT = {
     "/root/cluster/downpacket/interval", 0, {{.lo = 0, .to = 0, .msg = "invalid DPINT(%d). set to %d msec."}}};
@@ -61,10 +59,11 @@ template <class Table> int32_t lanhb_loadexit(Table *table)
 // ---- the table ----------------------------------------------------------------
 //
 // One zero-filled heap block: the header, then per path one lanhb_rsc
-// immediately followed by curnode lanhb_node records. Only the states and
-// tick stamps change once the threads run; `stat` and `lastrecv` are touched
-// by several threads and are accessed only through hbld/hbst, and
-// every read-decide-publish of them happens under the header's `statmx`.
+// immediately followed by curnode lanhb_node records (lanhb_shape). Only the
+// states and tick stamps change once the threads run; `stat` and `lastrecv`
+// are touched by several threads and are accessed only through hbld/hbst,
+// and every read-decide-publish of them happens under the header's
+// `statlock`, in the node-state layer.
 
 inline constexpr int LANHB_RSCNAME_SIZE = 32;
 inline constexpr int LANHB_NAME_SIZE = 46; // node names and addresses
@@ -89,36 +88,28 @@ struct alignas(8) lanhb_node {
     hbtick_t maxsend;
 };
 
-struct lanhb_list {
+// The header: the settings, counts and lock both kinds have (hbheader), and
+// the LAN's own. statlock serialises the receiver's evaluation with the
+// time-out check.
+struct lanhb_list : hbheader {
     char edition[LANHB_TEXT_SIZE];
     char version[LANHB_TEXT_SIZE];
     uint16_t recvport;
     uint16_t sendport; // 0: any
-    int32_t mismatch;
-    int32_t hbto;  // msec
-    int32_t hbint; // msec
-    int32_t dpint; // msec
-    int32_t dpretry;
-    int32_t ownpri;
-    int32_t maxnode;
-    int32_t maxrsc;
-    int32_t curnode;
-    int32_t currsc;
-    // Serialises the receiver's evaluation with the time-out check, so that a
-    // heartbeat that arrives during a check is never overwritten by a stale
-    // OFFLINE. Held around shared-memory calls, never around a socket call.
-    pthread_mutex_t statmx;
 };
 
 static_assert(sizeof(lanhb_list) % alignof(lanhb_node) == 0);
 static_assert(sizeof(lanhb_rsc) % alignof(lanhb_node) == 0);
 
-size_t lanhb_listsize(int32_t currsc, int32_t curnode);
-lanhb_rsc *lanhb_getrsc(lanhb_list *list, int32_t i);
-lanhb_node *lanhb_getnode(lanhb_list *list, int32_t i, int32_t j);
-// Node j of the path whose record is rsc.
-lanhb_node *lanhb_rscnode(lanhb_rsc *rsc, int32_t j);
+// The LAN heartbeat as the node-state layer and the delay warnings see it,
+// made known by lanhb_loadinfo; its delay-warning rate, set there too.
+extern const hbkind LANHB_KIND;
+extern int32_t lanhb_warnrate;
 
+using lanhb_shape = hbshape<lanhb_list, lanhb_rsc, lanhb_node, &lanhb_node::lastrecv>;
+// Path i of the table; node j of a path.
+inline lanhb_rsc *lanhb_rscat(lanhb_list *list, int32_t i) { return lanhb_shape::rscat(list, i); }
+inline lanhb_node *lanhb_nodeat(lanhb_rsc *rsc, int32_t j) { return lanhb_shape::nodeat(rsc, j); }
 
 // Non-blocking sockets for the sender and receiver ("/root/lanhb/socket/nbio").
 extern int32_t lanhb_bsocknbio;
@@ -131,14 +122,37 @@ struct lanhb_packet;
 // Evaluates one accepted datagram of the node `node` on the path `rsc`.
 int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt);
 // Derives, stores and publishes the overall state of one path. Once threads
-// run, the caller holds list->statmx.
+// run, the caller holds list->statlock.
 int32_t lanhb_setrscstat(lanhb_list *list, lanhb_rsc *rsc);
 // One time-out pass over the whole table.
 int32_t lanhb_hbcheck(lanhb_list *list);
 
-void lanhb_sendthexit(void *arg);
-void lanhb_recvthexit(void *arg);
+// ---- threads ---------------------------------------------------------------------
+//
+// Each takes the LAN table and ends with a pointer to a short decimal text
+// ("0" on a normal stop); its loop timer keeps its longest cycle, and its
+// clean-up handler (the argument is not used) logs its end.
+
+// The watcher (watch.cpp).
+void *lanhb_hbwatch(void *list);
+int32_t lanhb_thwlooptime(hbtick_t start, hbtick_t *max);
 void lanhb_watchthexit(void *arg);
+
+// The receiver (recv.cpp); the timer of one receive writes delay record 73.
+void *lanhb_hbrecv(void *list);
+int32_t lanhb_thrlooptime(hbtick_t start, hbtick_t *max);
+int32_t lanhb_threcvtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char *ip,
+                         int32_t hbto);
+void lanhb_recvthexit(void *arg);
+
+// The sender (send.cpp); the timer of one send writes delay record 72. The
+// down-packet sender (down.cpp) uses the sender's timers.
+void *lanhb_hbsend(void *list);
+int32_t lanhb_thslooptime(hbtick_t start, hbtick_t *max);
+int32_t lanhb_thsendtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char *ip,
+                         int32_t hbto);
+void lanhb_sendthexit(void *arg);
+void *lanhb_dpsend(void *list);
 
 // ---- the datagram ------------------------------------------------------------
 //
@@ -202,12 +216,29 @@ int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t 
 
 // ---- sending -----------------------------------------------------------------
 
+// A sending thread's datagram buffer (lanhb_wirelen bytes) with its fixed
+// fields, or null (logged).
+using lanhb_pktptr = std::unique_ptr<lanhb_packet, hbfree>;
+lanhb_pktptr lanhb_newpacket(const lanhb_list *list, const char *tag);
+
+// The port texts of a sending thread: from sendport and recvport.
+struct lanhb_ports {
+    char from[8];
+    char to[8];
+    explicit lanhb_ports(const lanhb_list *list);
+    // The bind address's service: none when sendport is 0 (any port).
+    const char *fromservice(const lanhb_list *list) const { return list->sendport == 0 ? nullptr : from; }
+};
+
 // Sends the datagram to one node entry of one path: bind-address and
 // destination lookups, a fresh socket, optional bind and non-blocking mode,
 // one sendto, close, timing. `from_port` is null when sendport is 0.
 // `bindok_level` is the level of the bind-address lookup's success line.
 void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt, size_t len,
                     const char *from_port, const char *to_port, int bindok_level);
+// Serves every peer of every path once with the datagram as it stands; the
+// sender traces each path and node (`trace`), the down-packet sender not.
+void lanhb_sendround(lanhb_list *list, lanhb_packet *pkt, size_t len, const lanhb_ports &ports, bool trace);
 
 // A thread's socket, closed on every way out, cancellation unwinding included.
 struct lanhb_sockfd {

@@ -14,17 +14,12 @@ int32_t lanhb_loadexit(int32_t *dpint, int32_t *dpretry)
     }
     if (xmllib_load_config() != 0)
         return HBRET_CONFIG;
-    int32_t r = xmllib_load_policy("cluster");
-    if (r != 0) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_load_policy(cluster) failed(ret:%d)", r);
+    if (hbcfg_load(HBLOG_LAN, "cluster", "cluster") != 0)
         return HBRET_POLICY;
-    }
     const int32_t interval = hbcfg_read(HBLOG_LAN, LANHB_SET_DPINT);
     const int32_t retry = hbcfg_read(HBLOG_LAN, HB_SET_DPRETRY);
-    r = xmllib_unload_policy("cluster");
-    if (r != 0)
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_policy(nm) failed(ret:%d)", r);
-    r = xmllib_unload_config();
+    hbcfg_unload(HBLOG_LAN, "cluster", "nm");
+    const int32_t r = xmllib_unload_config();
     if (r != 0)
         HBLOG(HBLOG_LAN, HBLV_ERROR, "xmllib_unload_config() failed(ret:%d)", r);
     *dpint = interval;

@@ -45,7 +45,7 @@ void lanhb_pktnodeinf(lanhb_packet *pkt, lanhb_list *list, bool named)
         return; // the node names are those of the first path
     const int32_t n = std::min(list->curnode, list->maxnode);
     for (int32_t j = 0; j < n; ++j) {
-        const char *name = lanhb_getnode(list, 0, j)->name;
+        const char *name = lanhb_nodeat(lanhb_rscat(list, 0), j)->name;
         int32_t pri = -1;
         int32_t stat = SHMNM_NODESTAT_UNKNOWN;
         int32_t r = shmnm_getnodepri(name, &pri);
@@ -144,14 +144,14 @@ int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t 
 
     lanhb_rsc *r = nullptr;
     for (int32_t i = 0; i < list->currsc && r == nullptr; ++i)
-        if (lanhb_getrsc(list, i)->pri == pkt->rscpri)
-            r = lanhb_getrsc(list, i);
+        if (lanhb_rscat(list, i)->pri == pkt->rscpri)
+            r = lanhb_rscat(list, i);
     if (r == nullptr)
         return LANHB_REFUSE_SENDER;
     lanhb_node *n = nullptr;
     for (int32_t j = 0; j < list->curnode && n == nullptr; ++j)
-        if (lanhb_rscnode(r, j)->pri == pkt->nodepri)
-            n = lanhb_rscnode(r, j);
+        if (lanhb_nodeat(r, j)->pri == pkt->nodepri)
+            n = lanhb_nodeat(r, j);
     if (n == nullptr || !lanhb_ipmatch(n->ip, from, v6mode, keyed))
         return LANHB_REFUSE_SENDER;
     if (sealed && !lanhb_seqwin_accept(lanhb_keywin(list, r, n), seq))

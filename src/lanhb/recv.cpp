@@ -1,5 +1,7 @@
-// The receiver thread: one UDP socket for all paths, IPv6 with IPv4 mapped
-// in, falling back to IPv4 when the host has no IPv6.
+// The LAN receiver thread: one UDP socket for all paths, IPv6 with IPv4
+// mapped in, falling back to IPv4 when the host has no IPv6; each accepted
+// datagram goes to the status evaluation, and without a watcher the receiver
+// checks the time-outs after every pass.
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -181,6 +183,16 @@ char *hbrecv(lanhb_list *list)
 }
 
 } // namespace
+
+int32_t lanhb_thrlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+
+int32_t lanhb_threcvtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char * /*ip*/,
+                         int32_t hbto)
+{
+    return hboptime(LANHB_KIND.number, start, max, rsc, node, hbto, LOG_MSG_LANRECV);
+}
+
+void lanhb_recvthexit(void *) { HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb_hbrecv() exit"); }
 
 void *lanhb_hbrecv(void *arg)
 {

@@ -1,4 +1,5 @@
-// The sender thread, the down-packet sender and their shared per-peer send.
+// The LAN sender thread with its pacing and self down, and the per-peer send
+// that the down-packet sender (down.cpp) shares.
 #include <netdb.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -25,8 +26,6 @@ struct addrfree {
 };
 using addr_ptr = std::unique_ptr<addrinfo, addrfree>;
 
-using pkt_ptr = std::unique_ptr<lanhb_packet, hbfree>;
-
 int lookup(const char *host, const char *service, addr_ptr *out)
 {
     addrinfo hints{};
@@ -42,19 +41,6 @@ int lookup(const char *host, const char *service, addr_ptr *out)
     return r;
 }
 
-// A sending thread's buffer with its fixed fields, or null (logged).
-pkt_ptr newpacket(const lanhb_list *list, const char *tag)
-{
-    const size_t len = lanhb_wirelen(list->maxnode);
-    pkt_ptr pkt(static_cast<lanhb_packet *>(std::malloc(len)));
-    if (!pkt) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
-        return pkt;
-    }
-    lanhb_pktinit(pkt.get(), list, tag);
-    return pkt;
-}
-
 bool skippeer(lanhb_node *node) { return hbld(node->stat) == SHMNM_SVSTAT_UNUSED || node->ip[0] == '\0'; }
 
 bool stopseen()
@@ -68,6 +54,24 @@ bool stopseen()
 void sleepdefault(int32_t ms) { hbwait_ms(HBLOG_LAN, ms); }
 
 } // namespace
+
+lanhb_pktptr lanhb_newpacket(const lanhb_list *list, const char *tag)
+{
+    const size_t len = lanhb_wirelen(list->maxnode);
+    lanhb_pktptr pkt(static_cast<lanhb_packet *>(std::malloc(len)));
+    if (!pkt) {
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
+        return pkt;
+    }
+    lanhb_pktinit(pkt.get(), list, tag);
+    return pkt;
+}
+
+lanhb_ports::lanhb_ports(const lanhb_list *list)
+{
+    std::snprintf(from, sizeof from, "%d", list->sendport);
+    std::snprintf(to, sizeof to, "%d", list->recvport);
+}
 
 void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt, size_t len,
                     const char *from_port, const char *to_port, int bindok_level)
@@ -171,51 +175,49 @@ bool lanhb_pacestep(lanhb_pace *p, hbtick_t t0, hbtick_t *maxloop)
     return true;
 }
 
-namespace {
-
-// Serves every peer of every path once with the datagram as it stands.
-void sendround(lanhb_list *list, lanhb_packet *pkt, size_t len, const char *from_port, const char *to_port,
-               bool trace)
+void lanhb_sendround(lanhb_list *list, lanhb_packet *pkt, size_t len, const lanhb_ports &ports, bool trace)
 {
     for (int32_t i = 0; i < list->currsc; ++i) {
-        lanhb_rsc *rsc = lanhb_getrsc(list, i);
+        lanhb_rsc *rsc = lanhb_rscat(list, i);
         if (trace)
             HBLOG(HBLOG_LAN, HBLV_DETAIL, "rsc[%d].name=(%s) myname=(%s) myip=(%s)", i, rsc->name, rsc->myname, rsc->myip);
         lanhb_pktrsc(pkt, rsc);
         if (trace)
             HBLOG(HBLOG_LAN, HBLV_DETAIL, "curnode=%d", list->curnode);
         for (int32_t j = 0; j < list->curnode; ++j) {
-            lanhb_node *node = lanhb_rscnode(rsc, j);
+            lanhb_node *node = lanhb_nodeat(rsc, j);
             if (skippeer(node))
                 continue;
             if (trace)
                 HBLOG(HBLOG_LAN, HBLV_DETAIL, "  node[%d].name=(%s) ip=(%s)", j, node->name, node->ip);
-            lanhb_sendpeer(list, rsc, node, pkt, len, from_port, to_port, trace ? HBLV_DETAIL : HBLV_INFO);
+            lanhb_sendpeer(list, rsc, node, pkt, len, ports.fromservice(list), ports.to,
+                           trace ? HBLV_DETAIL : HBLV_INFO);
         }
     }
 }
 
-struct ports {
-    char from[8];
-    char to[8];
-    explicit ports(const lanhb_list *list)
-    {
-        std::snprintf(from, sizeof from, "%d", list->sendport);
-        std::snprintf(to, sizeof to, "%d", list->recvport);
-    }
-    const char *fromservice(const lanhb_list *list) const { return list->sendport == 0 ? nullptr : from; }
-};
+int32_t lanhb_thslooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+
+int32_t lanhb_thsendtime(hbtick_t start, hbtick_t *max, const char *rsc, const char *node, const char * /*ip*/,
+                         int32_t hbto)
+{
+    return hboptime(LANHB_KIND.number, start, max, rsc, node, hbto, LOG_MSG_LANSEND);
+}
+
+void lanhb_sendthexit(void *) { HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb_hbsend() exit"); }
+
+namespace {
 
 // The sender's body; returns its exit text. Runs with cancellation disabled
 // except at the end of its waits.
 char *hbsend(lanhb_list *list)
 {
     hbth_canceloff(HBLOG_LAN);
-    const ports pt(list);
+    const lanhb_ports pt(list);
     lanhb_pace pace;
     lanhb_paceinit(&pace, list->hbint);
     HBLOG(HBLOG_LAN, HBLV_DETAIL, "from_port=%s to_port=%s", pt.from, pt.to);
-    pkt_ptr pkt = newpacket(list, LANHB_TAG_HB);
+    lanhb_pktptr pkt = lanhb_newpacket(list, LANHB_TAG_HB);
     if (!pkt)
         return lanhb_exit(LANHB_EXIT_NOMEM);
     const size_t len = lanhb_pktlen(list->maxnode);
@@ -243,7 +245,7 @@ char *hbsend(lanhb_list *list)
             const hbtick_t t0 = hbtick_now();
             lanhb_pktnodeinf(pkt.get(), list, true);
             HBLOG(HBLOG_LAN, HBLV_DETAIL, "currsc=%d", list->currsc);
-            sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, true);
+            lanhb_sendround(list, pkt.get(), len, pt, true);
             hbth_testcancel(HBLOG_LAN);
             if (stopseen())
                 break;
@@ -267,27 +269,4 @@ void *lanhb_hbsend(void *arg)
     ret = hbsend(static_cast<lanhb_list *>(arg));
     pthread_cleanup_pop(1);
     return ret;
-}
-
-void *lanhb_dpsend(void *arg)
-{
-    lanhb_list *list = static_cast<lanhb_list *>(arg);
-    HBTH_ENTER(HBLOG_LAN);
-    const ports pt(list);
-    pkt_ptr pkt = newpacket(list, LANHB_TAG_DOWN);
-    if (!pkt)
-        return lanhb_exit(LANHB_EXIT_NOMEM);
-    const size_t len = lanhb_pktlen(list->maxnode);
-    hbtick_t maxloop = 0;
-    for (int32_t n = 0; n < list->dpretry; ++n) {
-        const hbtick_t t0 = hbtick_now();
-        lanhb_pktnodeinf(pkt.get(), list, false);
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "lanhb_plist->currsc=%d", list->currsc);
-        sendround(list, pkt.get(), len, pt.fromservice(list), pt.to, false);
-        // The stop has been raised by now: this pause must not end on it.
-        hbsleep_ms(list->dpint);
-        lanhb_thslooptime(t0, &maxloop);
-    }
-    pkt.reset();
-    return lanhb_exit(LANHB_EXIT_OK);
 }

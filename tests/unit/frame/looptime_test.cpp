@@ -1,6 +1,8 @@
 // Time-out limits and delay warnings.
 #include <climits>
 
+#include "cnthb/cnthb.h"
+#include "lanhb/lanhb.h"
 #include "unit/unit.h"
 
 namespace {
@@ -41,6 +43,7 @@ TEST_F(Delay, WarnsFromTheThresholdForOwnOperationsWithRateRatioAndSaturation)
         {1, 72, 0, 100, 1, 10000, 0, 1},     {1, 72, 80, 7, 1, 10000, 10, 1},      // limit 70 divided first: 0
         {1, 72, 80, 100, 2, 500, 159, 0},    {1, 72, 80, 100, 2, 500, 160, 1},     // 500 ms counts as 1 s
         {1, 72, 80, 100, -3, 10000, 800, 1}, {1, 72, 80, 100, 0, 10000, 800, 1}};
+    hbkind_set(&LANHB_KIND), hbkind_set(&CNTHB_KIND); // as their loaders do
     for (const auto &c : cases) {
         lanhb_warnrate = cnthb_warnrate = c[2], tckconf = c[3];
         c[4] != 0 ? fake::set_ratio(c[4]) : fake::fail("shmcm_getratio", 6, 2);

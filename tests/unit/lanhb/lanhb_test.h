@@ -75,7 +75,7 @@ inline int32_t verdict(lanhb_list *list, bytes dgram, size_t count, size_t len, 
     lanhb_node *n = nullptr;
     const int32_t r = lanhb_accept(list, reinterpret_cast<lanhb_packet *>(dgram.data()), ssize_t(count), len, sap(&sa), v6,
                                    &rsc, node ? node : &n);
-    EXPECT_TRUE(r != 0 || rsc == lanhb_getrsc(list, 0));
+    EXPECT_TRUE(r != 0 || rsc == lanhb_rscat(list, 0));
     return r;
 }
 

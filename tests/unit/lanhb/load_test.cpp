@@ -36,9 +36,9 @@ TEST_F(LoadTest, OwnNodeOverLoopbackAndPathsWithoutDeviceOrOwnAddress)
 {
     cluster("198.18.0.1/24", "198.18.0.2/24");
     list_ptr list = load();
-    EXPECT_STREQ(lanhb_getnode(list.get(), 0, 0)->ip, "127.0.0.1");
-    EXPECT_STREQ(lanhb_getnode(list.get(), 0, 1)->ip, "198.18.0.2"); // prefix cut
-    EXPECT_STREQ(lanhb_getrsc(list.get(), 0)->myip, "198.18.0.1/24");
+    EXPECT_STREQ(lanhb_nodeat(lanhb_rscat(list.get(), 0), 0)->ip, "127.0.0.1");
+    EXPECT_STREQ(lanhb_nodeat(lanhb_rscat(list.get(), 0), 1)->ip, "198.18.0.2"); // prefix cut
+    EXPECT_STREQ(lanhb_rscat(list.get(), 0)->myip, "198.18.0.1/24");
     EXPECT_TRUE(lanlog("    ---> change ip [198.18.0.1/24] to [127.0.0.1] (MYCNT)"));
     // The own entry is named like the host, or like its short name only.
     for (const char *host : {"node1", "node1.example"}) {
@@ -46,11 +46,11 @@ TEST_F(LoadTest, OwnNodeOverLoopbackAndPathsWithoutDeviceOrOwnAddress)
         reload(), fake::set_hostname(host), cluster(nullptr);
         fake::add_rsc(HB_KIND_LANHB, "lan2", 11); // no device key
         list = load();
-        EXPECT_STREQ(lanhb_getnode(list.get(), 0, 0)->ip, ""); // never sent to, not even over the loopback
-        EXPECT_EQ(lanhb_getnode(list.get(), 0, 0)->stat, SHMNM_SVSTAT_UNUSED);
+        EXPECT_STREQ(lanhb_nodeat(lanhb_rscat(list.get(), 0), 0)->ip, ""); // never sent to, not even over the loopback
+        EXPECT_EQ(lanhb_nodeat(lanhb_rscat(list.get(), 0), 0)->stat, SHMNM_SVSTAT_UNUSED);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), SHMNM_SVSTAT_UNUSED);
         EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan1"), SHMNM_RSCSTAT_UNUSED);
-        EXPECT_EQ(lanhb_getrsc(list.get(), 1)->devid, -1);
+        EXPECT_EQ(lanhb_rscat(list.get(), 1)->devid, -1);
         EXPECT_EQ(lancount("device id(-1) is invalid"), 2);
         EXPECT_EQ(fake::count("shmnm_setrscsvstat"), 2); // lan1's only
         EXPECT_EQ(fake::rscstat(HB_KIND_LANHB, "lan2"), SHMNM_RSCSTAT_UNKNOWN);
@@ -74,7 +74,7 @@ TEST_F(LoadTest, FreshModeResetsAndResumeModeKeeps)
         hbtick_source = fakenow;
         now = 4242;
         list_ptr list = load();
-        lanhb_node *peer = lanhb_getnode(list.get(), 0, 1);
+        lanhb_node *peer = lanhb_nodeat(lanhb_rscat(list.get(), 0), 1);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_OFFLINE);
         EXPECT_EQ(peer->stat, resume ? SHMNM_SVSTAT_ONLINE : SHMNM_SVSTAT_OFFLINE);
         EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 2), peer->stat);

@@ -1,5 +1,6 @@
-// Internals shared by the controller heartbeat's sources: the offline pass,
-// the pollers' pause and the bookkeeping of worker threads.
+// The controller's worker threads, shared by the reader, the writer and the
+// down write: their start, bookkeeping and cancellation, the firmware call
+// they make, and the pollers' pause.
 #pragma once
 
 #include <pthread.h>
@@ -10,38 +11,8 @@
 #include "cnthb/cnthb.h"
 #include "frame/thread.h"
 
-// sem_set_statchange, its failure logged.
-void cnthb_statchange();
-// Takes a node offline on its path after a time-out or a failed firmware
-// call: publication, not-ready mark, lastrec cleared, path state. The caller
-// holds statlock and signals the change.
-void cnthb_takeoffline(cnthb_list *list, cnthb_rsc *rsc, cnthb_node *node);
-
-// One pass under statlock over every ONLINE node of every path: takes
-// offline those for which gone(rsc, node) holds, and signals once when any
-// changed. A record evaluated in between can therefore not be overwritten
-// by a decision taken on older data.
-template <class Gone> void cnthb_offlinepass(cnthb_list *list, Gone gone)
-{
-    bool changed = false;
-    {
-        hblock hold(&list->statlock);
-        for (int32_t i = 0; i < list->currsc; ++i) {
-            cnthb_rsc *rsc = cnthb_rscat(list, i);
-            for (int32_t j = 0; j < list->curnode; ++j) {
-                cnthb_node *node = cnthb_nodeat(rsc, j);
-                if (hbld(node->stat) == SHMNM_SVSTAT_ONLINE && gone(rsc, node)) {
-                    cnthb_takeoffline(list, rsc, node);
-                    changed = true;
-                }
-            }
-        }
-    }
-    if (changed)
-        cnthb_statchange();
-}
-
-// The pause of the reader's, writer's and watcher's clean-up handlers.
+// The pause of the reader's, writer's and watcher's clean-up handlers: the
+// grace of the reader's and writer's workers.
 inline constexpr int32_t CNTHB_CLEANUP_MS = 500;
 
 // The reader's and writer's pause between cycles: the frame's pace, with
@@ -68,8 +39,9 @@ void cnthb_startworker(cnthb_rsc *rsc, pthread_attr_t *attr, const cnthb_wkind &
 // one attribute object per path. False (logged) when the memory for the
 // attribute objects is not there; true also for a table without paths.
 bool cnthb_startworkers(cnthb_list *list, const cnthb_wkind &kind);
-// Cancels the workers of one kind still running and marks their paths idle.
-void cnthb_cancelworkers(cnthb_list *list, bool write);
+// Cancels the workers of one kind still running and marks their paths idle,
+// after `grace` milliseconds in which they may end by themselves.
+void cnthb_cancelworkers(cnthb_list *list, bool write, int32_t grace = 0);
 
 // The bookkeeping of one worker's run, from its first step to its end. Must be
 // the worker's first local object, so that its destructor is the last thing

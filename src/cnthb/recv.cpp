@@ -1,18 +1,19 @@
-// The controller reader: a poller that starts one detached read worker per
-// path and cycle, and the workers that fetch every slot and hand each node's
-// record to the status evaluation.
+// The controller reader, the receiving side: a poller that starts one
+// detached read worker per path and cycle, and the workers that fetch every
+// slot and hand each node's record to the status evaluation. Without a
+// watcher the poller also checks the time-outs.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
 
-#include "cnthb/cnthbint.h"
+#include "cnthb/worker.h"
 
 namespace {
 
 // Records the read buffer holds: every slot the storage library fills, every
 // node's slot and one per node priority up to the path's highest.
-size_t cnthb_readslots(cnthb_list *list, cnthb_rsc *rsc)
+size_t readslots(cnthb_list *list, cnthb_rsc *rsc)
 {
     size_t n = std::max<size_t>(static_cast<size_t>(rsc->maxnodepri) + 1, ZEMFW_HBSLOTS);
     for (int32_t j = 0; j < list->curnode; ++j) {
@@ -25,15 +26,11 @@ size_t cnthb_readslots(cnthb_list *list, cnthb_rsc *rsc)
 
 } // namespace
 
+int32_t cnthb_thrlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+
 void cnthb_readthexit(void *arg)
 {
-    auto *list = static_cast<cnthb_list *>(arg);
-    // A fixed 500 ms, not cut short by the stop (which has been raised when
-    // this runs): the workers still in a controller call get that long to
-    // end by themselves before they are cancelled. It delays only the
-    // controller side's stop; the LAN down packets have gone out by then.
-    hbsleep_ms(CNTHB_CLEANUP_MS);
-    cnthb_cancelworkers(list, false);
+    cnthb_cancelworkers(static_cast<cnthb_list *>(arg), false, CNTHB_CLEANUP_MS);
     HBLOG(HBLOG_CNT, HBLV_DETAIL, "cnthb_hbread() exit");
 }
 
@@ -85,7 +82,7 @@ void *cnthb_readthread(void *arg)
             HBLOG(HBLOG_CNT, HBLV_ERROR, "maxnodepri is invalid(%d)", rsc->maxnodepri);
             rsc->maxnodepri = list->curnode;
         }
-        nrec = cnthb_readslots(list, rsc);
+        nrec = readslots(list, rsc);
     }
     std::unique_ptr<cnthb_hbinf, hbfree> buf(static_cast<cnthb_hbinf *>(std::calloc(nrec, sizeof(cnthb_hbinf))));
     if (!buf) {

@@ -1,14 +1,14 @@
-// The controller writer: a poller that starts one detached write worker per
-// path and cycle once the cluster has said to start, and the workers that put
-// this node's heartbeat record into its controller slot.
+// The controller writer, the sending side: a poller that starts one detached
+// write worker per path and cycle once the cluster has said to start, and the
+// workers that put this node's heartbeat record into its controller slot.
 #include <cstdlib>
 
-#include "cnthb/cnthbint.h"
+#include "cnthb/worker.h"
 
 namespace {
 
 // The writing cycles; returns when the stop has been seen.
-void cnthb_writecycles(cnthb_list *list, hbpace *pace)
+void writecycles(cnthb_list *list, hbpace *pace)
 {
     hbtick_t maxloop = 0;
     for (;;) {
@@ -34,15 +34,11 @@ void cnthb_writecycles(cnthb_list *list, hbpace *pace)
 
 } // namespace
 
+int32_t cnthb_thwlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(start, max); }
+
 void cnthb_writethexit(void *arg)
 {
-    auto *list = static_cast<cnthb_list *>(arg);
-    // A fixed 500 ms, not cut short by the stop (which has been raised when
-    // this runs): the workers still in a controller call get that long to
-    // end by themselves before they are cancelled. It delays only the
-    // controller side's stop; the LAN down packets have gone out by then.
-    hbsleep_ms(CNTHB_CLEANUP_MS);
-    cnthb_cancelworkers(list, true);
+    cnthb_cancelworkers(static_cast<cnthb_list *>(arg), true, CNTHB_CLEANUP_MS);
     HBLOG(HBLOG_CNT, HBLV_DETAIL, "cnthb_hbwrite() exit");
 }
 
@@ -70,7 +66,7 @@ void *cnthb_hbwrite(void *arg)
     if (started) {
         HBLOG(HBLOG_CNT, HBLV_ERROR, "***** START: cnthb_hbwrite *****");
         if (bsigrecv.load() == 0)
-            cnthb_writecycles(list, &pace);
+            writecycles(list, &pace);
     }
     HBLOG(HBLOG_CNT, HBLV_ERROR, "SIGUSR1 already received");
     HBTH_EXIT(HBLOG_CNT, 0);

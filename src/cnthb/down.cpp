@@ -1,12 +1,13 @@
-// The down write at an orderly stop: down notices into this node's slot on
-// every path, a few times, then a bounded wait for the workers.
+// The controller down write of an orderly stop: down notices into this
+// node's slot on every path, a few times, then a bounded wait for the
+// workers.
 #include <cstdlib>
 
-#include "cnthb/cnthbint.h"
+#include "cnthb/worker.h"
 
 namespace {
 
-bool cnthb_anywriting(cnthb_list *list)
+bool anywriting(cnthb_list *list)
 {
     for (int32_t i = 0; i < list->currsc; ++i)
         if (hbld(cnthb_rscat(list, i)->bwriting) != 0)
@@ -33,7 +34,7 @@ void *cnthb_dpwrite(void *arg)
     }
 
     for (int32_t n = 0; n < cnthb_dpthretry; ++n) {
-        if (!cnthb_anywriting(list)) {
+        if (!anywriting(list)) {
             HBTH_EXIT(HBLOG_CNT, 0);
             return nullptr;
         }
