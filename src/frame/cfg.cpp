@@ -1,5 +1,7 @@
-// What both table loaders do alike: reading the configuration, the release
-// texts, the counts of paths and nodes, the own node, names and priorities.
+// What both table loaders do alike: reading the configuration (policies, one
+// setting with its corrections, the settings both read), the release texts,
+// the counts of paths and nodes, the own node, names and priorities, and the
+// decision to resume.
 #include <cerrno>
 #include <cstring>
 

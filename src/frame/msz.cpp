@@ -1,3 +1,5 @@
+// The node manager's multi-string lists (NUL-terminated names closed by an
+// empty one), and a bounded copy of a text.
 #include "frame/frame.h"
 
 #include <cstring>
