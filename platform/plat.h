@@ -283,6 +283,9 @@ struct plat_area_view {
     std::array<std::array<char, ZEMFW_HBINF_SIZE>, ZEMFW_HBSLOTS> rec{}; // by controller number
 };
 
+// The next three are in the library zemarea (area.cpp), which zemctl and the
+// tests link and the daemon does not: it keeps libblkid out of the daemon.
+
 // zemctl init: creates path as a file area of this node's cluster when
 // nothing is there; whatever exists (a block device above all) is left as
 // it is.
