@@ -25,9 +25,6 @@ int watch_count = 0;      // watch --count
 int watch_timeout = 0;    // watch --timeout
 bool watch_json = false;  // watch --json
 
-// The shape of every JSON document zemctl prints; raised when a key changes
-// meaning or goes away.
-constexpr int JSON_VERSION = 1;
 using ojson = nlohmann::ordered_json;
 constexpr const char *kinds[2] = {HB_KIND_LANHB, HB_KIND_CNTHB};
 
@@ -258,7 +255,7 @@ int cmd_status()
     int rc = d.running ? 0 : HBEXIT_NODAEMON;
     if (status_json) {
         ojson out;
-        out["version"] = JSON_VERSION;
+        out["version"] = ZEMCTL_JSON_VERSION;
         out["root"] = plat_root();
         out["time_ms"] = now;
         out["daemon"] = {{"running", d.running},
@@ -340,7 +337,7 @@ struct watch_out {
             printf("%s %s\n", now_text().c_str(), text.c_str());
             return;
         }
-        ojson line = {{"version", JSON_VERSION}, {"time_ms", plat_now_ms()}};
+        ojson line = {{"version", ZEMCTL_JSON_VERSION}, {"time_ms", plat_now_ms()}};
         line.update(j);
         printf("%s\n", dump(line).c_str());
     }

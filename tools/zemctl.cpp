@@ -1,8 +1,8 @@
 // zemctl: the stand-alone platform's command-line tool. It checks a node's
 // configuration (check), prepares the node (init), shows and watches the
 // states the daemon publishes (status, watch), sets what a cluster manager
-// would set (set), makes cluster keys (keygen), and supervises the daemon as
-// its parent process (run). This file holds main(): the one table of
+// would set (set), makes cluster keys (keygen), supervises the daemon as
+// its parent process (run), and formats and shows the heartbeat area (area). This file holds main(): the one table of
 // subcommands it walks to build the command line and to find the handler to
 // run, the help for a mistyped subcommand, and the helpers every role shares
 // (zemctl.h says which file holds which role).
@@ -40,7 +40,7 @@ const char *plat_error_text(int32_t r)
     static constexpr std::pair<int32_t, const char *> texts[] = {
         {PLAT_ENOTREADY, "not ready"}, {PLAT_EINVAL, "bad argument"},        {PLAT_ENOENT, "missing"},
         {PLAT_ESPACE, "too small"},    {PLAT_EFORMAT, "damaged or foreign"}, {PLAT_EIO, "system error"},
-        {PLAT_EBUSY, "held by a daemon"},
+        {PLAT_EBUSY, "held by a daemon"}, {PLAT_EEXIST, "holds data"},
     };
     const char *t = plat_name_of(texts, r);
     return t != nullptr ? t : "failed";
@@ -164,6 +164,7 @@ int main(int argc, char **argv)
          "start zemlanhb and supervise it as its parent; SIGTERM, SIGINT and SIGHUP (terminal closed) stop it in "
          "order with down notification; refused (status 16) while a daemon runs on this root",
          opts_run, cmd_run},
+        {"area", "format and show the heartbeat area on the shared disk", nullptr, nullptr, area_cmds},
     };
     CLI::App app{"zemctl: prepare, inspect and supervise a node of the stand-alone cluster platform.\n"
                  "Files live under $ZEM_ROOT (default /var/lib/zem)."};

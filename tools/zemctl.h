@@ -7,6 +7,7 @@
 //   set.cpp     set: what a cluster manager would set
 //   keygen.cpp  keygen: a new cluster key
 //   run.cpp     run: the daemon's supervisor
+//   area.cpp    area create, area show: the heartbeat area on the shared disk
 // Exit statuses are the names of services/hbexit.h; a failure that names no
 // cause there (a refused configuration, a file that cannot be written) is
 // EXIT_FAILURE, 1 like HBEXIT_ATTACH.
@@ -34,6 +35,10 @@ struct zemctl_cmd {
     int (*handler)();
     std::span<const zemctl_cmd> subs = {};
 };
+
+// The shape of every JSON document zemctl prints; raised when a key changes
+// meaning or goes away.
+inline constexpr int ZEMCTL_JSON_VERSION = 1;
 
 // Every text from shared memory or the configuration goes out escaped.
 inline std::string esc(const std::string &s)
@@ -64,3 +69,4 @@ void opts_keygen(CLI::App &cmd);
 int cmd_keygen();
 void opts_run(CLI::App &cmd);
 int cmd_run();
+extern const std::span<const zemctl_cmd> area_cmds;

@@ -3,6 +3,9 @@
 // daemon for "run".
 
 
+#include <atomic>
+#include <thread>
+
 #include <nlohmann/json.hpp>
 
 #include "testutil.h"
@@ -213,6 +216,67 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
     EXPECT_TRUE(ptest::has(out, "probable cause: " + at("etc/cluster.xml") + ":3:")) << out;
     EXPECT_EQ(zemctl({"run", "--daemon", at("no-such-daemon")}), 127);
     EXPECT_TRUE(ptest::has(out, "cannot run")) << out;
+}
+
+// The formatter's refusals are proven in test_storage.cpp. The display: a
+// slot this process writes on and on reads as changing, the others as
+// unchanged for as long as their stamps say; a foreign tag is escaped.
+TEST_F(Zemctl, AreaCreateIsRefusedOverAnAreaUnlessForcedAndShowTellsLiveSlotsFromStillOnes)
+{
+    ASSERT_EQ(zemctl({"init"}), 0) << out;
+    const std::string area = at("run/hbarea");
+    EXPECT_EQ(zemctl({"area", "create", area}), 1);
+    EXPECT_TRUE(ptest::has(out, "area create refused: " + area + " holds the heartbeat area of cluster \"demo\"") &&
+                ptest::has(out, "--force"))
+        << out;
+    ASSERT_EQ(zemctl({"area", "create", "--force", area}), 0) << out;
+    EXPECT_TRUE(ptest::has(out, "formatted " + area + " as the heartbeat area of cluster \"demo\"")) << out;
+    uint8_t cntno = 0;
+    ASSERT_EQ(zemstorage_init(&cntno), 0) << plat_lasterror();
+    auto stamp = [](time_t ago, const std::string &ms) {
+        time_t t = time(nullptr) - ago;
+        char b[64];
+        return std::string(b, strftime(b, sizeof b, ("%a %b %e %H:%M:%S" + ms + "%Y").c_str(), localtime(&t)));
+    };
+    auto put_slot = [](uint8_t k, const std::string &tag, const std::string &stamp) {
+        std::string rec(ZEMFW_HBINF_SIZE, '\0');
+        rec.replace(0, tag.size(), tag).replace(8, stamp.size(), stamp);
+        ASSERT_EQ(zemfw_sethbinf(k, rec.data()), 0);
+    };
+    put_slot(0, "cnthb", stamp(7200, ".250 "));
+    put_slot(2, "hbdown", stamp(90, " "));
+    put_slot(3, "x\x1b]0;", "junk");
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int n = 1; !done; n++, usleep(5000))
+            put_slot(1, "cnthb", std::to_string(n));
+    });
+    int rc = zemctl({"area", "show", "--interval", "1", "--json"});
+    done = true;
+    writer.join();
+    ASSERT_EQ(rc, 0) << out;
+    auto j = nlohmann::json::parse(out);
+    ASSERT_EQ(j["records"].size(), 4u) << out;
+    // slot, changed, down notice, unchanged for (s)
+    const std::tuple<int, bool, bool, int> want[] = {{0, false, false, 7200}, {1, true, false, 0},
+                                                     {2, false, true, 90},    {3, false, false, 1}};
+    for (size_t i = 0; i < 4; i++) {
+        const auto &[slot, changed, down, still] = want[i];
+        const auto &r = j["records"][i];
+        EXPECT_TRUE(r["slot"] == slot && r["changed"] == changed && r["down_notice"] == down) << r;
+        EXPECT_NEAR(r["unchanged_ms"].get<int64_t>() / 1000.0, still, 3) << r;
+    }
+    ASSERT_EQ(zemctl({"area", "show", "--interval", "0"}), 0) << out;
+    for (const char *line : {"   0  cnthb   ", ".250 ", "  stamp 2h00m old\n", "   2  hbdown  ",
+                             "DOWN notice (stopped in order), stamp 1m3", "   3  x\\x1b]0; junk",
+                             "unknown tag, ignored by the daemon", "60 slot(s) never written"})
+        EXPECT_TRUE(ptest::has(out, line)) << line << " in\n" << out;
+    EXPECT_FALSE(ptest::has(out, "\x1b")) << out;
+    put("etc/cluster.xml", "<root><cluster><name>beta</name></cluster></root>");
+    EXPECT_EQ(zemctl({"area", "show", "--interval", "0"}), 1) << out;
+    EXPECT_TRUE(ptest::has(out, "(NOT this node's cluster)") &&
+                ptest::has(out, area + " is the heartbeat area of cluster \"demo\", not of this cluster \"beta\""))
+        << out;
 }
 
 } // namespace
