@@ -1,5 +1,7 @@
 """The main job, run by scripts/demo: a three-node heartbeat cluster on this
-machine, signing its datagrams with a cluster key, converging, losing a node to a crash, getting it back, and losing
+machine, signing its datagrams with a cluster key, nodes 1 and 2 sharing a
+disk as two block devices (loop devices over one file, where there are loop
+devices), converging, losing a node to a crash, getting it back, and losing
 another in an orderly stop; with what every node saw and when.
 
 Usage: demo.py --build DIR   (DIR holds zemctl and zemlanhb)
@@ -14,9 +16,10 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 from zemcluster.cluster import Cluster  # noqa: E402
+from zemcluster.disk import LUN_SIZE, loop_missing  # noqa: E402
 from zemcluster.layout import CNT, KEY_FILE, LAN4, LAN6  # noqa: E402
 from zemcluster.observe import events, log_kind, node_line, problems  # noqa: E402
-from zemcluster.procs import HarnessError, install_cleanup_handlers, leftovers, sweep  # noqa: E402
+from zemcluster.procs import HarnessError, install_cleanup_handlers, leftovers, loops_under, sweep  # noqa: E402
 
 PATHS = (LAN4, LAN6, CNT)
 MARK = {"ONLINE": "O", "OFFLINE": "x", "UNKNOWN": "?", "UNUSED": "-"}
@@ -143,16 +146,24 @@ def main():
     if removed:
         print(f"removed leftovers of an earlier run: {' '.join(removed)}")
 
-    c = Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True)
+    no_loop = loop_missing()
+    c = Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True,
+                loop=None if no_loop else 512)
     summary = []
     try:
         c.setup()
         print("Three nodes, each in its own network and PID namespace, on two LAN paths:")
         for n in c.nodes:
-            print(f"  {n.name}: {LAN4} {n.ip4}, {LAN6} {n.ip6}, controller slot {n.cntno} of "
-                  f"{os.path.basename(n.area)}")
+            area = n.area if n.area.startswith("/dev/") else os.path.basename(n.area)
+            print(f"  {n.name}: {LAN4} {n.ip4}, {LAN6} {n.ip6}, controller slot {n.cntno} of {area}")
         print(f"Heartbeat interval {c.hbint} ms, time-out {c.hbto} ms. "
               f"Nodes 1 and 2 share the controller path {CNT}.")
+        if c.disk:
+            print(f"Shared disk: {c[1].area} and {c[2].area}, two loop devices over one file of "
+                  f"{LUN_SIZE >> 20} MiB, as two hosts see one LUN; formatted once by "
+                  f"'zemctl area create {c[1].area}' on node1.")
+        else:
+            print(f"Shared disk: a regular file, {c[1].area} ({no_loop}).")
         print(f"Cluster key: made by 'zemctl keygen' on node1 and copied to every node's "
               f"{KEY_FILE}; every LAN datagram is signed and checked.\n")
 
@@ -175,6 +186,10 @@ def main():
             return 1
         summary.append(f"converged {t_conv - t0:.1f} s after the start: every node ONLINE on "
                        f"{LAN4} and {LAN6}, node1 and node2 on {CNT}, all NORMAL")
+
+        print(f"\n== the shared disk as node2 sees it: zemctl area show {c[2].area}")
+        shown = c[2].zemctl("area", "show", c[2].area, check=False)
+        print("\n".join(f"  {line}" for line in (shown.stdout + shown.stderr).splitlines()))
 
         victim = c[2]
         print(f"\n== crash: SIGKILL to {victim.name}'s daemon")
@@ -214,8 +229,8 @@ def main():
         return 130
     finally:
         c.destroy()
-        left = leftovers()
-        print("cleaned up: namespaces, processes and files removed"
+        left = leftovers() + loops_under(c.dir)
+        print("cleaned up: namespaces, processes, loop devices and files removed"
               + (f" (left: {left})" if left else ""))
 
 

@@ -1,6 +1,7 @@
 """The cluster: its nodes, the bridges' namespace and the links to it, the
-configuration every node shares, setting up and starting, and destroy(),
-which removes every namespace, process and file the cluster made.
+configuration every node shares, the shared disk, setting up and starting,
+and destroy(), which removes every namespace, process, loop device and file
+the cluster made.
 started() is the life cycle the tests and benchmarks use."""
 
 import os
@@ -8,16 +9,17 @@ import shutil
 import tempfile
 
 from . import procs
+from .disk import LoopDisk
 from .layout import CNT, KEY_FILE, LAN4, LAN6, MAXNODE, OUTSIDER4, OUTSIDER6, PATH_PRI, PREFIX, RECV_PORT
 from .neigh import NeighTables
 from .node import Node
-from .procs import HarnessError, find_tools, kill_netns, netns_list, proc_running, run
+from .procs import HarnessError, find_tools, kill_netns, loops_under, netns_list, proc_running, run
 from .wire import Wire
 
 
 class Cluster(Wire):
     def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None, key=False,
-                 prefixed=(), warnrate=80, loglevel=4, logsize=50000000):
+                 prefixed=(), warnrate=80, loglevel=4, logsize=50000000, loop=None):
         ctl, dmn = find_tools()
         self.zemctl = zemctl or ctl
         self.daemon = daemon or dmn
@@ -32,6 +34,10 @@ class Cluster(Wire):
         self.logsize = logsize        # rotation size of both logs, bytes
         self.nodes = [Node(self, i) for i in range(1, nnodes + 1)]
         self.prefixed = set(prefixed)   # nodes whose IPv4 address is written with "/24"
+        # Nodes 1 and 2 share a file area, or with loop (a sector size) one
+        # disk that each reaches as a loop device of its own.
+        self.loop = loop
+        self.disk = None
         self.neigh = None
         for node in self.nodes:
             os.makedirs(node.root, mode=0o700)
@@ -145,8 +151,13 @@ class Cluster(Wire):
 """)
 
     def setup(self):
-        """Network, configuration and fresh shared memory on every node."""
+        """Network, shared disk, configuration and fresh shared memory on every
+        node; the shared disk formatted once, from node 1."""
         self.build_network()
+        if self.loop:
+            self.disk = LoopDisk(os.path.join(self.dir, "lun.img"), self.loop)
+            for n in self.nodes[:2]:
+                n.area = self.disk.attach()
         self.write_config()
         if self.key:
             first = self.nodes[0]
@@ -155,6 +166,8 @@ class Cluster(Wire):
                 n.write_key(first.read_key())
         for n in self.nodes:
             n.zemctl("init")
+        if self.disk:
+            self.nodes[0].zemctl("area", "create", self.nodes[0].area)
 
     def start_all(self, *run_args):
         for n in self.nodes:
@@ -176,6 +189,7 @@ class Cluster(Wire):
         """What destroy() should have removed but is still there."""
         left = [ns for ns in netns_list() if ns.startswith(self.prefix + "-")]
         left += [f"process {p}" for p in self.pids if proc_running(p)]
+        left += [f"loop device {d}" for d in loops_under(self.dir)]
         if os.path.exists(self.dir) and not os.environ.get("ZEM_SYSTEM_KEEP"):
             left.append(self.dir)
         return left
@@ -204,6 +218,8 @@ class Cluster(Wire):
         self.reports = self.sanitizer_reports()
         for ns in reversed(self.namespaces):
             kill_netns(ns)
+        if self.disk is not None:
+            self.disk.release()
         if self.neigh is not None:
             self.neigh.restore()
         if not os.environ.get("ZEM_SYSTEM_KEEP"):

@@ -157,9 +157,27 @@ def kill_netns(ns):
     run(["ip", "netns", "del", ns], check=False)
 
 
+def loops_under(directory):
+    """Loop devices bound to a file in directory."""
+    if shutil.which("losetup") is None:
+        return []
+    res = run(["losetup", "--list", "--noheadings", "--raw", "--output", "NAME,BACK-FILE"], check=False)
+    rows = [line.split(" ", 1) for line in res.stdout.splitlines()]
+    return [row[0] for row in rows if len(row) == 2 and row[1].startswith(directory.rstrip("/") + "/")]
+
+
+def detach_loops(directory):
+    """Detach the loop devices over files in directory (one still open goes at
+    its last close); wait a moment for them to go. Returns those still there."""
+    for dev in loops_under(directory):
+        run(["losetup", "-d", dev], check=False)
+    wait_until(lambda: not loops_under(directory), 5, 0.1)
+    return loops_under(directory)
+
+
 def sweep():
-    """Remove namespaces and directories left by earlier runs of this harness
-    whose creating process is gone. Returns the names removed."""
+    """Remove namespaces, loop devices and directories left by earlier runs of
+    this harness whose creating process is gone. Returns the names removed."""
     removed = []
     for ns in netns_list():
         m = NAME_RE.match(ns)
@@ -170,6 +188,7 @@ def sweep():
     for entry in os.listdir(tmp):
         m = NAME_RE.match(entry)
         if m and int(m.group(1)) != os.getpid() and not pid_alive(int(m.group(1))):
+            detach_loops(os.path.join(tmp, entry))
             shutil.rmtree(os.path.join(tmp, entry), ignore_errors=True)
             removed.append(entry)
     return removed
