@@ -147,7 +147,7 @@ def main():
         print(f"removed leftovers of an earlier run: {' '.join(removed)}")
 
     no_loop = loop_missing()
-    c = Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True,
+    c = Cluster(3, tag="demo", hbint=500, hbto=2000, zemctl=ctl, daemon=daemon, key=True, syslog=True,
                 loop=None if no_loop else 512)
     summary = []
     try:

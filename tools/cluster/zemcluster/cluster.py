@@ -19,7 +19,7 @@ from .wire import Wire
 
 class Cluster(Wire):
     def __init__(self, nnodes=3, tag="c", hbint=500, hbto=2000, zemctl=None, daemon=None, key=False,
-                 prefixed=(), warnrate=80, loglevel=4, logsize=50000000, loop=None):
+                 prefixed=(), warnrate=80, loglevel=4, logsize=50000000, loop=None, syslog=False):
         ctl, dmn = find_tools()
         self.zemctl = zemctl or ctl
         self.daemon = daemon or dmn
@@ -32,6 +32,9 @@ class Cluster(Wire):
         self.warnrate = warnrate      # delay warnings at this percentage of the time-out
         self.loglevel = loglevel      # of both logs
         self.logsize = logsize        # rotation size of both logs, bytes
+        # Copies to the system log: off for tests, whose daemons share this
+        # host's journal and /dev/log; the demo shows them.
+        self.syslog = syslog
         self.nodes = [Node(self, i) for i in range(1, nnodes + 1)]
         self.prefixed = set(prefixed)   # nodes whose IPv4 address is written with "/24"
         # Nodes 1 and 2 share a file area, or with loop (a sector size) one
@@ -120,13 +123,13 @@ class Cluster(Wire):
     <cnthb name="{CNT}"><priority>{PATH_PRI[CNT]}</priority></cnthb>
   </heartbeat>
   <lanhb>
-    <log><level>{self.loglevel}</level><size>{self.logsize}</size></log>
+    <log><level>{self.loglevel}</level><size>{self.logsize}</size><syslog>{int(self.syslog)}</syslog></log>
     <watchth>1</watchth>
     <thread><stacksize>0</stacksize></thread>
     <socket><nbio>1</nbio></socket>
   </lanhb>
   <cnthb>
-    <log><level>{self.loglevel}</level><size>{self.logsize}</size></log>
+    <log><level>{self.loglevel}</level><size>{self.logsize}</size><syslog>{int(self.syslog)}</syslog></log>
     <watchth>0</watchth>
     <thread><stacksize>0</stacksize></thread>
     <downpacket><wait>20</wait><retry>100</retry></downpacket>
