@@ -1,18 +1,66 @@
 // The platform's binding of the daemon's operations beyond the cluster
-// services (services/hbext.h), and zemctl's reader of what they publish.
+// services (services/hbext.h), and zemctl's readers of what they publish:
+// two files under run/ that the daemon makes afresh at its start, its LAN
+// receiver's refusal counters and its heartbeat threads' progress.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 
 #include "plat.h"
 #include "services/hbext.h"
 
 namespace {
+
+// A file under run/ that one daemon makes afresh at its start and others
+// map to read: a header, then one aligned word per figure, each stored and
+// loaded atomically (no lock a dying process could leave held).
+template <class T> T *open_runfile(const char *name, uint32_t magic, bool write)
+{
+    const int dfd = plat_rundir(false);
+    if (dfd < 0)
+        return nullptr;
+    const int fd = openat(dfd, name, (write ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC);
+    close(dfd);
+    if (fd < 0)
+        return nullptr;
+    struct stat sb {};
+    void *p = MAP_FAILED;
+    if (fstat(fd, &sb) == 0 && S_ISREG(sb.st_mode) && sb.st_size == static_cast<off_t>(sizeof(T)))
+        p = mmap(nullptr, sizeof(T), write ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    if (p == MAP_FAILED)
+        return nullptr;
+    auto *m = static_cast<T *>(p);
+    if (m->head.magic != magic || m->head.version != SHM_VERSION || m->head.size != sizeof(T)) {
+        munmap(p, sizeof(T));
+        return nullptr;
+    }
+    return m;
+}
+
+// The daemon's own fresh file, made (filled by fill) once and kept mapped;
+// null when it cannot be made.
+template <class T, class F> T *make_runfile(std::atomic<T *> &slot, const char *name, uint32_t magic, F fill)
+{
+    static std::mutex mx;
+    std::lock_guard lk(mx);
+    if (T *m = slot.load(std::memory_order_acquire))
+        return m;
+    T fresh{};
+    fresh.head = {magic, SHM_VERSION, sizeof fresh};
+    fill(fresh);
+    std::string err;
+    if (plat_replace_file(name, &fresh, sizeof fresh, err) == 0)
+        slot.store(open_runfile<T>(name, magic, true), std::memory_order_release);
+    return slot.load(std::memory_order_acquire);
+}
 
 // run/lanhbrefused: the receiver's refusal counters, one 64-bit word each,
 // rewritten by the daemon at every start.
@@ -22,47 +70,45 @@ struct refused_layout {
     shm_head head;
     uint64_t count[HBEXT_REFUSED_COUNT];
 };
+std::atomic<refused_layout *> refused{nullptr};
 
-// Maps run/lanhbrefused after checking its size and header; null when it
-// is missing or not such a file.
-refused_layout *open_refused(bool write)
+// run/progress: the heartbeat threads' progress, rewritten by the daemon
+// when its first heartbeat thread starts.
+constexpr char PROGRESS_FILE[] = "progress";
+constexpr uint32_t PROGRESS_MAGIC = 0x4752505a; // "ZPRG"
+struct progress_layout {
+    shm_head head;
+    int32_t pid;       // the daemon that made the file
+    int32_t hbint;     // msec, as its tables have them
+    int32_t hbto;      // msec
+    int32_t pad;
+    int64_t stamp[HBEXT_TH_COUNT]; // plat_progress's encoding
+};
+std::atomic<progress_layout *> progress{nullptr};
+
+int64_t mono_ms()
 {
-    const int dfd = plat_rundir(false);
-    if (dfd < 0)
-        return nullptr;
-    const int fd = openat(dfd, REFUSED_FILE, (write ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC);
-    close(dfd);
-    if (fd < 0)
-        return nullptr;
-    struct stat sb {};
-    void *p = MAP_FAILED;
-    if (fstat(fd, &sb) == 0 && S_ISREG(sb.st_mode) && sb.st_size == static_cast<off_t>(sizeof(refused_layout)))
-        p = mmap(nullptr, sizeof(refused_layout), write ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-    close(fd);
-    if (p == MAP_FAILED)
-        return nullptr;
-    auto *m = static_cast<refused_layout *>(p);
-    if (m->head.magic != REFUSED_MAGIC || m->head.version != SHM_VERSION || m->head.size != sizeof(refused_layout)) {
-        munmap(p, sizeof(refused_layout));
-        return nullptr;
-    }
-    return m;
+    struct timespec ts {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return std::max<int64_t>(1, static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000);
 }
 
-std::mutex mapmx;
-refused_layout *mapped = nullptr; // the daemon's own fresh file, once made
-
-refused_layout *refused_map()
+// A figure for a reader that wants each one, not a consistent set: relaxed.
+template <class T> void put(T &w, T v)
 {
-    std::lock_guard lk(mapmx);
-    if (mapped != nullptr)
-        return mapped;
-    refused_layout fresh{};
-    fresh.head = {REFUSED_MAGIC, SHM_VERSION, sizeof fresh};
-    std::string err;
-    if (plat_replace_file(REFUSED_FILE, &fresh, sizeof fresh, err) == 0)
-        mapped = open_refused(true);
-    return mapped;
+    std::atomic_ref<T>(w).store(v, std::memory_order_relaxed);
+}
+template <class T> T get(const T &w)
+{
+    return std::atomic_ref<T>(const_cast<T &>(w)).load(std::memory_order_relaxed);
+}
+
+// The thread's word of the daemon's progress file, null before the file is
+// made (or when thread is not a kind).
+int64_t *stamp_word(int32_t thread)
+{
+    progress_layout *m = progress.load(std::memory_order_acquire);
+    return m == nullptr || thread < 0 || thread >= HBEXT_TH_COUNT ? nullptr : &m->stamp[thread];
 }
 
 } // namespace
@@ -82,22 +128,72 @@ extern "C" int32_t hbext_setrefused(const uint64_t *counts)
 {
     if (counts == nullptr)
         return PLAT_EINVAL;
-    refused_layout *m = refused_map();
+    refused_layout *m = make_runfile(refused, REFUSED_FILE, REFUSED_MAGIC, [](refused_layout &) {});
     if (m == nullptr)
         return PLAT_EIO;
     // One word each, relaxed: a reader wants each figure, not a consistent set.
     for (int i = 0; i < HBEXT_REFUSED_COUNT; ++i)
-        std::atomic_ref<uint64_t>(m->count[i]).store(counts[i], std::memory_order_relaxed);
+        put(m->count[i], counts[i]);
     return 0;
 }
 
 int32_t plat_getrefused(uint64_t *counts)
 {
-    refused_layout *m = open_refused(false);
+    refused_layout *m = open_runfile<refused_layout>(REFUSED_FILE, REFUSED_MAGIC, false);
     if (m == nullptr)
         return PLAT_ENOENT;
     for (int i = 0; i < HBEXT_REFUSED_COUNT; ++i)
-        counts[i] = std::atomic_ref<uint64_t>(m->count[i]).load(std::memory_order_relaxed);
+        counts[i] = get(m->count[i]);
     munmap(m, sizeof(refused_layout));
+    return 0;
+}
+
+extern "C" int32_t hbext_progress_start(int32_t thread, int32_t hbint, int32_t hbto)
+{
+    progress_layout *m = make_runfile(progress, PROGRESS_FILE, PROGRESS_MAGIC,
+                                      [](progress_layout &f) { f.pid = static_cast<int32_t>(getpid()); });
+    if (m == nullptr)
+        return PLAT_EIO;
+    if (thread < 0 || thread >= HBEXT_TH_COUNT)
+        return PLAT_EINVAL;
+    put(m->hbint, hbint);
+    put(m->hbto, hbto);
+    return hbext_progress(thread);
+}
+
+extern "C" int32_t hbext_progress(int32_t thread)
+{
+    int64_t *w = stamp_word(thread);
+    if (w == nullptr)
+        return PLAT_ENOTREADY;
+    put(*w, mono_ms());
+    return 0;
+}
+
+extern "C" int32_t hbext_progress_end(int32_t thread)
+{
+    int64_t *w = stamp_word(thread);
+    if (w == nullptr)
+        return PLAT_ENOTREADY;
+    put(*w, -mono_ms());
+    return 0;
+}
+
+int64_t plat_mono_ms()
+{
+    return mono_ms();
+}
+
+int32_t plat_getprogress(plat_progress *out)
+{
+    progress_layout *m = open_runfile<progress_layout>(PROGRESS_FILE, PROGRESS_MAGIC, false);
+    if (m == nullptr)
+        return PLAT_ENOENT;
+    out->pid = get(m->pid);
+    out->hbint = get(m->hbint);
+    out->hbto = get(m->hbto);
+    for (int i = 0; i < HBEXT_TH_COUNT; ++i)
+        out->stamp[i] = get(m->stamp[i]);
+    munmap(m, sizeof(progress_layout));
     return 0;
 }

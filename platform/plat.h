@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "services/hbext.h"
 #include "services/services.h"
 
 // The name of a value in a table of (value, name) pairs; null when absent.
@@ -255,6 +256,22 @@ uint32_t plat_statchange_wait(uint32_t seen, int timeout_ms);
 // running or last daemon published them; PLAT_ENOENT when there are none
 // (or the file is damaged).
 int32_t plat_getrefused(uint64_t *counts);
+
+// The heartbeat threads' progress as the running or last daemon published
+// it (hbext_progress_start and the rest). A stamp is milliseconds of
+// CLOCK_MONOTONIC, which every process of the host shares: the kind's last
+// progress when positive, the time it ended when negative (-ms), 0 when no
+// thread of the kind has started.
+struct plat_progress {
+    int32_t pid = 0;   // the daemon that published it
+    int32_t hbint = 0; // its heartbeat interval and time-out, msec
+    int32_t hbto = 0;
+    int64_t stamp[HBEXT_TH_COUNT] = {};
+};
+// PLAT_ENOENT when no daemon has published any (or the file is damaged).
+int32_t plat_getprogress(plat_progress *out);
+// Now on the clock of the stamps.
+int64_t plat_mono_ms();
 
 // ---- heartbeat area -----------------------------------------------------------------
 

@@ -38,6 +38,7 @@ void *cnthb_hbread(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
     HBTH_ENTER(HBLOG_CNT);
+    const hbth_progress shown(HBEXT_TH_CNTREAD, list->hbint, list->hbto);
     pthread_cleanup_push(cnthb_readthexit, list);
     hbth_canceloff(HBLOG_CNT);
     hbpace pace;

@@ -46,6 +46,7 @@ void *cnthb_hbwrite(void *arg)
 {
     auto *list = static_cast<cnthb_list *>(arg);
     HBTH_ENTER(HBLOG_CNT);
+    const hbth_progress shown(HBEXT_TH_CNTWRITE, list->hbint, list->hbto);
     pthread_cleanup_push(cnthb_writethexit, list);
     hbth_canceloff(HBLOG_CNT);
     HBLOG(HBLOG_CNT, HBLV_ERROR, "***** WAIT START: cnthb_hbwrite *****");

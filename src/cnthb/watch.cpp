@@ -17,6 +17,6 @@ int32_t cnthb_thmlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(sta
 
 void *cnthb_hbwatch(void *arg)
 {
-    return hbth_watch(HBLOG_CNT, static_cast<cnthb_list *>(arg), cnthb_hbcheck, cnthb_thmlooptime, cnthb_watchthexit,
+    return hbth_watch(HBLOG_CNT, HBEXT_TH_CNTWATCH, static_cast<cnthb_list *>(arg), cnthb_hbcheck, cnthb_thmlooptime, cnthb_watchthexit,
                       arg, nullptr);
 }

@@ -1,5 +1,5 @@
-// The thread toolkit: cancellation switches, waits on the stop event, time
-// arithmetic and the polling pace.
+// The thread toolkit: cancellation switches, waits on the stop event and
+// the progress they stamp, time arithmetic and the polling pace.
 #include <sys/select.h>
 
 #include <algorithm>
@@ -22,6 +22,9 @@ namespace {
 constexpr int64_t NS_PER_MS = 1000 * 1000;
 constexpr int64_t NS_PER_S = 1000 * NS_PER_MS;
 
+// The kind of heartbeat thread this is (hbth_progress); -1 for any other.
+thread_local int32_t progress_kind = -1;
+
 void setcancel(int module, int state)
 {
     int old = 0;
@@ -38,6 +41,8 @@ void setcancel(int module, int state)
 // result for fd as hbwait_fd gives it.
 int waituntil(int fd, const struct timespec &deadline)
 {
+    if (progress_kind >= 0)
+        (void)hbext_progress(progress_kind); // nothing to do when the platform cannot show it
     const int stopfd = hbstop_fd();
     if (fd >= FD_SETSIZE) {
         errno = EBADF;
@@ -62,6 +67,18 @@ int waituntil(int fd, const struct timespec &deadline)
 }
 
 } // namespace
+
+hbth_progress::hbth_progress(int32_t thread, int32_t hbint, int32_t hbto) : thread_(thread)
+{
+    progress_kind = thread;
+    (void)hbext_progress_start(thread, hbint, hbto);
+}
+
+hbth_progress::~hbth_progress()
+{
+    progress_kind = -1;
+    (void)hbext_progress_end(thread_);
+}
 
 void hbth_canceloff(int module) { setcancel(module, PTHREAD_CANCEL_DISABLE); }
 void hbth_cancelon(int module) { setcancel(module, PTHREAD_CANCEL_ENABLE); }

@@ -1,7 +1,8 @@
 // The thread toolkit every heartbeat thread is built from: its first and
 // last log lines, cancellation taken only at its waits, waits that sleep the
-// whole pause and end at once on the stop, the polling pace, the table lock
-// and access to fields shared between threads.
+// whole pause and end at once on the stop, the progress it shows the
+// platform, the polling pace, the table lock and access to fields shared
+// between threads.
 #pragma once
 
 #include <pthread.h>
@@ -11,6 +12,7 @@
 #include <ctime>
 
 #include "frame/frame.h"
+#include "services/hbext.h"
 
 // ---- first and last lines -----------------------------------------------------
 
@@ -37,6 +39,26 @@ void hbth_testcancel(int module);
 // Live frames keep their overflow checks until then. Elsewhere just
 // pthread_testcancel.
 void hbth_cancelpoint();
+
+// ---- progress shown to the platform --------------------------------------------------
+//
+// A heartbeat thread names its kind (an HBEXT_TH_ constant) for its whole
+// life with an hbth_progress, first thing in its entry; every wait below then
+// stamps the kind's progress (hbext_progress: a clock read and a store). A
+// thread that waits at least once per interval thus shows progress at least
+// that often, also while it waits for its start or for a stuck controller
+// worker, and a daemon whose threads stop stamping has stalled. The end, by
+// return or cancellation, is told too.
+class hbth_progress {
+public:
+    hbth_progress(int32_t thread, int32_t hbint, int32_t hbto);
+    ~hbth_progress();
+    hbth_progress(const hbth_progress &) = delete;
+    hbth_progress &operator=(const hbth_progress &) = delete;
+
+private:
+    int32_t thread_;
+};
 
 // ---- waits ---------------------------------------------------------------------------
 //
@@ -117,14 +139,17 @@ void hbth_watchloop(int module, int32_t hbint, Check check, int32_t (*looptime)(
     HBLOG_AT(at, module, HBLV_ERROR, "SIGUSR1 already received");
 }
 
-// A whole watcher thread over a table: its first line, its clean-up handler
-// thexit(arg), the loop above with check(list) every list->hbint, its last
-// line with 0; ends with ret.
+// A whole watcher thread over a table, showing its progress as the given
+// kind of thread: its first line, its clean-up handler thexit(arg), the loop
+// above with check(list) every list->hbint, its last line with 0; ends with
+// ret.
 template <class List>
-void *hbth_watch(int module, List *list, int32_t (*check)(List *), int32_t (*looptime)(hbtick_t, hbtick_t *),
-                 void (*thexit)(void *), void *arg, void *ret, hbwhere at = {})
+void *hbth_watch(int module, int32_t thread, List *list, int32_t (*check)(List *),
+                 int32_t (*looptime)(hbtick_t, hbtick_t *), void (*thexit)(void *), void *arg, void *ret,
+                 hbwhere at = {})
 {
     HBLOG_AT(at, module, HBLV_INFO, "<<< ENTER >>>");
+    const hbth_progress shown(thread, list->hbint, list->hbto);
     pthread_cleanup_push(thexit, arg);
     hbth_watchloop(module, list->hbint, [list, check] { check(list); }, looptime, at);
     HBLOG_AT(at, module, HBLV_INFO, "<<< EXIT >>> : 0x%08lx", 0L);

@@ -197,6 +197,8 @@ void lanhb_recvthexit(void *) { HBLOG(HBLOG_LAN, HBLV_INFO, "lanhb_hbrecv() exit
 void *lanhb_hbrecv(void *arg)
 {
     HBTH_ENTER(HBLOG_LAN);
+    const auto *list = static_cast<const lanhb_list *>(arg);
+    const hbth_progress shown(HBEXT_TH_LANRECV, list->hbint, list->hbto);
     char *ret = nullptr;
     pthread_cleanup_push(lanhb_recvthexit, nullptr);
     ret = hbrecv(static_cast<lanhb_list *>(arg));

@@ -264,6 +264,8 @@ char *hbsend(lanhb_list *list)
 void *lanhb_hbsend(void *arg)
 {
     HBTH_ENTER(HBLOG_LAN);
+    const auto *list = static_cast<const lanhb_list *>(arg);
+    const hbth_progress shown(HBEXT_TH_LANSEND, list->hbint, list->hbto);
     char *ret = nullptr;
     pthread_cleanup_push(lanhb_sendthexit, nullptr);
     ret = hbsend(static_cast<lanhb_list *>(arg));

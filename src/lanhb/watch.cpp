@@ -13,6 +13,6 @@ int32_t lanhb_thwlooptime(hbtick_t start, hbtick_t *max) { return hblooptime(sta
 
 void *lanhb_hbwatch(void *arg)
 {
-    return hbth_watch(HBLOG_LAN, static_cast<lanhb_list *>(arg), lanhb_hbcheck, lanhb_thwlooptime, lanhb_watchthexit,
+    return hbth_watch(HBLOG_LAN, HBEXT_TH_LANWATCH, static_cast<lanhb_list *>(arg), lanhb_hbcheck, lanhb_thwlooptime, lanhb_watchthexit,
                       nullptr, const_cast<char *>(LANHB_EXITS[LANHB_EXIT_OK].text));
 }

@@ -10,6 +10,7 @@ enum hbexit : int {
     HBEXIT_USAGE = 2,    // an argument or value that is not taken
     HBEXIT_NODAEMON = 3, // zemctl status: no daemon attached; watch: no change in time
     HBEXIT_XMLINIT = 4,  // configuration library not initialised
+    HBEXIT_STALLED = 5,  // zemctl status: a daemon is attached but has made no progress past the limit
     HBEXIT_CONFIG = 12,  // configuration not loaded
     HBEXIT_LOAD = 13,    // a heartbeat table could not be built
     HBEXIT_KEY = 14,     // a cluster key is configured but unusable
@@ -29,6 +30,7 @@ inline constexpr hbexit_text HBEXIT_TEXTS[] = {
     {HBEXIT_USAGE, "usage error"},
     {HBEXIT_NODAEMON, "no daemon attached"},
     {HBEXIT_XMLINIT, "configuration library not initialised"},
+    {HBEXIT_STALLED, "daemon running but stalled"},
     {HBEXIT_CONFIG, "configuration not loaded"},
     {HBEXIT_LOAD, "a heartbeat table could not be built"},
     {HBEXIT_KEY, "cluster key configured but unusable"},

@@ -15,6 +15,23 @@ inline constexpr int HBEXT_REFUSED_COUNT = 5;
 inline constexpr const char *HBEXT_REFUSED_NAMES[HBEXT_REFUSED_COUNT] = {"length", "sender", "code", "replay",
                                                                          "filter"};
 
+// The heartbeat threads that show their progress (hbext_progress), by kind,
+// and the names the platform shows them by: those of their entry functions,
+// as their log lines have them. The controller's workers and the down-notice
+// threads show none: a worker may legitimately hang in the controller, and
+// the others live only for a moment of the stop.
+enum : int32_t {
+    HBEXT_TH_LANRECV,
+    HBEXT_TH_LANSEND,
+    HBEXT_TH_LANWATCH,
+    HBEXT_TH_CNTREAD,
+    HBEXT_TH_CNTWRITE,
+    HBEXT_TH_CNTWATCH,
+    HBEXT_TH_COUNT,
+};
+inline constexpr const char *HBEXT_TH_NAMES[HBEXT_TH_COUNT] = {"lanhb_hbrecv", "lanhb_hbsend",  "lanhb_hbwatch",
+                                                               "cnthb_hbread", "cnthb_hbwrite", "cnthb_hbwatch"};
+
 extern "C" {
 
 // Resolves a file name from the configuration: an absolute name is copied,
@@ -25,5 +42,17 @@ int32_t hbext_path(const char *name, char *out, int32_t size);
 // Publishes the receiver's refusal counters (HBEXT_REFUSED_COUNT values,
 // counted from the daemon's start) for the platform's status display.
 int32_t hbext_setrefused(const uint64_t *counts);
+
+// A heartbeat thread of that kind has started, pacing itself by the heartbeat
+// interval hbint and serving the time-out hbto (msec, as its table has them):
+// from these the platform judges how long a silence of a thread means that
+// the daemon has stalled. Counts as its first progress.
+int32_t hbext_progress_start(int32_t thread, int32_t hbint, int32_t hbto);
+// The thread moves on: called at every wait of the thread, so it must cost
+// next to nothing (a clock read and a store; no other system call, no lock).
+int32_t hbext_progress(int32_t thread);
+// The thread has ended (the stop, or an error of its own): its silence from
+// now on is no stall.
+int32_t hbext_progress_end(int32_t thread);
 
 } // extern "C"

@@ -37,6 +37,7 @@ struct State {
     std::map<std::string, std::pair<int32_t, int32_t>> opened; // log name: level, size
     std::string root = "/fake-root";                            // where hbext_path puts relative names
     std::array<uint64_t, HBEXT_REFUSED_COUNT> refused{};
+    std::array<fake::Progress, HBEXT_TH_COUNT> progress{};
 };
 
 std::mutex mtx;
@@ -188,6 +189,7 @@ int32_t default_sethbinf(uint8_t cntno, const void *hbinf)
 
 void set_root(const std::string &root) { locked([&] { st.root = root; }); }
 std::array<uint64_t, HBEXT_REFUSED_COUNT> refused() { return locked([&] { return st.refused; }); }
+Progress progress(int32_t thread) { return locked([&] { return st.progress.at(thread); }); }
 
 std::vector<Call> calls() { return locked([&] { return st.calls; }); }
 int count(const std::string &op)
@@ -430,5 +432,15 @@ int32_t hbext_setrefused(const uint64_t *c)
 {
     return locked([&] { return std::memcpy(st.refused.data(), c, sizeof st.refused), 0; });
 }
+// Counted, not recorded as calls: every wait of a thread makes one.
+int32_t hbext_progress_start(int32_t thread, int32_t hbint, int32_t hbto)
+{
+    return locked([&] {
+        fake::Progress &p = st.progress.at(thread);
+        return ++p.starts, p.hbint = hbint, p.hbto = hbto, 0;
+    });
+}
+int32_t hbext_progress(int32_t thread) { return locked([&] { return ++st.progress.at(thread).stamps, 0; }); }
+int32_t hbext_progress_end(int32_t thread) { return locked([&] { return ++st.progress.at(thread).ends, 0; }); }
 
 } // extern "C"

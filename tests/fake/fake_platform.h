@@ -82,5 +82,11 @@ std::optional<std::pair<int32_t, int32_t>> log_settings(const std::string &log);
 // The side of services/hbext.h.
 void set_root(const std::string &root); // where hbext_path puts relative names ("/fake-root")
 std::array<uint64_t, HBEXT_REFUSED_COUNT> refused(); // the counters last given to hbext_setrefused
+// What the threads of one kind told of their progress.
+struct Progress {
+    int starts = 0, stamps = 0, ends = 0; // calls of hbext_progress_start, _progress, _end
+    int32_t hbint = 0, hbto = 0;          // as the last start gave them
+};
+Progress progress(int32_t thread);
 
 } // namespace fake

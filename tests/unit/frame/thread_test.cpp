@@ -1,5 +1,6 @@
-// The toolkit's waits: each ends at once on the stop, and a cancellation
-// requested before the stop takes effect there.
+// The toolkit's waits: each ends at once on the stop, a cancellation
+// requested before the stop takes effect there, and each shows the waiting
+// thread's progress, whose end is told however the thread ends.
 #include <sys/socket.h>
 
 #include <functional>
@@ -18,6 +19,7 @@ struct Waiter {
     pthread_t th = unit::start(
         [](void *arg) -> void * {
             auto *w = static_cast<Waiter *>(arg);
+            const hbth_progress shown(HBEXT_TH_CNTWRITE, 1000, 4000);
             hbth_canceloff(HBLOG_LAN);
             w->inside = true;
             return reinterpret_cast<void *>(static_cast<intptr_t>(w->wait()));
@@ -38,6 +40,7 @@ TEST_F(Waits, EveryWaitEndsOnTheStopAndTakesAPendingCancellation)
         for (bool cancel : {false, true}) {
             SCOPED_TRACE(std::string(name) + (cancel ? " cancelled" : ""));
             hbframe_reset();
+            const fake::Progress before = fake::progress(HBEXT_TH_CNTWRITE);
             Waiter w{body};
             ASSERT_TRUE(unit::waitfor([&] { return w.inside.load(); }));
             if (cancel)
@@ -45,6 +48,9 @@ TEST_F(Waits, EveryWaitEndsOnTheStopAndTakesAPendingCancellation)
             hbstop_raise();
             EXPECT_EQ(unit::exitvalue(w.th), cancel ? PTHREAD_CANCELED : nullptr);
             EXPECT_EQ(bsigrecv.load(), 1);
+            const fake::Progress p = fake::progress(HBEXT_TH_CNTWRITE);
+            EXPECT_EQ(std::tuple(p.starts - before.starts, p.stamps - before.stamps, p.ends - before.ends, p.hbint, p.hbto),
+                      std::tuple(1, 1, 1, 1000, 4000));
         }
     }
     close(sv[0]), close(sv[1]);

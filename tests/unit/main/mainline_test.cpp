@@ -163,6 +163,13 @@ std::set<int> tids()
         if (call.op.find("_detach") != std::string::npos || call.op.find("_term") != std::string::npos)
             releases.push_back(call.op);
     CHILD_CHECK(niced);
+    // Every heartbeat thread that ran (the controller's watcher is off) told
+    // its start with its table's pace, and its end.
+    for (int32_t th = 0; th < HBEXT_TH_COUNT; ++th) {
+        const fake::Progress p = fake::progress(th);
+        const int ran = th == HBEXT_TH_CNTWATCH ? 0 : 1;
+        CHILD_CHECK(p.starts == ran && p.ends == ran && (ran == 0 || (p.hbint == HB_DEF_HBINT && p.hbto == HB_DEF_HBTO)));
+    }
     CHILD_CHECK(fake::has_log("lanhb", "send downpacket : " + word) && fake::has_log("cnthb", "write downpacket : " + word));
     CHILD_CHECK(fake::count_log("lanhb", "pthread_join(recv) success(ret:0,") == 1);
     CHILD_CHECK(fake::has_log("lanhb", "pthread_join(lanhb_dpsend) success(ret:0,thret:0)") == down);
