@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <map>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -63,6 +64,10 @@ void plat_seterror(const std::string &why);
 // with; the builtins are.)
 void plat_notice(const char *log, int32_t level, const char *func, const std::string &text,
                  const char *file = __builtin_FILE(), int line = __builtin_LINE());
+
+// Whether a log record's text names a failure that was not survived with a
+// substitute (as the copy to the system log classes it).
+bool plat_log_failure(std::string_view text);
 
 // Opens (creating with mode 0700 when asked) the run/ directory without
 // following a symlink; -1 with errno on failure.
@@ -124,15 +129,22 @@ int32_t plat_load_local(plat_local &out);
 struct plat_node {
     std::string name;
     int32_t pri;
+    std::map<int32_t, std::string> addr = {}; // <info> by device id, as written (prefix or zone included)
 };
 struct plat_rsc {
     std::string name;
     int32_t pri;
+    int32_t device = -1; // a LAN path's device id; -1 without a valid one
+};
+// A cluster key file the configuration names: the key and its value.
+struct plat_keyref {
+    std::string key, file;
 };
 // The cluster as etc/cluster.xml describes it, in document order.
 struct plat_cluster {
     std::vector<plat_node> nodes;
     std::vector<plat_rsc> rsc[2]; // indexed by plat_kind
+    std::vector<plat_keyref> keys; // "/root/cluster/heartbeat/authkey" and "authalso", when set
 };
 // Reads and checks cluster.xml. Every problem found is appended to errors
 // ("file:line: key: problem"); notes collects harmless oddities. Returns 0

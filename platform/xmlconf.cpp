@@ -407,12 +407,19 @@ struct text_key {
 };
 constexpr text_key text_keys[] = {{"/root/heartbeat/mlock", 15}, {"/root/cluster/name", 31}};
 
+// An address as the daemon takes it: a "/prefix" is cut off, and an IPv6
+// address may name its interface ("fe80::1%eth0").
 bool address_ok(std::string_view text)
 {
     std::string a(text.substr(0, text.find('/')));
+    const size_t zone = a.find('%');
     unsigned char buf[16];
+    if (zone != std::string::npos)
+        return zone + 1 < a.size() && inet_pton(AF_INET6, a.substr(0, zone).c_str(), buf) == 1;
     return inet_pton(AF_INET, a.c_str(), buf) == 1 || inet_pton(AF_INET6, a.c_str(), buf) == 1;
 }
+
+constexpr const char *key_keys[] = {"/root/cluster/heartbeat/authkey", "/root/cluster/heartbeat/authalso"};
 
 } // namespace
 
@@ -454,6 +461,9 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
         if (n && trim(n.child_value()).size() > t.max)
             errors.push_back(at(n, t.key) + "longer than " + std::to_string(t.max) + " characters");
     }
+    for (const char *key : key_keys)
+        if (std::string_view file = trim(key_find(f.doc, key).child_value()); !file.empty())
+            out.keys.push_back({key, std::string(file)});
 
     pugi::xml_node top = f.doc.document_element();
     std::set<std::string> names;
@@ -477,16 +487,21 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
             errors.push_back(at(s, key) + "server defined twice");
         int32_t pri = check_pri(s, key, NM_MAXNODE - 1, "not an integer from 0 to " + std::to_string(NM_MAXNODE - 1),
                                 pris);
+        plat_node node{name, pri};
         for (pugi::xml_node d : s.children("device")) {
             std::string dkey = key + "/device@" + plat_escape(d.attribute("name").value());
             int32_t devid;
-            if (!plat_parse_i32(d.attribute("name").value(), &devid) || devid < 0)
+            const bool idok = plat_parse_i32(d.attribute("name").value(), &devid) && devid >= 0;
+            if (!idok)
                 errors.push_back(at(d, dkey) + "device name must be a device id (integer 0 or above)");
-            if (pugi::xml_node info = d.child("info"); info && !address_ok(trim(info.child_value())))
+            pugi::xml_node info = d.child("info");
+            if (info && !address_ok(trim(info.child_value())))
                 errors.push_back(at(info, dkey + "/info") + "not an IPv4 or IPv6 address: \"" +
                                  plat_escape(trim(info.child_value())) + "\"");
+            else if (info && idok)
+                node.addr[devid] = std::string(trim(info.child_value()));
         }
-        out.nodes.push_back({name, pri});
+        out.nodes.push_back(node);
     }
     if (out.nodes.empty())
         errors.push_back(f.path + ": no <server> defined");
@@ -512,6 +527,7 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
             if (!rnames.insert(name).second)
                 errors.push_back(at(rn, key) + "path defined twice");
             int32_t pri = check_pri(rn, key, INT32_MAX, "not an integer of 0 or above", rpris);
+            int32_t device = -1;
             if (k == 0) {
                 pugi::xml_node d = rn.child("device");
                 int32_t devid;
@@ -520,13 +536,14 @@ int32_t plat_load_cluster(plat_cluster &out, std::vector<std::string> &errors, s
                 } else if (!plat_parse_i32(d.child_value(), &devid) || devid < 0) {
                     errors.push_back(at(d, key + "/device") + "not a device id (integer 0 or above)");
                 } else {
+                    device = devid;
                     for (const plat_node &n : out.nodes)
                         if (!key_find(f.doc, "/root/server@" + n.name + "/device@" + std::to_string(devid) + "/info"))
                             notes.push_back(at(rn, key) + "server " + n.name + " has no address for device " +
                                             std::to_string(devid) + ": unused on this path");
                 }
             }
-            out.rsc[k].push_back({name, pri});
+            out.rsc[k].push_back({name, pri, device});
         }
         if (out.rsc[k].size() > NM_MAXRSC)
             errors.push_back(f.path + ": more than " + std::to_string(NM_MAXRSC) + " " + kind + " paths");
