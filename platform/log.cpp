@@ -519,6 +519,11 @@ int32_t log_write(log_hdl *h, int32_t level, int32_t msgno, const char *file, in
     return r;
 }
 
+bool plat_log_failure(std::string_view text)
+{
+    return any_in(text, failures) && !any_in(text, survived);
+}
+
 void plat_notice(const char *log, int32_t level, const char *func, const std::string &text, const char *file, int line)
 {
     fprintf(stderr, "%s: %s\n", program_invocation_short_name, text.c_str());

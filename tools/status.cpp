@@ -1,11 +1,12 @@
 // zemctl status and watch: the states the daemon published, read through
 // its own enumeration calls into one snapshot of every path and node with
-// its history. status shows a snapshot once (whether a daemon is attached,
-// the cluster's values, the LAN receiver's refusals), as a table or JSON;
-// watch sleeps on the state-change semaphore and prints what differs
-// between two snapshots, one line or JSON object per change.
+// its history. status shows a snapshot once (whether a daemon is attached
+// and moves on, the cluster's values, the LAN receiver's refusals), as a
+// table or JSON; watch sleeps on the state-change semaphore and prints what
+// differs between two snapshots, one line or JSON object per change.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <map>
@@ -180,12 +181,26 @@ daemon_view look_daemon()
     return d;
 }
 
-std::string daemon_text(const daemon_view &d, int64_t now)
+std::string daemon_text(const daemon_view &d, const progress_view &p, int64_t now)
 {
     const std::string last = "; states below are the last published";
     auto at = [&](int64_t ms) { return local_time(ms) + ", " + duration(now - ms) + " ago"; };
-    if (d.running)
-        return "daemon running (pid " + std::to_string(d.rec.pid) + ", since " + at(d.rec.attached_ms) + ")";
+    const std::string who = "pid " + std::to_string(d.rec.pid) + ", since " + at(d.rec.attached_ms);
+    if (d.running && p.stalled)
+        return "daemon running but stalled for " + duration(p.since_ms[p.slowest]) + ": " +
+               HBEXT_TH_NAMES[p.slowest] + " made no progress for longer than " + seconds(p.limit_ms) + " (" +
+               who + ")";
+    if (d.running && !p.known)
+        return "daemon running (" + who + "), starting: no heartbeat thread yet";
+    if (d.running && p.slowest < 0)
+        return "daemon running (" + who + "), stopping: its heartbeat threads have ended";
+    if (d.running) {
+        std::string ended;
+        for (int i = 0; i < HBEXT_TH_COUNT; i++)
+            if (p.state[i] == progress_view::ENDED)
+                ended += std::string(ended.empty() ? "; ended: " : ", ") + HBEXT_TH_NAMES[i];
+        return "daemon running (" + who + ")" + ended;
+    }
     if (d.rec.pid != 0 && d.rec.detached_ms != 0)
         return "no daemon attached since " + at(d.rec.detached_ms) + " (pid " + std::to_string(d.rec.pid) + ")" +
                last;
@@ -233,14 +248,43 @@ cluster_view look_cluster()
     return c;
 }
 
+constexpr const char *thread_states[] = {"not started", "running", "ended"};
+
 } // namespace
+
+int64_t stall_limit_ms(int32_t hbint, int32_t hbto, int32_t ratio)
+{
+    const int64_t seconds = (static_cast<int64_t>(hbto) + 999) / 1000;
+    return hbint + seconds * 1000 * (ratio < 1 ? 1 : ratio);
+}
+
+progress_view look_progress(pid_t pid, int32_t ratio)
+{
+    progress_view v;
+    plat_progress p;
+    if (pid == 0 || plat_getprogress(&p) != 0 || p.pid != pid)
+        return v;
+    const int64_t now = plat_mono_ms();
+    for (int i = 0; i < HBEXT_TH_COUNT; i++) {
+        v.known = v.known || p.stamp[i] != 0;
+        v.state[i] = p.stamp[i] > 0 ? progress_view::RUNNING : p.stamp[i] < 0 ? progress_view::ENDED
+                                                                                  : progress_view::NONE;
+        v.since_ms[i] = p.stamp[i] != 0 ? std::max<int64_t>(0, now - (p.stamp[i] > 0 ? p.stamp[i] : -p.stamp[i])) : 0;
+        if (v.state[i] == progress_view::RUNNING && (v.slowest < 0 || v.since_ms[i] > v.since_ms[v.slowest]))
+            v.slowest = i;
+    }
+    v.limit_ms = stall_limit_ms(p.hbint, p.hbto, ratio);
+    v.stalled = v.slowest >= 0 && v.since_ms[v.slowest] > v.limit_ms;
+    return v;
+}
 
 void opts_status(CLI::App &cmd)
 {
     cmd.add_flag("--json", status_json, "print JSON instead of a table");
 }
 
-// Exits 0 with a daemon attached, HBEXIT_NODAEMON without.
+// Exits 0 with a daemon attached, HBEXIT_STALLED when it has stalled,
+// HBEXIT_NODAEMON without one.
 int cmd_status()
 {
     if (root_missing())
@@ -252,7 +296,8 @@ int cmd_status()
     daemon_view d = look_daemon();
     cluster_view c = look_cluster();
     int64_t now = plat_now_ms();
-    int rc = d.running ? 0 : HBEXIT_NODAEMON;
+    const progress_view p = d.running ? look_progress(d.rec.pid, c.cm ? c.ratio : 1) : progress_view{};
+    int rc = !d.running ? HBEXIT_NODAEMON : p.stalled ? HBEXIT_STALLED : 0;
     if (status_json) {
         ojson out;
         out["version"] = ZEMCTL_JSON_VERSION;
@@ -262,7 +307,17 @@ int cmd_status()
                          {"pid", d.rec.pid != 0 ? ojson(d.rec.pid) : ojson(nullptr)},
                          {"attached_at_ms", ms_or_null(d.rec.attached_ms)},
                          {"detached_at_ms", ms_or_null(d.rec.detached_ms)},
-                         {"lock_pid", d.lock_pid != 0 ? ojson(d.lock_pid) : ojson(nullptr)}};
+                         {"lock_pid", d.lock_pid != 0 ? ojson(d.lock_pid) : ojson(nullptr)},
+                         {"stalled", p.stalled},
+                         {"stalled_for_ms", p.stalled ? ojson(p.since_ms[p.slowest]) : ojson(nullptr)},
+                         {"stalled_thread", p.stalled ? ojson(HBEXT_TH_NAMES[p.slowest]) : ojson(nullptr)},
+                         {"stall_limit_ms", p.known ? ojson(p.limit_ms) : ojson(nullptr)},
+                         {"threads", ojson(nullptr)}};
+        if (p.known)
+            for (int i = 0; i < HBEXT_TH_COUNT; i++)
+                out["daemon"]["threads"][HBEXT_TH_NAMES[i]] = {
+                    {"state", thread_states[p.state[i]]},
+                    {"since_ms", p.state[i] != progress_view::NONE ? ojson(p.since_ms[i]) : ojson(nullptr)}};
         out["initialised_at_ms"] = ms_or_null(d.created_ms);
         out["cluster"] = {{"ratio", c.cm ? ojson(c.ratio) : ojson(nullptr)},
                           {"action", c.cm ? ojson(c.action) : ojson(nullptr)},
@@ -291,7 +346,7 @@ int cmd_status()
         printf("%s\n", dump(out, 2).c_str());
         return rc;
     }
-    printf("%s\n", daemon_text(d, now).c_str());
+    printf("%s\n", daemon_text(d, p, now).c_str());
     std::string cluster;
     if (c.cm) {
         char act[16];

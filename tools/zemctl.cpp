@@ -35,6 +35,16 @@ std::string duration(int64_t ms)
     return buf;
 }
 
+std::string seconds(int64_t ms)
+{
+    char buf[32];
+    if (ms % 1000 == 0)
+        snprintf(buf, sizeof buf, "%lld s", static_cast<long long>(ms / 1000));
+    else
+        snprintf(buf, sizeof buf, "%.1f s", static_cast<double>(ms) / 1000);
+    return buf;
+}
+
 const char *plat_error_text(int32_t r)
 {
     static constexpr std::pair<int32_t, const char *> texts[] = {
@@ -52,9 +62,9 @@ bool root_missing()
     if (stat(plat_root().c_str(), &st) == 0 && S_ISDIR(st.st_mode))
         return false;
     fprintf(stderr,
-            "zemctl: the root directory %s does not exist: create it with etc/cluster.xml and etc/local.xml "
-            "(see docs/configuration.md) and run \"zemctl init\", or point ZEM_ROOT at the right one\n",
-            esc(plat_root()).c_str());
+            "zemctl: the root directory %s does not exist: create it, put cluster.xml and local.xml in %s (see "
+            "zemlanhb.conf(5)) and run \"zemctl init\", or point ZEM_ROOT at the right one\n",
+            esc(plat_root()).c_str(), esc(plat_path("etc")).c_str());
     return true;
 }
 
@@ -147,15 +157,17 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0);
     plat_set_tool(); // zemctl only looks and sets: it never holds the daemon's lock by attaching
     static const zemctl_cmd cmds[] = {
-        {"check", "check etc/cluster.xml and etc/local.xml exactly as init does, changing nothing", nullptr,
-         cmd_check},
+        {"check",
+         "check etc/cluster.xml and etc/local.xml exactly as init does, and that this host has the configured key "
+         "files and every LAN path's own address, changing nothing",
+         nullptr, cmd_check},
         {"init",
-         "check etc/cluster.xml and etc/local.xml, create or reset this node's shared memory and, if missing, "
-         "the heartbeat area; bring run/ and log/ to their modes",
+         "check as check does (a missing own address only warns), create or reset this node's shared memory "
+         "and, if missing, the heartbeat area; bring run/ and log/ to their modes",
          opts_init, cmd_init},
         {"status",
-         "show whether a daemon is attached and every path and node state with its history; exit status 3 when "
-         "no daemon runs",
+         "show whether a daemon is attached and moves on, and every path and node state with its history; exit "
+         "status 3 when no daemon runs, 5 when it has stalled",
          opts_status, cmd_status},
         {"watch", "print every state change until interrupted", opts_watch, cmd_watch},
         {"set", "set what a cluster manager would set", nullptr, nullptr, set_cmds},
@@ -167,7 +179,8 @@ int main(int argc, char **argv)
         {"area", "format and show the heartbeat area on the shared disk", nullptr, nullptr, area_cmds},
     };
     CLI::App app{"zemctl: prepare, inspect and supervise a node of the stand-alone cluster platform.\n"
-                 "Files live under $ZEM_ROOT (default /var/lib/zem)."};
+                 "Files live in /etc/zemlanhb (configuration), /var/lib/zem (state) and /var/log/zemlanhb (logs),\n"
+                 "or all under $ZEM_ROOT when it is set."};
     app.set_version_flag("--version", ZEM_VERSION_TEXT);
     app.require_subcommand(1);
     add_cmds(app, cmds);

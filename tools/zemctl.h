@@ -3,7 +3,8 @@
 // there, and the hooks each role file gives the table. The roles:
 //   zemctl.cpp  main(): the table, parsing, a mistyped subcommand named
 //   init.cpp    check, init: the configuration checked, the node prepared
-//   status.cpp  status, watch: the published states shown and followed
+//   status.cpp  status, watch: the published states shown and followed, and
+//               whether the daemon moves on (run asks it too)
 //   set.cpp     set: what a cluster manager would set
 //   keygen.cpp  keygen: a new cluster key
 //   run.cpp     run: the daemon's supervisor
@@ -48,6 +49,8 @@ inline std::string esc(const std::string &s)
 
 // "42s", "5m12s", "3h04m", "2d03h".
 std::string duration(int64_t ms);
+// A limit in seconds: "93 s", "2.5 s".
+std::string seconds(int64_t ms);
 // A platform result code in words.
 const char *plat_error_text(int32_t r);
 // A missing root directory, said with what fixes it; true when missing.
@@ -55,6 +58,27 @@ bool root_missing();
 // Says that run/<file> cannot be attached (r: the attach's result), or that
 // the root is missing; returns the exit status for it.
 int attach_failed(const char *file, int32_t r);
+
+// Whether the daemon with pid moves on, from the progress its heartbeat
+// threads publish. It has stalled when a thread that runs has shown no
+// progress for longer than the limit: one heartbeat interval (a thread's
+// longest pause) plus the heartbeat time-out in whole seconds times the
+// cluster's ratio. By then its peers have timed this node out, so a
+// watchdog that acts on a stall never takes down a node they still hear;
+// and no thread waits that long by design (the sender and the controller
+// writer poll for their start, the controller's reader and writer never
+// wait for a worker stuck in the controller).
+struct progress_view {
+    enum thread_state { NONE, RUNNING, ENDED };
+    bool known = false; // that daemon has started a heartbeat thread
+    int64_t limit_ms = 0;
+    thread_state state[HBEXT_TH_COUNT] = {};
+    int64_t since_ms[HBEXT_TH_COUNT] = {}; // since its last progress, or since it ended
+    int slowest = -1;                      // the running thread longest without progress; -1 none runs
+    bool stalled = false;                  // the slowest has been silent past the limit
+};
+int64_t stall_limit_ms(int32_t hbint, int32_t hbto, int32_t ratio);
+progress_view look_progress(pid_t pid, int32_t ratio);
 
 // The hooks of the table, by role file.
 void opts_init(CLI::App &cmd);

@@ -1,16 +1,29 @@
 // zemctl end to end: the built tool on a temporary root, with this test
 // process on the same shared memory as the daemon would be, and a stand-in
-// daemon for "run".
+// daemon or the real one for "run". node1's addresses are the loopback's,
+// so that this host has them.
 
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
+#include "services/hbexit.h"
 #include "testutil.h"
 
 namespace {
+
+std::string replaced(std::string text, const std::string &from, const std::string &to)
+{
+    return text.replace(text.find(from), from.size(), to);
+}
+
+std::string own_on_loopback(const std::string &cluster)
+{
+    return replaced(replaced(cluster, "198.18.1.1", "127.0.0.1/8"), "198.18.2.1", "::1");
+}
 
 class Zemctl : public ptest::TempRoot {
 protected:
@@ -19,7 +32,7 @@ protected:
     void SetUp() override
     {
         TempRoot::SetUp();
-        put("etc/cluster.xml", ptest::slurp(EXAMPLES_DIR "/cluster.xml"));
+        put("etc/cluster.xml", own_on_loopback(ptest::slurp(EXAMPLES_DIR "/cluster.xml")));
         put("etc/local.xml", ptest::slurp(EXAMPLES_DIR "/local-node1.xml"));
     }
     // Runs zemctl to its end; its output is left in out.
@@ -102,7 +115,8 @@ TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
           ":7: /root/server@node\\x1b]0;\\xff: name is not printable UTF-8",
           ":8: /root/cluster/heartbeat/timeout: not a 32-bit integer: \"ten\""}},
         {cl.substr(0, cl.find("</server>")), local, {"XML error"}},
-        {cl, "<local><hostname>node7</hostname></local>", {"local.xml: /local/hostname: \"node7\" is not a <server>"}},
+        {own_on_loopback(cl), "<local><hostname>node7</hostname></local>",
+         {"local.xml: /local/hostname: \"node7\" is not a <server>"}},
     };
     for (const auto &[cluster, loc, wants] : cases) {
         put("etc/cluster.xml", cluster);
@@ -116,6 +130,48 @@ TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
     put("etc/local.xml", local);
     EXPECT_EQ(zemctl({"check"}), 0) << out;
     EXPECT_EQ(runfiles(), run);
+}
+
+// What the daemon needs of this host: the key file it is given, taken as it
+// takes the name (relative: under the root), and every LAN path's own
+// address on an interface. check refuses without them; init refuses a key
+// the daemon would refuse, and only warns of an address, which may come up
+// later.
+TEST_F(Zemctl, CheckFindsWhatThisHostLacksForTheDaemon)
+{
+    const std::string cl = ptest::slurp(at("etc/cluster.xml")), key = at("etc/authkey");
+    put("etc/cluster.xml", replaced(cl, "<mismatch>", "<authkey>etc/authkey</authkey><mismatch>"));
+    const auto keyfile = [&](size_t size, mode_t mode) {
+        put("etc/authkey", std::string(size, 'k'));
+        ASSERT_EQ(chmod(key.c_str(), mode), 0);
+    };
+    const std::pair<std::function<void()>, std::string> keys[] = {
+        {[] {}, "missing"},
+        {[&] { ASSERT_EQ(mkfifo(key.c_str(), 0600), 0); }, "not a regular file"},
+        {[&] { ASSERT_EQ(symlink(at("etc/cluster.xml").c_str(), key.c_str()), 0); }, "a symbolic link"},
+        {[&] { keyfile(HBEXT_KEY_SIZE, 0644); }, "mode 0644, must be 0600 or 0400"},
+        {[&] { keyfile(HBEXT_KEY_SIZE - 1, 0600); }, "31 bytes, must be 32"},
+    };
+    for (const auto &[make, why] : keys) {
+        std::filesystem::remove(key);
+        make();
+        for (const char *cmd : {"check", "init"}) {
+            EXPECT_EQ(zemctl({cmd}), 1) << out;
+            EXPECT_TRUE(ptest::has(out, "/root/cluster/heartbeat/authkey: key file " + key + ": " + why)) << out;
+        }
+    }
+    keyfile(HBEXT_KEY_SIZE, 0400);
+    EXPECT_EQ(zemctl({"check"}), 0) << out;
+    // A zone is for link-local addresses only, to the resolver as to the daemon.
+    put("etc/cluster.xml", replaced(replaced(cl, "127.0.0.1/8", "198.18.1.1"), "::1", "::1%lo"));
+    const std::string lost[] = {
+        "/root/server@node1/device@0/info: lanhb path lan1: address 198.18.1.1 is not an address of this host",
+        "/root/server@node1/device@1/info: lanhb path lan2: address ::1%lo cannot be used on this host"};
+    for (const auto &[cmd, rc, said] : {std::tuple("check", 1, "error: "), std::tuple("init", 0, "warning: ")}) {
+        EXPECT_EQ(zemctl({cmd}), rc) << out;
+        for (const std::string &l : lost)
+            EXPECT_TRUE(ptest::has(out, said + at("etc/cluster.xml") + ": " + l)) << l << " in\n" << out;
+    }
 }
 
 // What a local user could have planted under run/ and log/: init brings
@@ -277,6 +333,33 @@ TEST_F(Zemctl, AreaCreateIsRefusedOverAnAreaUnlessForcedAndShowTellsLiveSlotsFro
     EXPECT_TRUE(ptest::has(out, "(NOT this node's cluster)") &&
                 ptest::has(out, area + " is the heartbeat area of cluster \"demo\", not of this cluster \"beta\""))
         << out;
+}
+
+// The real daemon on a root never initialised, then failing where only its
+// log says why: run says what its log says of this start, and never that
+// the daemon runs.
+TEST_F(Zemctl, RunSaysWhyTheDaemonCouldNotStart)
+{
+    EXPECT_EQ(zemctl({"run", "--daemon", ZEMLANHB_PATH}), 1) << out;
+    EXPECT_TRUE(ptest::has(out, at("run/sem") + " is missing (ret:3); run \"zemctl init\"") &&
+                !ptest::has(out, "started"))
+        << out;
+    ASSERT_EQ(zemctl({"init"}), 0) << out;
+    const std::string cl = ptest::slurp(at("etc/cluster.xml")), local = ptest::slurp(at("etc/local.xml"));
+    const std::tuple<std::string, std::string, int, std::vector<std::string>> cases[] = {
+        {replaced(cl, "<mismatch>", "<authkey>etc/authkey</authkey><mismatch>"), local, HBEXIT_KEY,
+         {"probable cause: key file " + at("etc/authkey") + ": ", "probable cause: lanhb_keyload() failed"}},
+        {cl, "<local><hostname>node7</hostname></local>", HBEXIT_LOAD,
+         {"probable cause: lanhb_loadinfo() failed(ret:"}},
+    };
+    for (const auto &[cluster, loc, status, causes] : cases) {
+        put("etc/cluster.xml", cluster);
+        put("etc/local.xml", loc);
+        EXPECT_EQ(zemctl({"run", "--daemon", ZEMLANHB_PATH}), status) << out;
+        for (const std::string &cause : causes)
+            EXPECT_TRUE(ptest::has(out, cause) && !ptest::has(out, " runs:")) << cause << " in\n" << out;
+        EXPECT_FALSE(ptest::has(out, "key file") && status != HBEXIT_KEY) << out; // the earlier start's
+    }
 }
 
 } // namespace
