@@ -227,7 +227,7 @@ void look(supervised &s)
     } else if (!s.stalled) {
         printf("zemctl: %s (pid %d) stalled for %s: %s made no progress for longer than %s; no watchdog "
                "keep-alive while it stays so\n",
-               name, s.pid, duration(v.since_ms[v.slowest]).c_str(), HBEXT_TH_NAMES[v.slowest],
+               name, s.pid, seconds(v.since_ms[v.slowest]).c_str(), HBEXT_TH_NAMES[v.slowest],
                seconds(v.limit_ms).c_str());
     }
     s.stalled = v.stalled;

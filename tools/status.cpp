@@ -187,7 +187,7 @@ std::string daemon_text(const daemon_view &d, const progress_view &p, int64_t no
     auto at = [&](int64_t ms) { return local_time(ms) + ", " + duration(now - ms) + " ago"; };
     const std::string who = "pid " + std::to_string(d.rec.pid) + ", since " + at(d.rec.attached_ms);
     if (d.running && p.stalled)
-        return "daemon running but stalled for " + duration(p.since_ms[p.slowest]) + ": " +
+        return "daemon running but stalled for " + seconds(p.since_ms[p.slowest]) + ": " +
                HBEXT_TH_NAMES[p.slowest] + " made no progress for longer than " + seconds(p.limit_ms) + " (" +
                who + ")";
     if (d.running && !p.known)

@@ -37,6 +37,8 @@ std::string duration(int64_t ms)
 
 std::string seconds(int64_t ms)
 {
+    if (ms >= 60000)
+        return duration(ms);
     char buf[32];
     if (ms % 1000 == 0)
         snprintf(buf, sizeof buf, "%lld s", static_cast<long long>(ms / 1000));

@@ -49,7 +49,8 @@ inline std::string esc(const std::string &s)
 
 // "42s", "5m12s", "3h04m", "2d03h".
 std::string duration(int64_t ms);
-// A limit in seconds: "93 s", "2.5 s".
+// A time to the tenth of a second under a minute ("2.5 s", "42 s"), else
+// as duration gives it.
 std::string seconds(int64_t ms);
 // A platform result code in words.
 const char *plat_error_text(int32_t r);

@@ -265,6 +265,13 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
         ASSERT_EQ(zemctl({"status", "--json"}), 3) << out;
         EXPECT_EQ(nlohmann::json::parse(out)["cluster"]["down_notification"], down);
     }
+    // The watchdog's SIGABRT: the daemon is killed at once, not stopped in order.
+    pid_t p = ptest::spawn({ZEMCTL_PATH, "run", "--daemon", daemon}, at("run.out"));
+    ASSERT_TRUE(ptest::await_text(at("run.out"), "usr2")) << ptest::slurp(at("run.out"));
+    kill(p, SIGABRT);
+    EXPECT_EQ(ptest::finish(p), 128 + SIGKILL);
+    out = ptest::slurp(at("run.out"));
+    EXPECT_TRUE(ptest::has(out, "killing daemon (pid") && !ptest::has(out, "usr1")) << out;
     // Exit 12 is a configuration that cannot be loaded: zemctl says why.
     put("etc/cluster.xml", "<root>\n<cluster>\n</root>\n");
     EXPECT_EQ(zemctl({"run", "--daemon", daemon}, {"EARLY=exit 12"}), 12) << out;
