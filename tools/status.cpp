@@ -311,11 +311,11 @@ int cmd_status()
                          {"stalled", p.stalled},
                          {"stalled_for_ms", p.stalled ? ojson(p.since_ms[p.slowest]) : ojson(nullptr)},
                          {"stalled_thread", p.stalled ? ojson(HBEXT_TH_NAMES[p.slowest]) : ojson(nullptr)},
-                         {"stall_limit_ms", p.known ? ojson(p.limit_ms) : ojson(nullptr)},
-                         {"threads", ojson(nullptr)}};
+                         {"stall_limit_ms", p.known ? ojson(p.limit_ms) : ojson(nullptr)}};
+        out["threads"] = nullptr;
         if (p.known)
             for (int i = 0; i < HBEXT_TH_COUNT; i++)
-                out["daemon"]["threads"][HBEXT_TH_NAMES[i]] = {
+                out["threads"][HBEXT_TH_NAMES[i]] = {
                     {"state", thread_states[p.state[i]]},
                     {"since_ms", p.state[i] != progress_view::NONE ? ojson(p.since_ms[i]) : ojson(nullptr)}};
         out["initialised_at_ms"] = ms_or_null(d.created_ms);
