@@ -308,7 +308,8 @@ int cmd_run()
     uint64_t watchdog_us = 0;
     if (sd_watchdog_enabled(0, &watchdog_us) <= 0)
         watchdog_us = 0;
-    supervised s{pid, esc(daemon.substr(daemon.rfind('/') + 1)), static_cast<int64_t>(watchdog_us / 2000)};
+    const int64_t keepalive_ms = watchdog_us == 0 ? 0 : std::max<int64_t>(1, static_cast<int64_t>(watchdog_us / 2000));
+    supervised s{pid, esc(daemon.substr(daemon.rfind('/') + 1)), keepalive_ms};
     const char *base = s.name.c_str();
     printf("zemctl: started %s (pid %d)\n", esc(daemon).c_str(), pid);
     bool stopping = false;
