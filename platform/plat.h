@@ -197,8 +197,8 @@ struct nm_node {
 struct nm_hist {
     int64_t changed_ms;   // last publish of a different value
     int64_t published_ms; // last publish
-    int32_t downs;        // changes to OFFLINE from a known state
-    int32_t pad;
+    int32_t downs;        // changes to OFFLINE from a known state, start resets aside
+    int32_t cause;        // HBEXT_CAUSE_* of the last publish of a node's state
 };
 struct nm_rsc {
     char name[NM_RSCNAME];

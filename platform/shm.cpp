@@ -23,6 +23,7 @@
 #include <new>
 
 #include "plat.h"
+#include "services/hbext.h"
 
 namespace {
 
@@ -192,7 +193,8 @@ void publish(int32_t &w, nm_hist &h, int32_t v)
     int32_t old = std::atomic_ref<int32_t>(w).exchange(v);
     if (old != v) {
         st(h.changed_ms, now);
-        if (v == SHMNM_SVSTAT_OFFLINE && old != SHMNM_SVSTAT_UNKNOWN)
+        // A start reset takes a node offline without it having gone down.
+        if (v == SHMNM_SVSTAT_OFFLINE && old != SHMNM_SVSTAT_UNKNOWN && ld(h.cause) != HBEXT_CAUSE_START)
             std::atomic_ref<int32_t>(h.downs).fetch_add(1);
     }
     st(h.published_ms, now);
@@ -370,6 +372,20 @@ int32_t shmnm_setrscsvstat(const char *kind, const char *rsc, int32_t nodeid, in
     });
 }
 
+int32_t hbext_setcause(const char *kind, const char *rsc, int32_t nodeid, int32_t cause)
+{
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        nm_rsc *r = const_cast<nm_rsc *>(find_rsc(m, kind, rsc));
+        int i = find_nodeid(m, nodeid);
+        if (plat_kind(kind) < 0 || cause < 0 || cause >= HBEXT_CAUSE_COUNT)
+            return PLAT_EINVAL;
+        if (r == nullptr || i < 0)
+            return PLAT_ENOENT;
+        st(r->svhist[i].cause, cause);
+        return 0;
+    });
+}
+
 int32_t shmnm_setrscstat(const char *kind, const char *rsc, int32_t stat)
 {
     return with(g_nm, [&](nm_layout *m) -> int32_t {
@@ -419,6 +435,7 @@ int32_t plat_gethist(const char *kind, const char *rsc, const char *node, nm_his
         h->changed_ms = ld(src.changed_ms);
         h->published_ms = ld(src.published_ms);
         h->downs = ld(src.downs);
+        h->cause = ld(src.cause);
         return 0;
     });
 }

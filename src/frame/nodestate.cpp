@@ -23,11 +23,12 @@ int32_t readnode(const hbkind &k, const hbnoderef &n, int32_t fallback, hbwhere 
     return fallback;
 }
 
-// The one publication of a node's state. The cause is handed this far so
-// that it can be published beside the state; the node manager has no place
-// for it yet.
-void publishnode(const hbkind &k, const hbnoderef &n, int32_t st, hbcause /*cause*/, hbwhere at)
+// The one publication of a node's state, its cause told first. A cause the
+// platform cannot take goes unlogged: the publication itself fails then and
+// says so.
+void publishnode(const hbkind &k, const hbnoderef &n, int32_t st, hbcause cause, hbwhere at)
 {
+    (void)hbext_setcause(k.name, n.rscname, n.pri, cause);
     const int32_t r = shmnm_setrscsvstat(k.name, n.rscname, n.pri, st);
     if (r != 0)
         HBLOG_AT(at, k.module, HBLV_ERROR, "shmnm_setrscsvstat(rsc:%s,nodeid:%d) failed(ret:%d)", n.rscname, n.pri, r);

@@ -19,19 +19,20 @@
 
 #include "frame/frame.h"
 #include "frame/thread.h"
+#include "services/hbext.h"
 #include "services/services.h"
 
-// Why a state changes or is published. Reaches the publications, so that the
-// node manager can be told the cause; a time-out or a failed controller call
+// Why a state changes or is published. Told to the platform with every
+// publication of a node's state (hbext_setcause); a time-out or a failed controller call
 // also marks the node manager not ready where a kind asks for it.
 enum hbcause : int {
-    HBCAUSE_HEARTBEAT, // a heartbeat arrived
-    HBCAUSE_DOWN,      // the node announced its orderly stop
-    HBCAUSE_TIMEOUT,   // silence past the time-out
-    HBCAUSE_START,     // first states of a fresh start
-    HBCAUSE_RESUME,    // states taken over at resume
-    HBCAUSE_READFAIL,  // a read from the controller failed
-    HBCAUSE_WRITEFAIL, // a write to the controller failed
+    HBCAUSE_HEARTBEAT = HBEXT_CAUSE_HEARTBEAT, // a heartbeat arrived
+    HBCAUSE_DOWN = HBEXT_CAUSE_DOWN,           // the node announced its orderly stop
+    HBCAUSE_TIMEOUT = HBEXT_CAUSE_TIMEOUT,     // silence past the time-out
+    HBCAUSE_START = HBEXT_CAUSE_START,         // first states of a fresh start
+    HBCAUSE_RESUME = HBEXT_CAUSE_RESUME,       // states taken over at resume
+    HBCAUSE_READFAIL = HBEXT_CAUSE_READFAIL,   // a read from the controller failed
+    HBCAUSE_WRITEFAIL = HBEXT_CAUSE_WRITEFAIL, // a write to the controller failed
 };
 
 // One node on one path as the layer sees it: pointers into a kind's table.

@@ -32,6 +32,24 @@ enum : int32_t {
 inline constexpr const char *HBEXT_TH_NAMES[HBEXT_TH_COUNT] = {"lanhb_hbrecv", "lanhb_hbsend",  "lanhb_hbwatch",
                                                                "cnthb_hbread", "cnthb_hbwrite", "cnthb_hbwatch"};
 
+// Why a node's state is published on a path; told by hbext_setcause just
+// before the publication, and kept beside the state for the platform's
+// displays. A start reset (every node OFFLINE at an ordinary start) is no
+// down of the node. NONE: not told.
+enum : int32_t {
+    HBEXT_CAUSE_NONE,
+    HBEXT_CAUSE_HEARTBEAT, // a heartbeat arrived
+    HBEXT_CAUSE_DOWN,      // the node announced its orderly stop
+    HBEXT_CAUSE_TIMEOUT,   // silence past the time-out
+    HBEXT_CAUSE_START,     // first states of an ordinary start
+    HBEXT_CAUSE_RESUME,    // states taken over at a resume start
+    HBEXT_CAUSE_READFAIL,  // a read from the controller failed
+    HBEXT_CAUSE_WRITEFAIL, // a write to the controller failed
+    HBEXT_CAUSE_COUNT,
+};
+inline constexpr const char *HBEXT_CAUSE_NAMES[HBEXT_CAUSE_COUNT] = {
+    "none", "heartbeat", "down", "timeout", "start", "resume", "read_failure", "write_failure"};
+
 extern "C" {
 
 // Resolves a file name from the configuration: an absolute name is copied,
@@ -42,6 +60,10 @@ int32_t hbext_path(const char *name, char *out, int32_t size);
 // Publishes the receiver's refusal counters (HBEXT_REFUSED_COUNT values,
 // counted from the daemon's start) for the platform's status display.
 int32_t hbext_setrefused(const uint64_t *counts);
+
+// The cause (HBEXT_CAUSE_*) of the next publication of node nodeid's state on
+// path rsc of kind `kind` (shmnm_setrscsvstat).
+int32_t hbext_setcause(const char *kind, const char *rsc, int32_t nodeid, int32_t cause);
 
 // A heartbeat thread of that kind has started, pacing itself by the heartbeat
 // interval hbint and serving the time-out hbto (msec, as its table has them):

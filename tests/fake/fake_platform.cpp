@@ -432,6 +432,13 @@ int32_t hbext_setrefused(const uint64_t *c)
 {
     return locked([&] { return std::memcpy(st.refused.data(), c, sizeof st.refused), 0; });
 }
+// Recorded as a call, beside the publication it comes before.
+int32_t hbext_setcause(const char *kind, const char *rsc, int32_t nodeid, int32_t cause)
+{
+    const std::string id = std::to_string(nodeid);
+    return op("hbext_setcause", str(rsc) + "/" + id, str(kind) + "," + str(rsc) + "," + id + "," + std::to_string(cause),
+              [] { return 0; });
+}
 // Counted, not recorded as calls: every wait of a thread makes one.
 int32_t hbext_progress_start(int32_t thread, int32_t hbint, int32_t hbto)
 {

@@ -107,29 +107,35 @@ TEST_F(Shm, ADeadLockHolderNeverBlocks)
     EXPECT_EQ(d.pid, getpid());
 }
 
-// Each step publishes one state of node beta (id 2, index 1) on lan1;
-// whether that is a change and the down count after it.
-TEST_F(Shm, HistoryKeepsLastChangeLastPublishAndDowns)
+// Each step publishes one state of node beta (id 2, index 1) on lan1 for a
+// cause; whether that is a change and the down count after it.
+TEST_F(Shm, HistoryKeepsLastChangeLastPublishCauseAndDowns)
 {
-    const std::tuple<int32_t, bool, int32_t> steps[] = {
-        {SHMNM_SVSTAT_OFFLINE, true, 0}, // from UNKNOWN: a start, not a loss
-        {SHMNM_SVSTAT_ONLINE, true, 0},  {SHMNM_SVSTAT_ONLINE, false, 0}, {SHMNM_SVSTAT_OFFLINE, true, 1},
-        {SHMNM_SVSTAT_OFFLINE, false, 1}, {SHMNM_SVSTAT_UNUSED, true, 1},  {SHMNM_SVSTAT_OFFLINE, true, 2},
-        {SHMNM_SVSTAT_ONLINE, true, 2},  {SHMNM_SVSTAT_OFFLINE, true, 3},
+    constexpr int32_t ON = SHMNM_SVSTAT_ONLINE, OFF = SHMNM_SVSTAT_OFFLINE, HB = HBEXT_CAUSE_HEARTBEAT;
+    constexpr int32_t TO = HBEXT_CAUSE_TIMEOUT, START = HBEXT_CAUSE_START;
+    const std::tuple<int32_t, int32_t, bool, int32_t> steps[] = {
+        {OFF, START, true, 0}, // from UNKNOWN: a start, not a loss
+        {ON, HB, true, 0},     {ON, HB, false, 0},   {OFF, TO, true, 1},  {OFF, TO, false, 1},
+        {SHMNM_SVSTAT_UNUSED, START, true, 1},       {OFF, START, true, 1}, // a start reset is no down
+        {ON, HB, true, 1},     {OFF, HBEXT_CAUSE_DOWN, true, 2},          {ON, HB, true, 2},
+        {OFF, START, true, 2},
     };
     nm_hist before{}, after{};
     for (const auto &step : steps) {
-        const auto [stat, change, downs] = step;
+        const auto [stat, cause, change, downs] = step;
         SCOPED_TRACE(&step - steps);
         ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &before), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(2)); // clock in ms
         int64_t t0 = plat_now_ms();
+        ASSERT_EQ(hbext_setcause("lanhb", "lan1", 2, cause), 0);
         ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 2, stat), 0);
         ASSERT_EQ(plat_gethist("lanhb", "lan1", "beta", &after), 0);
         EXPECT_GE(after.published_ms, t0);
         EXPECT_EQ(after.changed_ms, change ? after.published_ms : before.changed_ms);
         EXPECT_EQ(after.downs, downs);
+        EXPECT_EQ(after.cause, cause);
     }
+    EXPECT_EQ(hbext_setcause("lanhb", "lan1", 2, HBEXT_CAUSE_COUNT), PLAT_EINVAL);
     // Other entries keep their history apart; unknown ones are refused.
     ASSERT_EQ(plat_gethist("lanhb", "lan2", "beta", &after), 0);
     EXPECT_EQ(after.downs + after.changed_ms + after.published_ms, 0);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <set>
 #include <thread>
 
 #include "fake/fake_platform.h"
@@ -38,6 +39,16 @@ struct FrameTest : ::testing::Test {
 
 // A fresh platform with both logs open again.
 inline void reload() { fake::reset(), loginit(); }
+
+// The causes told with the node publications so far, each once.
+inline std::set<std::string> causes()
+{
+    std::set<std::string> out;
+    for (const fake::Call &c : fake::calls())
+        if (c.op == "hbext_setcause")
+            out.insert(c.args.substr(c.args.rfind(',') + 1));
+    return out;
+}
 
 // Polls cond for up to 20 seconds.
 template <class F> bool waitfor(F cond)

@@ -99,6 +99,7 @@ TEST_F(LoadTest, NormalStartSetsEveryNodeOfflineAndResumeKeepsSharedMemory)
             EXPECT_EQ(fake::rscstat(HB_KIND_CNTHB, "cnt1"), SHMNM_RSCSTAT_ERROR);
         }
         EXPECT_EQ(cntcount("change mode to resume"), resume ? 1 : 0);
+        EXPECT_EQ(causes(), std::set<std::string>{std::to_string(resume ? HBEXT_CAUSE_RESUME : HBEXT_CAUSE_START)});
         EXPECT_EQ(fake::statchange_count(), resume ? 1 : 0);
     }
 }

@@ -70,19 +70,21 @@ template <class K> struct State : FrameTest {
         const auto it = std::ranges::find(all, text, &fake::LogRecord::text);
         return it == all.end() ? "" : it->func;
     }
-    // Node and path states published, and wake-ups, in order.
+    // Node states with their causes, path states and wake-ups, in order.
     static texts published()
     {
         texts out;
         for (const auto &c : fake::calls())
-            if (c.op == "shmnm_setrscsvstat" || c.op == "shmnm_setrscstat" || c.op == "sem_set_statchange")
+            if (c.op == "hbext_setcause" || c.op == "shmnm_setrscsvstat" || c.op == "shmnm_setrscstat" ||
+                c.op == "sem_set_statchange")
                 out.push_back(c.op + "(" + c.args + ")");
         return out;
     }
-    texts changed(const char *svstat, const char *rscstat)
+    texts changed(const char *svstat, const char *rscstat, int32_t cause)
     {
         const std::string at = log + "," + p1;
-        return {"shmnm_setrscsvstat(" + at + ",2," + svstat + ")", "shmnm_setrscstat(" + at + "," + rscstat + ")",
+        return {"hbext_setcause(" + at + ",2," + std::to_string(cause) + ")",
+                "shmnm_setrscsvstat(" + at + ",2," + svstat + ")", "shmnm_setrscstat(" + at + "," + rscstat + ")",
                 "sem_set_statchange()"};
     }
 };
@@ -101,7 +103,7 @@ TYPED_TEST(State, HeartbeatBringsANodeOnlineOnceWhenItsStatusAllows)
     fake::fail("shmnm_gethdstat", 5); // unreadable counts as 1
     now = 1100;
     this->k.feed(1, false);
-    EXPECT_EQ(this->published(), this->changed("1", "4")); // this node still down: ERROR
+    EXPECT_EQ(this->published(), this->changed("1", "4", HBEXT_CAUSE_HEARTBEAT)); // this node still down: ERROR
     EXPECT_EQ(this->writer(" *** " + this->p1 + "/node(node2(2)) : ONLINE ***"), this->log + "_hbdata");
     fake::clear_calls();
     now = 1100 + 7200; // online already: only the stamp moves and the gap is timed
@@ -122,7 +124,7 @@ TYPED_TEST(State, DownNoticeTakesANodeOfflineUnlessItAlreadyIs)
     now = 5000;
     this->k.feed(1, true);
     EXPECT_TRUE(this->logged(TypeParam::downline));
-    EXPECT_EQ(this->published(), this->changed("2", "3"));
+    EXPECT_EQ(this->published(), this->changed("2", "3", HBEXT_CAUSE_DOWN));
     EXPECT_EQ(*this->at(1).last, 1000u);
     EXPECT_EQ(fake::nonvolstat(), -1); // an orderly stop leaves the node manager ready
 }
@@ -141,7 +143,7 @@ TYPED_TEST(State, OfflineExactlyWhenTheSilenceExceedsTheLimit)
         this->k.check();
         const int32_t want = silence > 9000 ? SHMNM_SVSTAT_OFFLINE : SHMNM_SVSTAT_ONLINE;
         ASSERT_EQ(*this->at(1).stat, want) << last << "+" << silence;
-        ASSERT_EQ(this->published(), silence > 9000 ? this->changed("2", "4") : texts{});
+        ASSERT_EQ(this->published(), silence > 9000 ? this->changed("2", "4", HBEXT_CAUSE_TIMEOUT) : texts{});
     }
     this->online(1, 100);
     now = 100 + 9001;

@@ -81,6 +81,7 @@ TEST_F(LoadTest, FreshModeResetsAndResumeModeKeeps)
         EXPECT_EQ(peer->lastrecv, resume ? 4242u : 0u);
         EXPECT_EQ(fake::statchange_count(), wakeups);
         EXPECT_EQ(lancount("change mode to resume(act:0x0"), resume ? 1 : 0);
+        EXPECT_EQ(causes(), std::set<std::string>{std::to_string(resume ? HBEXT_CAUSE_RESUME : HBEXT_CAUSE_START)});
     }
     EXPECT_TRUE(lanlog("change mode to resume(act:0x02000000)"));
 }
