@@ -7,8 +7,10 @@
 // is trusted only while the lock is seen held.
 //
 // "zemctl run" takes the lock before it starts the daemon and hands the
-// descriptor down (ZEM_LOCKFD); the daemon's first attach adopts it, so the
-// lock stays held by the daemon even if its supervisor dies.
+// descriptor down (ZEM_LOCKFD); the daemon adopts it in zemstorage_init, its
+// first platform call after the configuration and before it signals its
+// parent (each attach checks again), so the lock stays held by the daemon
+// even if its supervisor dies, and a refused daemon has signalled nobody.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>

@@ -106,9 +106,9 @@ int plat_lock_take(pid_t *holder, std::string &err);
 // The pid holding run/lock: 0 when nobody does, -1 when held by a process
 // that did not name itself.
 pid_t plat_lock_holder();
-// What a daemon's attach does first: adopts the lock passed down by its
-// supervisor or takes it (PLAT_EBUSY when another daemon holds it, also
-// said on standard error). A tool process does nothing.
+// What a daemon's storage init and attaches do first: adopts the lock passed
+// down by its supervisor or takes it (PLAT_EBUSY when another daemon holds
+// it, also said on standard error). A tool process does nothing.
 int32_t plat_daemon_lock();
 void plat_daemon_unlock();
 

@@ -230,6 +230,11 @@ int32_t zemstorage_init(uint8_t *cntno)
 {
     if (cntno == nullptr)
         return PLAT_EINVAL;
+    // A daemon's first call after its configuration, and before it tells its
+    // parent that it is up: a second daemon is refused here, having signalled
+    // nobody.
+    if (int32_t r = plat_daemon_lock(); r != 0)
+        return r;
     plat_local loc;
     if (int32_t r = plat_load_local(loc); r != 0)
         return r;

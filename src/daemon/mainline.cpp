@@ -239,6 +239,9 @@ int32_t detachipc()
 
 int zemlanhb_main()
 {
+    // The parent the LAN sender watches: once getppid() says otherwise, the
+    // daemon has been orphaned, whoever adopted it.
+    lanhb_parent = getppid();
     // Phase "bare": dispositions, and SIGUSR1/SIGUSR2 blocked before any
     // thread exists so that every thread inherits the mask.
     hbsig_dispositions();

@@ -253,18 +253,24 @@ struct lanhb_sockfd {
     }
 };
 
+// The daemon's parent as main saw it at start (0: not known). Written before
+// any thread starts.
+extern pid_t lanhb_parent;
+
 // The sender's pacing (the frame's pace), counting polls in which the
-// parent process has gone.
+// parent process has gone: its pid is no longer the parent's (a subreaper,
+// or init with pid 1, took the daemon over).
 struct lanhb_pace {
     hbpace pace;
     int32_t hbint = 0;
     int32_t countover1 = 0;
     int32_t countover2 = 0;
-    int32_t orphan = 0; // consecutive polls with parent pid 1
+    int32_t orphan = 0; // consecutive polls without the parent
+    pid_t parent = 0;   // lanhb_parent, taken by lanhb_paceinit
     void (*sleepms)(int32_t ms) = nullptr; // null: a wait that ends on the stop
     pid_t (*ppid)() = nullptr;             // null: getppid
 };
-// Fills hbint and the self-down limits.
+// Fills hbint, the self-down limits and the parent.
 void lanhb_paceinit(lanhb_pace *pace, int32_t hbint);
 // One pacing step; in the send phase `maxloop` is non-null and the loop time
 // from t0 is recorded after the sleep. True when the parent has been gone

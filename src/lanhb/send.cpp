@@ -138,6 +138,7 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
 void lanhb_paceinit(lanhb_pace *pace, int32_t hbint)
 {
     pace->hbint = hbint;
+    pace->parent = lanhb_parent;
     const int32_t q = hbint > 0 ? 10000 / hbint : 0;
     pace->countover1 = 6 * q;
     pace->countover2 = q > 0 ? q : 3;
@@ -157,7 +158,8 @@ bool lanhb_pacestep(lanhb_pace *p, hbtick_t t0, hbtick_t *maxloop)
         p->orphan = 0;
     if (sendphase)
         lanhb_thslooptime(t0, maxloop);
-    if (ppid() != 1) {
+    const pid_t now = ppid();
+    if (now != 1 && (p->parent <= 0 || now == p->parent)) {
         p->orphan = 0;
         return false;
     }

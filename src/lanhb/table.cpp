@@ -16,6 +16,7 @@
 std::atomic<int32_t> lanhb_bhbsend, lanhb_bwatchth;
 int32_t lanhb_bsocknbio;
 int32_t lanhb_warnrate;
+pid_t lanhb_parent;
 
 void lanhb_reset()
 {
@@ -24,6 +25,7 @@ void lanhb_reset()
     lanhb_bhbsend.store(0);
     lanhb_bwatchth.store(LANHB_DEF_BWATCHTH);
     lanhb_rready = 0;
+    lanhb_parent = 0;
 }
 
 // The LAN heartbeat as the node-state layer and delaywarn see it.

@@ -127,6 +127,12 @@ TEST_F(PaceTest, StartUpStretchThenIntervalThenSelfDown)
         EXPECT_EQ(slept, std::vector<int32_t>(size_t(polls), 500)) << hbint;
     }
     EXPECT_TRUE(lanlog("lanhb self down. countover1=18"));
+    // A subreaper that took the daemon over is not its parent; with no parent
+    // known, only pid 1 tells.
+    for (auto [known, polls] : {std::pair{4711, 18}, {0, 0}}) {
+        init(3000), pace.parent = known;
+        EXPECT_EQ(stepsuntildown(100, 4712), polls) << known;
+    }
     init(3000);
     EXPECT_EQ(stepsuntildown(1203, 4711), 0);
     ASSERT_EQ(slept.size(), 1203u);
