@@ -279,6 +279,10 @@ int cmd_run()
         return holder != 0 ? HBEXIT_LOCKED : EXIT_FAILURE;
     }
     setenv(PLAT_LOCKFD_ENV, std::to_string(lockfd).c_str(), 1);
+    // From the start, not only at the stop asked of this supervisor: a
+    // daemon orphaned by its death stops by itself and asks the flag then.
+    if (int32_t r = sem_attach(); r != 0 || (r = plat_setdownnotify(nodown ? 0 : 1)) != 0)
+        fprintf(stderr, "zemctl: cannot set the down notification (ret:%d)\n", r);
     // All the signals this parent acts on are taken synchronously. A hang-up
     // (terminal closed, ssh dropped) is an orderly stop like SIGTERM, and a
     // vanished terminal must not kill the supervisor when it says so.
