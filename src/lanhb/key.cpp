@@ -1,4 +1,5 @@
-// The cluster key: the key file, the datagram trailer and the replay window.
+// The cluster key: the key file, the datagram trailer, the freshness rule,
+// the replay window and the keyed acceptance of a datagram.
 //
 // The code is BLAKE2b-256 keyed with the 32-byte cluster key (libsodium's
 // crypto_generichash): a MAC by design, with no HMAC construction around a
@@ -11,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -31,31 +33,57 @@ unsigned char keybytes[LANHB_KEY_SIZE];
 bool key2on = false; // a second key accepted on receipt (a key change)
 unsigned char key2bytes[LANHB_KEY_SIZE];
 bool unsignedok = false; // unsigned datagrams accepted too (enabling a key)
-std::vector<lanhb_seqwin> windows; // currsc x curnode, the receiver's only
+// BLAKE2b with each key already absorbed: a code then costs the datagram's
+// blocks only.
+crypto_generichash_state keystate, key2state;
+uint64_t windowns = 2000 * 1000000ULL;
+uint64_t startmono = 0; // CLOCK_MONOTONIC ns at the receiver's start
 
-// The last sequence handed out. A sequence is the wall-clock time in
-// nanoseconds, or one more than the previous when the clock has not moved
-// on, so it keeps growing across restarts of the daemon. Relaxed order: only
-// the value itself matters, and compare-exchange keeps it unique.
+// What the receiver keeps per node entry of the table (currsc x curnode),
+// the receiver's only once threads run.
+struct peer {
+    lanhb_seqwin win;
+    in6_addr addr{}; // the configured address, IPv4 as mapped
+    bool v4 = false; // configured as an IPv4 address
+    bool addrok = false;
+    uint64_t clocktry = 0; // CLOCK_MONOTONIC ns when a stale datagram's code was last checked
+    uint64_t clocklog = 0; // and when the clock line was last written
+    bool clocklogged = false;
+};
+std::vector<peer> peers;
+const lanhb_list *peersof = nullptr;
+
+// The last sequence handed out. Relaxed order: only the value itself
+// matters, and compare-exchange keeps it unique.
 std::atomic<uint64_t> lastseq{0};
+
+uint64_t clockns(clockid_t clock)
+{
+    struct timespec ts {};
+    clock_gettime(clock, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+}
 
 uint64_t nextseq()
 {
-    struct timespec ts {};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    const uint64_t now = static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+    const uint64_t now = clockns(CLOCK_REALTIME);
     uint64_t prev = lastseq.load(std::memory_order_relaxed);
     uint64_t seq = 0;
     do {
-        seq = now > prev ? now : prev + 1;
+        seq = lanhb_seqnext(prev, now, windowns);
     } while (!lastseq.compare_exchange_weak(prev, seq, std::memory_order_relaxed));
     return seq;
 }
 
 void mac(const unsigned char *data, size_t len, unsigned char out[LANHB_MAC_SIZE],
-         const unsigned char *key = keybytes)
+         const crypto_generichash_state &keyed = keystate)
 {
-    crypto_generichash(out, LANHB_MAC_SIZE, data, len, key, LANHB_KEY_SIZE);
+    // Per thread (the sender seals, the receiver verifies); it holds nothing
+    // the keyed state does not hold already.
+    thread_local crypto_generichash_state st;
+    st = keyed;
+    crypto_generichash_update(&st, data, len);
+    crypto_generichash_final(&st, out, LANHB_MAC_SIZE);
 }
 
 void putbe64(unsigned char *p, uint64_t v)
@@ -76,7 +104,8 @@ uint64_t getbe64(const unsigned char *p)
 
 int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE])
 {
-    const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    // Without blocking: opening a FIFO would wait for a writer for ever.
+    const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         const int err = errno;
         if (err == ELOOP) {
@@ -91,7 +120,10 @@ int32_t lanhb_keyfile(const char *path, unsigned char key[LANHB_KEY_SIZE])
     if (fstat(fd, &st) != 0) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: fstat() failed(errno:%d)", path, errno);
         r = LANHB_KEY_READ;
-    } else if (!S_ISREG(st.st_mode) || (st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    } else if (!S_ISREG(st.st_mode)) {
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s is not a regular file: refused", path);
+        r = LANHB_KEY_MODE;
+    } else if ((st.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "key file %s: mode %04o: must be a regular file of mode 0600 or 0400", path,
               static_cast<unsigned>(st.st_mode & 07777));
         r = LANHB_KEY_MODE;
@@ -124,14 +156,26 @@ void lanhb_keyset(const unsigned char *key, const unsigned char *also, bool open
     keyon = key != nullptr;
     key2on = keyon && also != nullptr;
     unsignedok = keyon && open;
-    windows.clear();
+    peers.clear();
+    peersof = nullptr;
+    startmono = clockns(CLOCK_MONOTONIC);
     sodium_memzero(keybytes, sizeof keybytes);
     sodium_memzero(key2bytes, sizeof key2bytes);
-    if (keyon)
+    sodium_memzero(&keystate, sizeof keystate);
+    sodium_memzero(&key2state, sizeof key2state);
+    if (keyon && sodium_init() < 0) // picks the fastest code; nothing to fail with a working library
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "sodium_init() failed");
+    if (keyon) {
         std::memcpy(keybytes, key, LANHB_KEY_SIZE);
-    if (key2on)
+        crypto_generichash_init(&keystate, keybytes, LANHB_KEY_SIZE, LANHB_MAC_SIZE);
+    }
+    if (key2on) {
         std::memcpy(key2bytes, also, LANHB_KEY_SIZE);
+        crypto_generichash_init(&key2state, key2bytes, LANHB_KEY_SIZE, LANHB_MAC_SIZE);
+    }
 }
+
+void lanhb_keywindow(int32_t ms) { windowns = static_cast<uint64_t>(std::max(ms, 0)) * 1000000ULL; }
 
 bool lanhb_keyed() { return keyon; }
 
@@ -148,6 +192,14 @@ void cfgtext(const char *key, char *out, int32_t size)
     out[size - 1] = '\0';
 }
 
+// An optional integer of the policy "cluster"; `dflt` when absent.
+int32_t cfgint(const char *key, int32_t dflt)
+{
+    int32_t v = 0;
+    int32_t len = sizeof v;
+    return xmllib_get_value(key, XMLLIB_KIND_INT, &v, &len) == 0 ? v : dflt;
+}
+
 // Resolves and reads one configured key file into `key`.
 int32_t readkey(const char *name, unsigned char key[LANHB_KEY_SIZE])
 {
@@ -159,22 +211,67 @@ int32_t readkey(const char *name, unsigned char key[LANHB_KEY_SIZE])
     return lanhb_keyfile(path, key);
 }
 
+// Fills the receiving state of every node entry of the table.
+void preparepeers(const lanhb_list *list)
+{
+    auto *l = const_cast<lanhb_list *>(list);
+    peers.assign(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode), peer{});
+    for (int32_t i = 0; i < list->currsc; ++i) {
+        for (int32_t j = 0; j < list->curnode; ++j) {
+            peer &p = peers[static_cast<size_t>(i) * static_cast<size_t>(list->curnode) + static_cast<size_t>(j)];
+            char ip[LANHB_NAME_SIZE];
+            lanhb_ipnozone(lanhb_nodeat(lanhb_rscat(l, i), j)->ip, ip);
+            in_addr a4{};
+            if (std::strchr(ip, ':') == nullptr && inet_pton(AF_INET, ip, &a4) == 1) {
+                p.addr.s6_addr[10] = p.addr.s6_addr[11] = 0xff;
+                std::memcpy(p.addr.s6_addr + 12, &a4, 4);
+                p.v4 = p.addrok = true;
+            } else {
+                p.addrok = inet_pton(AF_INET6, ip, &p.addr) == 1;
+            }
+        }
+    }
+    peersof = list;
+}
+
+peer &peerat(const lanhb_list *list, int32_t i, int32_t j)
+{
+    if (peersof != list || peers.size() != static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode))
+        preparepeers(list); // keyed by lanhb_keyset alone, as the tests do
+    return peers[static_cast<size_t>(i) * static_cast<size_t>(list->curnode) + static_cast<size_t>(j)];
+}
+
+// The source address against the entry's configured one, exactly.
+bool addrmatch(const peer &p, const struct sockaddr *from, bool v6mode)
+{
+    if (!p.addrok)
+        return false;
+    if (!v6mode)
+        return p.v4 && from->sa_family == AF_INET &&
+               std::memcmp(&reinterpret_cast<const sockaddr_in *>(from)->sin_addr, p.addr.s6_addr + 12, 4) == 0;
+    return from->sa_family == AF_INET6 &&
+           std::memcmp(&reinterpret_cast<const sockaddr_in6 *>(from)->sin6_addr, &p.addr, sizeof p.addr) == 0;
+}
+
 } // namespace
 
 int32_t lanhb_keyload(lanhb_list *list)
 {
     char name[256] = {}, also[256] = {};
-    int32_t open = 0;
+    int32_t open = 0, window = list->hbto;
     if (xmllib_load_policy("cluster") == 0) {
         cfgtext(LANHB_KEYCFG, name, sizeof name);
         cfgtext(LANHB_KEYCFG_ALSO, also, sizeof also);
-        int32_t len = sizeof open;
-        if (xmllib_get_value(LANHB_KEYCFG_UNSIGNED, XMLLIB_KIND_INT, &open, &len) != 0)
-            open = 0;
+        open = cfgint(LANHB_KEYCFG_UNSIGNED, 0);
+        window = cfgint(LANHB_KEYCFG_WINDOW, list->hbto);
         xmllib_unload_policy("cluster");
     }
     if (name[0] == '\0')
         return LANHB_KEY_OK; // no key: the transition settings mean nothing either
+    if (window < LANHB_WINDOW_MIN || window > LANHB_WINDOW_MAX) {
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid AUTHWINDOW(%d). set to %d msec.", window, list->hbto);
+        window = list->hbto;
+    }
 
     if (sodium_init() < 0) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "sodium_init() failed");
@@ -189,18 +286,20 @@ int32_t lanhb_keyload(lanhb_list *list)
         return r;
     }
     lanhb_keyset(key, also[0] != '\0' ? key2 : nullptr, open != 0);
+    lanhb_keywindow(window);
     sodium_memzero(key, sizeof key);
     sodium_memzero(key2, sizeof key2);
     try {
-        windows.assign(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode), lanhb_seqwin{});
+        preparepeers(list);
     } catch (const std::bad_alloc &) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)",
-              static_cast<int>(sizeof(lanhb_seqwin) * list->currsc * list->curnode), ENOMEM);
+              static_cast<int>(sizeof(peer) * list->currsc * list->curnode), ENOMEM);
         lanhb_keyset(nullptr);
         return LANHB_KEY_NOMEM;
     }
-    HBLOG(HBLOG_LAN, HBLV_ERROR, "cluster key %s: datagrams signed and checked (%d-byte trailer)%s%s%s", name,
-          static_cast<int>(LANHB_TRAILER_SIZE), also[0] != '\0' ? "; also accepted: key " : "", also,
+    HBLOG(HBLOG_LAN, HBLV_ERROR,
+          "cluster key %s: datagrams signed and checked (%d-byte trailer), fresh within %d ms of this node's clock%s%s%s",
+          name, static_cast<int>(LANHB_TRAILER_SIZE), window, also[0] != '\0' ? "; also accepted: key " : "", also,
           open != 0 ? "; unsigned datagrams accepted too" : "");
     return LANHB_KEY_OK;
 }
@@ -233,7 +332,7 @@ bool lanhb_keyverify(const lanhb_packet *pkt, size_t wirelen, uint64_t *seq)
     if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0) {
         if (!key2on)
             return false;
-        mac(p, signedlen, want, key2bytes);
+        mac(p, signedlen, want, key2state);
         if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0)
             return false;
     }
@@ -241,8 +340,28 @@ bool lanhb_keyverify(const lanhb_packet *pkt, size_t wirelen, uint64_t *seq)
     return true;
 }
 
+uint64_t lanhb_seqnext(uint64_t prev, uint64_t now, uint64_t window)
+{
+    return now > prev || prev - now > window ? now : prev + 1;
+}
+
+bool lanhb_seqfresh(uint64_t seq, uint64_t now, uint64_t up, uint64_t window)
+{
+    return seq <= now + window && seq >= now - std::min({up, window, now});
+}
+
+bool lanhb_seqwin_new(const lanhb_seqwin *w, uint64_t seq)
+{
+    if (seq > w->last)
+        return true;
+    const uint64_t back = w->last - seq; // 0: the newest itself
+    return back != 0 && back <= LANHB_SEQWIN && (w->seen & (1ULL << (back - 1))) == 0;
+}
+
 bool lanhb_seqwin_accept(lanhb_seqwin *w, uint64_t seq)
 {
+    if (!lanhb_seqwin_new(w, seq))
+        return false;
     if (seq > w->last) {
         const uint64_t shift = seq - w->last;
         // The old newest becomes bit shift-1; everything older moves along.
@@ -250,28 +369,86 @@ bool lanhb_seqwin_accept(lanhb_seqwin *w, uint64_t seq)
         if (w->last == 0)
             w->seen = 0; // nothing accepted yet: no old newest to remember
         w->last = seq;
-        return true;
+    } else {
+        w->seen |= 1ULL << (w->last - seq - 1);
     }
-    const uint64_t back = w->last - seq; // 0: the newest itself
-    if (back == 0 || back > LANHB_SEQWIN)
-        return false;
-    const uint64_t bit = 1ULL << (back - 1);
-    if ((w->seen & bit) != 0)
-        return false;
-    w->seen |= bit;
     return true;
 }
 
-lanhb_seqwin *lanhb_keywin(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node)
+namespace {
+
+constexpr uint64_t CLOCK_TRY_NS = 1000000000ULL;   // a stale datagram's code is checked at most this often per entry
+constexpr uint64_t CLOCK_LOG_NS = 60000000000ULL;  // and the clock line written at most this often
+
+// A stale datagram dated further from this node's clock than the window
+// says something about the sender's clock, but only when its code is
+// genuine: checked now and then, never for every datagram of a flood.
+void clockcheck(peer &p, const lanhb_packet *pkt, size_t buflen, const lanhb_rsc *rsc, const lanhb_node *node,
+                uint64_t seq, const lanhb_keyclock &c)
 {
-    for (int32_t i = 0; i < list->currsc; ++i) {
-        if (lanhb_rscat(list, i) != rsc)
-            continue;
-        const size_t j = static_cast<size_t>(node - lanhb_nodeat(rsc, 0));
-        const size_t k = static_cast<size_t>(i) * static_cast<size_t>(list->curnode) + j;
-        if (k >= windows.size()) // keyed by lanhb_keyset alone: grow once
-            windows.resize(static_cast<size_t>(list->currsc) * static_cast<size_t>(list->curnode));
-        return &windows[k];
+    if (seq <= c.now + windowns && seq + windowns >= c.now)
+        return; // within the window: from before this receiver's start, not a clock matter
+    if ((p.clocklogged && c.mono - p.clocklog < CLOCK_LOG_NS) || (p.clocktry != 0 && c.mono - p.clocktry < CLOCK_TRY_NS))
+        return;
+    p.clocktry = c.mono;
+    uint64_t verified = 0;
+    if (!lanhb_keyverify(pkt, buflen, &verified))
+        return;
+    p.clocklog = c.mono;
+    p.clocklogged = true;
+    const long long off = static_cast<long long>(seq - c.now) / 1000000;
+    HBLOG(HBLOG_LAN, HBLV_ERROR,
+          "%s/node(%s(%d)) : datagram dated %+lld ms from this node's clock, outside the window of %d ms: refused "
+          "(clocks apart, or delayed)",
+          rsc->name, node->name, node->pri, off, static_cast<int>(windowns / 1000000));
+}
+
+} // namespace
+
+lanhb_keyclock lanhb_keyclocknow() { return {clockns(CLOCK_REALTIME), clockns(CLOCK_MONOTONIC)}; }
+
+int32_t lanhb_keyaccept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen,
+                        const struct sockaddr *from, bool v6mode, lanhb_rsc **rsc, lanhb_node **node,
+                        const lanhb_keyclock *clock)
+{
+    if (count <= 0 || static_cast<size_t>(count) != buflen || buflen < sizeof(lanhb_packet) + LANHB_TRAILER_SIZE)
+        return LANHB_REFUSE_LENGTH;
+    if (!lanhb_tagok(pkt))
+        return LANHB_REFUSE_LENGTH;
+    // Found on the words as received: nothing is converted before the code verifies.
+    const int32_t rscpri = static_cast<int32_t>(ntohl(static_cast<uint32_t>(pkt->rscpri)));
+    const int32_t nodepri = static_cast<int32_t>(ntohl(static_cast<uint32_t>(pkt->nodepri)));
+    int32_t i = 0, j = 0;
+    while (i < list->currsc && lanhb_rscat(list, i)->pri != rscpri)
+        ++i;
+    if (i == list->currsc)
+        return LANHB_REFUSE_SENDER;
+    lanhb_rsc *r = lanhb_rscat(list, i);
+    while (j < list->curnode && lanhb_nodeat(r, j)->pri != nodepri)
+        ++j;
+    if (j == list->curnode)
+        return LANHB_REFUSE_SENDER;
+    peer &p = peerat(list, i, j);
+    if (!addrmatch(p, from, v6mode))
+        return LANHB_REFUSE_SENDER;
+
+    // The sequence as claimed can only get the datagram refused here; it is
+    // recorded only once the code has shown it genuine.
+    const unsigned char *bytes = reinterpret_cast<const unsigned char *>(pkt);
+    const uint64_t claimed = getbe64(bytes + buflen - LANHB_TRAILER_SIZE);
+    if (!lanhb_seqwin_new(&p.win, claimed))
+        return LANHB_REFUSE_REPLAY;
+    const lanhb_keyclock c = clock != nullptr ? *clock : lanhb_keyclocknow();
+    if (!lanhb_seqfresh(claimed, c.now, c.mono - startmono, windowns)) {
+        clockcheck(p, pkt, buflen, r, lanhb_nodeat(r, j), claimed, c);
+        return LANHB_REFUSE_STALE;
     }
-    return nullptr;
+    uint64_t seq = 0;
+    if (!lanhb_keyverify(pkt, buflen, &seq))
+        return LANHB_REFUSE_CODE;
+    lanhb_seqwin_accept(&p.win, seq);
+    lanhb_pktorder(pkt);
+    *rsc = r;
+    *node = lanhb_nodeat(r, j);
+    return LANHB_ACCEPTED;
 }

@@ -207,12 +207,18 @@ void lanhb_ipnozone(const char *ip, char out[LANHB_NAME_SIZE]);
 // mode) matches the configured address text `ip`. `exact` (keyed mode): an
 // IPv4 address must be the whole mapped address, not a part of its text.
 bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode, bool exact = false);
+// Whether the datagram's tag is "lanhb" or "hbdown" (over the word's length).
+bool lanhb_tagok(const lanhb_packet *pkt);
+// Converts the six 32-bit words from 296 on to host order, in place.
+void lanhb_pktorder(lanhb_packet *pkt);
 // Acceptance of one received datagram of `count` bytes in a buffer of
-// `buflen` bytes: length, (keyed) code, tag, byte order (converted in place),
-// path, node, sender address, (keyed) sequence. On success (0) *rsc and
+// `buflen` bytes: length, tag, byte order (converted in place), path, node,
+// sender address; keyed, lanhb_keyaccept's rules (on `clock` when given).
+// On success (0) *rsc and
 // *node are the matched records; otherwise the LANHB_REFUSE_* reason.
+struct lanhb_keyclock;
 int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
-                     bool v6mode, lanhb_rsc **rsc, lanhb_node **node);
+                     bool v6mode, lanhb_rsc **rsc, lanhb_node **node, const lanhb_keyclock *clock = nullptr);
 
 // ---- sending -----------------------------------------------------------------
 

@@ -118,29 +118,33 @@ bool lanhb_ipmatch(const char *ip, const struct sockaddr *from, bool v6mode, boo
     return strcasecmp(canon, sender) == 0;
 }
 
+bool lanhb_tagok(const lanhb_packet *pkt)
+{
+    return std::memcmp(pkt->tag, LANHB_TAG_HB, sizeof LANHB_TAG_HB - 1) == 0 ||
+           std::memcmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) == 0;
+}
+
+void lanhb_pktorder(lanhb_packet *pkt)
+{
+    pkt->sendtime = ntohl(pkt->sendtime);
+    for (int32_t *w : {&pkt->nodepri, &pkt->rscpri, &pkt->rscstat, &pkt->reserved2, &pkt->nodelen})
+        *w = static_cast<int32_t>(ntohl(static_cast<uint32_t>(*w)));
+}
+
 int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t buflen, const struct sockaddr *from,
-                     bool v6mode, lanhb_rsc **rsc, lanhb_node **node)
+                     bool v6mode, lanhb_rsc **rsc, lanhb_node **node, const lanhb_keyclock *clock)
 {
     const bool keyed = lanhb_keyed();
     // While a key is being introduced, an unsigned datagram of the plain
     // length is taken by the unkeyed rules (but from the exact address).
-    const bool sealed = keyed && !(lanhb_keyunsigned() && count > 0 &&
-                                   static_cast<size_t>(count) == buflen - LANHB_TRAILER_SIZE);
-    const size_t want = keyed && !sealed ? buflen - LANHB_TRAILER_SIZE : buflen;
-    uint64_t seq = 0;
-    // Keyed, the receive call reports the datagram's own length, so a longer
-    // one fails here instead of being cut to fit.
+    if (keyed && !(lanhb_keyunsigned() && count > 0 && static_cast<size_t>(count) == buflen - LANHB_TRAILER_SIZE))
+        return lanhb_keyaccept(list, pkt, count, buflen, from, v6mode, rsc, node, clock);
+    const size_t want = keyed ? buflen - LANHB_TRAILER_SIZE : buflen;
     if (count <= 0 || static_cast<size_t>(count) != want || want < sizeof(lanhb_packet))
         return LANHB_REFUSE_LENGTH;
-    if (sealed && !lanhb_keyverify(pkt, buflen, &seq))
-        return LANHB_REFUSE_CODE;
-    if (std::memcmp(pkt->tag, LANHB_TAG_HB, sizeof LANHB_TAG_HB - 1) != 0 &&
-        std::memcmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) != 0)
+    if (!lanhb_tagok(pkt))
         return LANHB_REFUSE_LENGTH;
-
-    pkt->sendtime = ntohl(pkt->sendtime);
-    for (int32_t *w : {&pkt->nodepri, &pkt->rscpri, &pkt->rscstat, &pkt->reserved2, &pkt->nodelen})
-        *w = static_cast<int32_t>(ntohl(static_cast<uint32_t>(*w)));
+    lanhb_pktorder(pkt);
 
     lanhb_rsc *r = nullptr;
     for (int32_t i = 0; i < list->currsc && r == nullptr; ++i)
@@ -154,8 +158,6 @@ int32_t lanhb_accept(lanhb_list *list, lanhb_packet *pkt, ssize_t count, size_t 
             n = lanhb_nodeat(r, j);
     if (n == nullptr || !lanhb_ipmatch(n->ip, from, v6mode, keyed))
         return LANHB_REFUSE_SENDER;
-    if (sealed && !lanhb_seqwin_accept(lanhb_keywin(list, r, n), seq))
-        return LANHB_REFUSE_REPLAY;
     *rsc = r;
     *node = n;
     return LANHB_ACCEPTED;

@@ -4,7 +4,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstring>
 
 #include <linux/sock_diag.h>
@@ -16,8 +18,8 @@
 namespace {
 
 constexpr const char *WHY[HBEXT_REFUSED_COUNT] = {
-    "wrong length or tag", "unknown path, node or address", "code does not verify (other key or none)",
-    "replayed or too old", "dropped in the kernel"};
+    "wrong length or tag", "unknown path, node or address", "code does not verify: other key or none",
+    "accepted once already", "dropped in the kernel", "outside the clock window or from before this start"};
 
 constexpr int64_t LOG_EVERY_S = 60;
 constexpr int SOURCES = 16; // sources remembered for rate limiting
@@ -25,7 +27,7 @@ constexpr int SOURCES = 16; // sources remembered for rate limiting
 struct source {
     in6_addr addr{}; // IPv4 as mapped
     hbtick_t logged = 0;
-    uint64_t pending = 0; // refused since the last line
+    std::array<uint64_t, HBEXT_REFUSED_COUNT> pending{}; // refused since the last line, by reason
     bool used = false;
 };
 
@@ -57,19 +59,20 @@ void publish()
 
 } // namespace
 
-void lanhb_refused(int32_t reason, const struct sockaddr *from)
+void lanhb_refused(int32_t reason, const struct sockaddr *from, const hbtick_t *batch)
 {
     if (reason < 1 || reason > HBEXT_REFUSED_COUNT)
         return;
     ++counts[static_cast<size_t>(reason - 1)];
-    publish();
+    if (batch == nullptr)
+        publish();
     // Without a key a refusal stays silent in the log, as the receiver has
     // always done; only the counters tell.
     if (!lanhb_keyed())
         return;
 
     const in6_addr a = key(from);
-    const hbtick_t now = hbtick_now();
+    const hbtick_t t = batch != nullptr ? *batch : hbtick_now();
     source *s = nullptr;
     source *oldest = &sources[0];
     for (source &c : sources) {
@@ -83,21 +86,35 @@ void lanhb_refused(int32_t reason, const struct sockaddr *from)
     const hbtick_t every = static_cast<hbtick_t>(LOG_EVERY_S * tckconf);
     if (s == nullptr) {
         s = oldest;
-        *s = source{a, now - every, 0, true};
+        *s = source{a, t - every, {}, true};
     }
-    ++s->pending;
-    if (now - s->logged < every)
+    ++s->pending[static_cast<size_t>(reason - 1)];
+    if (t - s->logged < every)
         return;
     char text[INET6_ADDRSTRLEN] = "?";
     if (IN6_IS_ADDR_V4MAPPED(&a))
         inet_ntop(AF_INET, a.s6_addr + 12, text, sizeof text);
     else
         inet_ntop(AF_INET6, &a, text, sizeof text);
-    HBLOG(HBLOG_LAN, HBLV_WARN, "refused %llu datagram(s) from %s: %s (%s)", static_cast<unsigned long long>(s->pending),
-          text, HBEXT_REFUSED_NAMES[reason - 1], WHY[reason - 1]);
-    s->pending = 0;
-    s->logged = now;
+    // Every reason since the last line with its own count.
+    uint64_t total = 0;
+    char why[512] = "";
+    size_t at = 0;
+    for (size_t k = 0; k < s->pending.size(); ++k) {
+        if (s->pending[k] == 0)
+            continue;
+        total += s->pending[k];
+        const int n = std::snprintf(why + at, sizeof why - at, "%s%s %llu (%s)", at == 0 ? "" : ", ",
+                                    HBEXT_REFUSED_NAMES[k], static_cast<unsigned long long>(s->pending[k]), WHY[k]);
+        at = std::min(sizeof why - 1, at + static_cast<size_t>(std::max(n, 0)));
+    }
+    HBLOG(HBLOG_LAN, HBLV_WARN, "refused %llu datagram(s) from %s: %s", static_cast<unsigned long long>(total), text,
+          why);
+    s->pending.fill(0);
+    s->logged = t;
 }
+
+void lanhb_refusedpublish() { publish(); }
 
 namespace {
 

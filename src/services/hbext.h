@@ -11,9 +11,9 @@ inline constexpr int HBEXT_KEY_SIZE = 32;
 inline constexpr char HBEXT_KEY_DEFAULT[] = "etc/authkey";
 
 // Counters of refused LAN datagrams, one per reason, in this order.
-inline constexpr int HBEXT_REFUSED_COUNT = 5;
-inline constexpr const char *HBEXT_REFUSED_NAMES[HBEXT_REFUSED_COUNT] = {"length", "sender", "code", "replay",
-                                                                         "filter"};
+inline constexpr int HBEXT_REFUSED_COUNT = 6;
+inline constexpr const char *HBEXT_REFUSED_NAMES[HBEXT_REFUSED_COUNT] = {"length", "sender", "code",
+                                                                         "replay", "filter", "stale"};
 
 // The heartbeat threads that show their progress (hbext_progress), by kind,
 // and the names the platform shows them by: those of their entry functions,

@@ -1,7 +1,10 @@
 // The cluster key where only a unit test reaches cheaply: key file refusals,
-// the trailer's bytes, the replay window, acceptance with one and two keys,
-// the kernel filter on real loopback sockets, and the rate-limited refusal log.
+// the trailer's bytes, the replay window, freshness at its edges, acceptance
+// with one and two keys, the loopback socket and the batch receive, the
+// kernel filter on real loopback sockets, and the rate-limited refusal log.
 #include <poll.h>
+#include <sodium.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <filesystem>
@@ -63,6 +66,28 @@ TEST_F(KeyTest, ReplayWindow)
         EXPECT_EQ(lanhb_seqwin_accept(&w, seq), ok) << seq;
 }
 
+TEST_F(KeyTest, FreshnessAndNextSequenceAtTheirEdges)
+{
+    constexpr uint64_t W = 2000, NOW = 1000000, LONG = 10 * W;
+    // sequence, receiver up for, fresh: within the window either way, never
+    // from before the receiver's start
+    const std::tuple<uint64_t, uint64_t, bool> fresh[] = {
+        {NOW, LONG, true},      {NOW + W, LONG, true},  {NOW + W + 1, LONG, false}, {NOW - W, LONG, true},
+        {NOW - W - 1, LONG, false}, {NOW - 500, 500, true}, {NOW - 501, 500, false},  {NOW + W, 0, true},
+        {NOW - 1, 0, false},    {0, LONG, false},       {UINT64_MAX, LONG, false},
+    };
+    for (const auto &[seq, up, want] : fresh)
+        EXPECT_EQ(lanhb_seqfresh(seq, NOW, up, W), want) << seq << " up " << up;
+    // previous, clock, next: the clock while it moves on, one more while it
+    // stands or went back within the window, the clock again past that
+    const std::tuple<uint64_t, uint64_t, uint64_t> next[] = {
+        {0, NOW, NOW},         {NOW, NOW, NOW + 1},         {NOW, NOW + 5, NOW + 5},
+        {NOW + W, NOW, NOW + W + 1}, {NOW + W + 1, NOW, NOW}, {NOW + 86400 * W, NOW, NOW},
+    };
+    for (const auto &[prev, clock, want] : next)
+        EXPECT_EQ(lanhb_seqnext(prev, clock, W), want) << prev << " at " << clock;
+}
+
 TEST_F(KeyTest, KeyFileChecks)
 {
     namespace fs = std::filesystem;
@@ -74,7 +99,7 @@ TEST_F(KeyTest, KeyFileChecks)
         {"group", LANHB_KEY_SIZE, 0640, LANHB_KEY_MODE},    {"other", LANHB_KEY_SIZE, 0604, LANHB_KEY_MODE},
         {"short", LANHB_KEY_SIZE - 1, 0600, LANHB_KEY_SIZE_BAD}, {"long", LANHB_KEY_SIZE + 1, 0600, LANHB_KEY_SIZE_BAD},
         {"link", 0, 0, LANHB_KEY_SYMLINK},                 {"dir", 0, 0, LANHB_KEY_MODE},
-        {"missing", 0, 0, LANHB_KEY_MISSING},
+        {"fifo", 0, 0, LANHB_KEY_MODE},                    {"missing", 0, 0, LANHB_KEY_MISSING},
     };
     const std::string raw(k7.begin(), k7.end());
     for (const auto &[name, size, mode, want] : cases)
@@ -82,6 +107,7 @@ TEST_F(KeyTest, KeyFileChecks)
             std::ofstream(dir / name) << (raw + raw).substr(0, size), fs::permissions(dir / name, fs::perms(mode));
     fs::create_symlink(dir / "good", dir / "link");
     fs::create_directory(dir / "dir");
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0); // opening it must not wait for a writer
     for (const auto &[name, size, mode, want] : cases) {
         keybuf k{};
         EXPECT_EQ(lanhb_keyfile((dir / name).c_str(), k.data()), want) << name;
@@ -105,41 +131,117 @@ TEST_F(KeyTest, KeyFileChecks)
     fs::remove_all(dir);
 }
 
+uint64_t realns()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return uint64_t(ts.tv_sec) * 1000000000 + uint64_t(ts.tv_nsec);
+}
+
+// A down packet of node2 on lan1 with the trailer of `seq` under key `k`;
+// `forged` spoils the code.
+bytes sealed(const lanhb_list *list, const keybuf &k, uint64_t seq, bool forged = false)
+{
+    const size_t plain = lanhb_pktlen(list->maxnode);
+    bytes buf(plain + LANHB_TRAILER_SIZE);
+    auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
+    lanhb_pktinit(pkt, list, LANHB_TAG_DOWN);
+    pkt->nodepri = static_cast<int32_t>(htonl(2)), pkt->rscpri = static_cast<int32_t>(htonl(10));
+    for (int i = 0; i < 8; ++i)
+        buf[plain + size_t(i)] = static_cast<unsigned char>(seq >> (56 - 8 * i));
+    crypto_generichash(buf.data() + plain + 8, 32, buf.data(), plain + 8, k.data(), k.size());
+    buf.back() ^= forged ? 1 : 0;
+    return buf;
+}
+
 // Where keyed acceptance differs from the plain one (forgery, replay and other
 // keys end to end are the system tests'): the sender's address must be exact,
-// and while keys change a second key and unsigned datagrams count too.
+// the sequence fresh and new, checked before the code but recorded only after
+// it; and while keys change a second key and unsigned datagrams count too.
 TEST_F(KeyTest, KeyedAcceptance)
 {
     cluster("127.0.0.1", "198.18.0.2");
     list_ptr list = load();
     const keybuf key = testkey(0), other = testkey(9);
     const size_t plain = lanhb_pktlen(list->maxnode), wire = plain + LANHB_TRAILER_SIZE;
-    auto sealed = [&](const keybuf &k) {
-        bytes buf(wire);
-        auto *pkt = reinterpret_cast<lanhb_packet *>(buf.data());
-        lanhb_pktinit(pkt, list.get(), LANHB_TAG_DOWN);
-        pkt->nodepri = static_cast<int32_t>(htonl(2)), pkt->rscpri = static_cast<int32_t>(htonl(10));
-        lanhb_keyset(k.data());
-        lanhb_keyseal(pkt, plain);
-        return buf;
-    };
-    const bytes genuine = sealed(key), bysecond = sealed(other);
     const char *peer = "::ffff:198.18.0.2", *near = "::ffff:198.18.0.20"; // contains the peer's text
-    // datagram, length, source, verdict with the key, while keys change
-    const std::tuple<bytes, size_t, const char *, int32_t, int32_t> rows[] = {
-        {genuine, wire, peer, LANHB_ACCEPTED, LANHB_ACCEPTED},
-        {genuine, wire, peer, LANHB_REFUSE_REPLAY, LANHB_REFUSE_REPLAY},
-        {sealed(key), wire, near, LANHB_REFUSE_SENDER, LANHB_REFUSE_SENDER},
-        {genuine, plain, peer, LANHB_REFUSE_LENGTH, LANHB_ACCEPTED},
-        {genuine, plain, near, LANHB_REFUSE_LENGTH, LANHB_REFUSE_SENDER},
-        {bysecond, wire, peer, LANHB_REFUSE_CODE, LANHB_ACCEPTED},
+    constexpr int64_t W = 2000000000, BEFORE = INT64_MIN;                 // BEFORE: the receiver's start - 1
+    // key, sequence (ns after the start), forged, length, source, verdict with the key, while keys change
+    const std::tuple<const keybuf *, int64_t, bool, size_t, const char *, int32_t, int32_t> rows[] = {
+        {&key, BEFORE, false, wire, peer, LANHB_REFUSE_STALE, LANHB_REFUSE_STALE},
+        {&key, 1, false, wire, peer, LANHB_ACCEPTED, LANHB_ACCEPTED},
+        {&key, 1, false, wire, peer, LANHB_REFUSE_REPLAY, LANHB_REFUSE_REPLAY},
+        {&key, 3, true, wire, peer, LANHB_REFUSE_CODE, LANHB_REFUSE_CODE},
+        {&key, 3, false, wire, peer, LANHB_ACCEPTED, LANHB_ACCEPTED}, // the forgery recorded nothing
+        {&key, 2, false, wire, peer, LANHB_ACCEPTED, LANHB_ACCEPTED}, // late but unseen
+        {&key, 3 * W, false, wire, peer, LANHB_REFUSE_STALE, LANHB_REFUSE_STALE},
+        {&key, 4, false, wire, near, LANHB_REFUSE_SENDER, LANHB_REFUSE_SENDER},
+        {&key, 5, false, plain, peer, LANHB_REFUSE_LENGTH, LANHB_ACCEPTED},
+        {&key, 5, false, plain, near, LANHB_REFUSE_LENGTH, LANHB_REFUSE_SENDER},
+        {&other, 6, false, wire, peer, LANHB_REFUSE_CODE, LANHB_ACCEPTED},
     };
+    lanhb_keywindow(2000);
     for (bool changing : {false, true}) {
+        const uint64_t before = realns();
         changing ? lanhb_keyset(key.data(), other.data(), true) : lanhb_keyset(key.data()); // fresh windows
-        for (const auto &[dgram, count, from, keyed, both] : rows)
-            EXPECT_EQ(verdict(list.get(), dgram, count, wire, from, true), changing ? both : keyed)
-                << from << " " << count << " changing " << changing;
+        const uint64_t start = realns();
+        for (const auto &[k, at, forged, count, from, keyed, both] : rows)
+            EXPECT_EQ(verdict(list.get(), sealed(list.get(), *k, at == BEFORE ? before - 1 : start + uint64_t(at), forged),
+                              count, wire, from, true),
+                      changing ? both : keyed)
+                << from << " " << count << " at " << at << " changing " << changing;
     }
+    // The datagram from a clock 6 s ahead was genuine: the log says so, once a start.
+    EXPECT_EQ(lancount("lan1/node(node2(2)) : datagram dated +599"), 2);
+    EXPECT_EQ(lancount("ms from this node's clock, outside the window of 2000 ms"), 2);
+}
+
+// The node's own heartbeats come in on a socket of their own, taken in
+// batches; once it is bound nobody else can bind the port.
+TEST_F(LoopTest, LoopbackSocketTakesOwnHeartbeatsInBatches)
+{
+    const keybuf key = testkey(0);
+    lanhb_keyset(key.data());
+    loop("198.18.0.2");
+    const int main = socket(AF_INET6, SOCK_DGRAM, 0), off = 0;
+    setsockopt(main, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    sockaddr_storage any = addr("::");
+    reinterpret_cast<sockaddr_in6 *>(&any)->sin6_port = htons(port);
+    ASSERT_EQ(bind(main, sap(&any), sizeof(sockaddr_in6)), 0);
+    const int own = lanhb_loopsock(list.get(), main);
+    ASSERT_GE(own, 0);
+    for (auto [family, text] : {std::pair{AF_INET, "127.0.0.1"}, {AF_INET6, "::"}}) {
+        sockaddr_storage sa = addr(text);
+        reinterpret_cast<sockaddr_in *>(&sa)->sin_port = htons(port); // the same place in both families
+        const int fd = socket(family, SOCK_DGRAM, 0), on = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+        EXPECT_NE(bind(fd, sap(&sa), family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6)), 0) << text;
+        close(fd);
+    }
+    const size_t wire = lanhb_wirelen(list->maxnode);
+    bytes out(wire);
+    auto *pkt = reinterpret_cast<lanhb_packet *>(out.data());
+    lanhb_pktinit(pkt, list.get(), LANHB_TAG_HB);
+    lanhb_pktrsc(pkt, lanhb_rscat(list.get(), 0));
+    const int tx = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_storage to = addr("127.0.0.1");
+    reinterpret_cast<sockaddr_in *>(&to)->sin_port = htons(port);
+    for (int i = 0; i < 3; ++i)
+        sendto(tx, out.data(), lanhb_keyseal(pkt, lanhb_pktlen(list->maxnode)), 0, sap(&to), sizeof(sockaddr_in));
+    sendto(tx, out.data(), wire, 0, sap(&to), sizeof(sockaddr_in)); // the last one again
+    close(tx);
+    pollfd p{own, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 2000), 1);
+    usleep(50000);
+    std::unique_ptr<lanhb_batch, void (*)(lanhb_batch *)> b(lanhb_batchnew(wire), lanhb_batchfree);
+    hbtick_t maxrecv = 0;
+    lanhb_refusedstart(own);
+    EXPECT_EQ(lanhb_recvbatch(list.get(), b.get(), main, true, &maxrecv), 0); // nothing on the wildcard socket
+    EXPECT_EQ(lanhb_recvbatch(list.get(), b.get(), own, false, &maxrecv), 4);
+    EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_ONLINE);
+    EXPECT_EQ(fake::refused()[LANHB_REFUSE_REPLAY - 1], 1u);
+    close(own);
+    close(main);
 }
 
 // Sends `len` bytes from `src` (IPv4 as mapped) to the loopback's `port`.
@@ -190,7 +292,7 @@ TEST_F(KeyTest, FilterPassesOnlyKeyedLengthFromMembers)
     close(fd);
 }
 
-TEST_F(KeyTest, RefusalsLoggedOncePerSourcePerMinute)
+TEST_F(KeyTest, RefusalsLoggedOncePerSourcePerMinuteByReason)
 {
     hbtick_source = fakenow;
     now = 5000;
@@ -206,15 +308,17 @@ TEST_F(KeyTest, RefusalsLoggedOncePerSourcePerMinute)
     for (int i = 0; i < 3; ++i)
         refuse(LANHB_REFUSE_SENDER, a);
     refuse(LANHB_REFUSE_CODE, b);
-    EXPECT_EQ(lancount("refused 1 datagram(s) from 198.18.0.20: sender"), 1);
-    EXPECT_EQ(lancount("refused 1 datagram(s) from 2001:db8::fe: code"), 1);
+    EXPECT_EQ(lancount("refused 1 datagram(s) from 198.18.0.20: sender 1 (unknown path, node or address)"), 1);
+    EXPECT_EQ(lancount("refused 1 datagram(s) from 2001:db8::fe: code 1 ("), 1);
     now += 59 * tckconf;
     refuse(LANHB_REFUSE_REPLAY, a);
     EXPECT_EQ(lancount("refused "), 2);
     now += 1 * tckconf;
-    refuse(LANHB_REFUSE_REPLAY, a);
-    EXPECT_EQ(lancount("refused 4 datagram(s) from 198.18.0.20: replay"), 1);
-    EXPECT_EQ(fake::refused(), (std::array<uint64_t, HBEXT_REFUSED_COUNT>{1, 3, 1, 2, 0}));
+    refuse(LANHB_REFUSE_STALE, a);
+    EXPECT_EQ(lancount("refused 4 datagram(s) from 198.18.0.20: sender 2 (unknown path, node or address), "
+                       "replay 1 (accepted once already), stale 1 ("),
+              1);
+    EXPECT_EQ(fake::refused(), (std::array<uint64_t, HBEXT_REFUSED_COUNT>{1, 3, 1, 1, 0, 1}));
 }
 
 } // namespace
