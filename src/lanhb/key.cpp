@@ -48,6 +48,7 @@ struct peer {
     bool addrok = false;
     uint64_t clocktry = 0; // CLOCK_MONOTONIC ns when a stale datagram's code was last checked
     uint64_t clocklog = 0; // and when the clock line was last written
+    int64_t clockoff = 0;  // with this offset
     bool clocklogged = false;
 };
 std::vector<peer> peers;
@@ -297,9 +298,8 @@ int32_t lanhb_keyload(lanhb_list *list)
         lanhb_keyset(nullptr);
         return LANHB_KEY_NOMEM;
     }
-    HBLOG(HBLOG_LAN, HBLV_ERROR,
-          "cluster key %s: datagrams signed and checked (%d-byte trailer), fresh within %d ms of this node's clock%s%s%s",
-          name, static_cast<int>(LANHB_TRAILER_SIZE), window, also[0] != '\0' ? "; also accepted: key " : "", also,
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "cluster key %s: signed and checked, %d-byte trailer, window %d ms%s%s%s", name,
+          static_cast<int>(LANHB_TRAILER_SIZE), window, also[0] != '\0' ? "; also accepted: key " : "", also,
           open != 0 ? "; unsigned datagrams accepted too" : "");
     return LANHB_KEY_OK;
 }
@@ -382,25 +382,32 @@ constexpr uint64_t CLOCK_LOG_NS = 60000000000ULL;  // and the clock line written
 
 // A stale datagram dated further from this node's clock than the window
 // says something about the sender's clock, but only when its code is
-// genuine: checked now and then, never for every datagram of a flood.
+// genuine: checked now and then, never for every datagram of a flood. The
+// line comes once a minute, or at once when the offset moved by more than
+// the window (a clock stepped again).
 void clockcheck(peer &p, const lanhb_packet *pkt, size_t buflen, const lanhb_rsc *rsc, const lanhb_node *node,
                 uint64_t seq, const lanhb_keyclock &c)
 {
     if (seq <= c.now + windowns && seq + windowns >= c.now)
         return; // within the window: from before this receiver's start, not a clock matter
-    if ((p.clocklogged && c.mono - p.clocklog < CLOCK_LOG_NS) || (p.clocktry != 0 && c.mono - p.clocktry < CLOCK_TRY_NS))
+    if (p.clocktry != 0 && c.mono - p.clocktry < CLOCK_TRY_NS)
+        return;
+    const auto off = static_cast<int64_t>(seq - c.now);
+    const uint64_t diff = static_cast<uint64_t>(off) - static_cast<uint64_t>(p.clockoff);
+    const uint64_t moved = std::min(diff, 0 - diff); // either way, without overflow
+    if (p.clocklogged && c.mono - p.clocklog < CLOCK_LOG_NS && moved <= windowns)
         return;
     p.clocktry = c.mono;
     uint64_t verified = 0;
     if (!lanhb_keyverify(pkt, buflen, &verified))
         return;
     p.clocklog = c.mono;
+    p.clockoff = off;
     p.clocklogged = true;
-    const long long off = static_cast<long long>(seq - c.now) / 1000000;
-    HBLOG(HBLOG_LAN, HBLV_ERROR,
-          "%s/node(%s(%d)) : datagram dated %+lld ms from this node's clock, outside the window of %d ms: refused "
-          "(clocks apart, or delayed)",
-          rsc->name, node->name, node->pri, off, static_cast<int>(windowns / 1000000));
+    const int64_t rem = off % 1000000; // to the nearest millisecond
+    const int64_t ms = off / 1000000 + (rem >= 500000 ? 1 : rem <= -500000 ? -1 : 0);
+    HBLOG(HBLOG_LAN, HBLV_ERROR, "%s/node(%s(%d)) : datagram dated %+lld ms off this node's clock, window %d ms",
+          rsc->name, node->name, node->pri, static_cast<long long>(ms), static_cast<int>(windowns / 1000000));
 }
 
 } // namespace

@@ -192,8 +192,8 @@ TEST_F(KeyTest, KeyedAcceptance)
                 << from << " " << count << " at " << at << " changing " << changing;
     }
     // The datagram from a clock 6 s ahead was genuine: the log says so, once a start.
-    EXPECT_EQ(lancount("lan1/node(node2(2)) : datagram dated +599"), 2);
-    EXPECT_EQ(lancount("ms from this node's clock, outside the window of 2000 ms"), 2);
+    EXPECT_EQ(lancount("lan1/node(node2(2)) : datagram dated +"), 2);
+    EXPECT_EQ(lancount(" ms off this node's clock, window 2000 ms"), 2);
 }
 
 // The node's own heartbeats come in on a socket of their own, taken in
