@@ -1,11 +1,14 @@
 """A keyed three-node cluster with a hostile host in the bridges' namespace
-(SPOOF4, whose text contains node 2's address): forged and replayed datagrams
-and a junk flood change nothing, while a crash and a stop are detected as
-without a key."""
+(SPOOF4, whose text contains node 2's address): forged, replayed and delayed
+datagrams and a junk flood change nothing, while a crash and a stop are
+detected as without a key; a clock set ahead and back costs its node the
+window, not a lockout."""
 
 import os
 import random
 import signal
+import struct
+import subprocess
 import time
 
 import pytest
@@ -13,13 +16,14 @@ import pytest
 from zemcluster.cluster import started
 from zemcluster.layout import KEY_FILE, LAN4, LAN_PATHS, PATH_PRI, TRAILER
 from zemcluster.observe import events, node_line, wait_healthy
-from zemcluster.procs import wait_until
+from zemcluster.procs import run, wait_until
 from zemcluster.wire import heartbeat
 # The same scenarios as without a key, collected here again on the keyed cluster.
 from test_cluster import (healthy, test_crash_is_detected_after_the_timeout_on_every_path,  # noqa: F401
                           test_hangup_of_run_stops_the_daemon_and_announces_the_down_at_once)
 
 SPOOF4 = "198.18.0.20"
+WINDOW = 2      # seconds: the freshness window is the time-out by default
 
 
 @pytest.fixture(scope="module")
@@ -46,9 +50,11 @@ def test_forged_datagrams_and_a_flood_change_nothing(healthy):
     rng = random.Random(20)
     keyed = len(heartbeat(1, 0)) + TRAILER
     junk = [rng.randbytes(rng.choice([1, 64, 576, keyed, keyed + 1, 1400])) for _ in range(30)]
-    # Heartbeats and down notices of every member, unsigned and with a made-up code.
+    # Heartbeats and down notices of every member, unsigned and with a fresh
+    # sequence under a made-up code.
+    fresh = struct.pack(">Q", time.time_ns())
     forged = [heartbeat(n.pri, PATH_PRI[LAN4], tag=tag) + tail for n in healthy.nodes
-              for tag in (b"lanhb", b"hbdown") for tail in (b"", rng.randbytes(TRAILER))]
+              for tag in (b"lanhb", b"hbdown") for tail in (b"", fresh + rng.randbytes(TRAILER - 8))]
     before = n1.refused()
     t0 = time.time()
     # From a member's own address the filter lets it through; the code stops it.
@@ -93,6 +99,113 @@ def test_replayed_down_packets_and_heartbeats_are_refused(healthy):
         assert grown(before, n1, "replay") >= len(downs) + 12
     finally:
         os.kill(pid, signal.SIGCONT)
+
+    # node1 restarted in resume mode (it takes its peers' states over) while
+    # node3 is frozen: node2's old down notice takes nobody offline, and
+    # node3's old heartbeats, from before the new receiver's start, keep it
+    # alive no longer.
+    assert not wait_healthy(healthy, 15)
+    os.kill(pid, signal.SIGSTOP)
+    try:
+        assert n1.stop() == 0
+        n1.zemctl("set", "waitstat", "1")
+        t0 = time.time()
+        n1.start()
+        assert wait_until(lambda: events(n1, "lanhb", "recv thread initialized", t0), 10)
+        before = n1.refused()
+        healthy.send_datagrams(n2.ns, n2.ip4, n1.ip4, downs)
+        healthy.send_datagrams(n3.ns, n3.ip4, n1.ip4, (beats * 4)[:12], per_second=2)
+        assert lan_states(n1, n2) == ONLINE and not events(n1, "lanhb", "DOWNPACKET", t0)
+        assert lan_states(n1, n3) == OFFLINE
+        # node2's downs are older than what node1 has heard of it since: replays, or stale.
+        stale = grown(before, n1, "stale")
+        assert stale >= 12 and stale + grown(before, n1, "replay") == len(downs) + 12, n1.refused()
+    finally:
+        os.kill(pid, signal.SIGCONT)
+        n1.zemctl("set", "waitstat", "0")
+
+
+def test_a_delay_line_beyond_the_window_keeps_no_node_alive(healthy):
+    """node2's lan4 datagrams to node1 reach it only through a relay in the
+    bridges' namespace that sends them again twice the window late."""
+    n1, n2, _ = healthy.nodes
+    br, ports = healthy.bridge_ns, ("v4n1", "v4n2")
+    mac1 = run(["ip", "-n", n1.ns, "-br", "link", "show", LAN4]).stdout.split()[2]
+    # node2 keeps addressing node1, whose answers to its address queries the bridge now drops.
+    run(["ip", "-n", n2.ns, "neigh", "replace", n1.ip4, "lladdr", mac1, "dev", LAN4, "nud", "permanent"])
+    for port in ports:
+        run(["bridge", "-n", br, "link", "set", "dev", port, "isolated", "on"])
+    before = n1.refused()
+    t0 = time.time()
+    relay = healthy.relay_start(br, "v4n2", n2.ip4, n1.ip4, 9, 2 * WINDOW)
+    try:
+        assert wait_until(lambda: lan_states(n1, n2)[LAN4] == "OFFLINE", WINDOW + 3)
+        while time.time() < t0 + 8.5:       # the relayed datagrams arrive from t0 + 4 s on
+            assert lan_states(n1, n2)[LAN4] == "OFFLINE"
+            time.sleep(0.25)
+        resent = healthy.relay_result(relay, 10)
+    finally:
+        relay.kill()
+        relay.wait()
+        for port in ports:
+            run(["bridge", "-n", br, "link", "set", "dev", port, "isolated", "off"])
+        run(["ip", "-n", n2.ns, "neigh", "del", n1.ip4, "dev", LAN4])
+    assert resent >= 6 and grown(before, n1, "stale") == resent, (resent, n1.refused())
+    assert events(n1, "lanhb", f"{LAN4}/node({n2.name}({n2.pri})) : datagram dated -", t0)
+
+
+def test_a_key_file_that_is_a_fifo_is_refused_at_once(healthy):
+    n3 = healthy[3]
+    assert n3.stop() == 0
+    key = n3.read_key()
+    os.unlink(n3.key_path())
+    os.mkfifo(n3.key_path(), 0o600)
+    try:
+        t0 = time.time()
+        n3.start(wait_daemon=False)
+        assert n3.wait(10) == 14 and time.time() - t0 < 5
+        assert events(n3, "lanhb", "is not a regular file: refused", t0)
+    finally:
+        os.unlink(n3.key_path())
+        n3.write_key(key)
+
+
+def test_a_clock_set_ahead_and_back_costs_its_node_the_window_not_a_lockout(healthy):
+    """node2's processes see their wall clock a day ahead for 5 s (a preloaded
+    shim: the machine's clock is left alone). Last of the module: node2's log
+    holds records dated a day ahead from then on."""
+    n1, n2, _ = healthy.nodes
+    shim, shift = os.path.join(healthy.dir, "clockshift.so"), os.path.join(healthy.dir, "clockshift")
+    subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-o", shim,
+                    os.path.join(os.path.dirname(os.path.abspath(__file__)), "clockshift.c"), "-ldl"], check=True)
+
+    def set_shift(seconds):
+        with open(shift, "wb") as f:
+            f.write(struct.pack("<q", seconds * 10**9))
+
+    set_shift(0)
+    assert n2.stop() == 0
+    asan = os.environ.get("ASAN_OPTIONS", "")   # a preload comes before the sanitizer's runtime
+    n2.extra_env = {"LD_PRELOAD": shim, "ZEM_CLOCKSHIFT": shift,
+                    "ASAN_OPTIONS": f"{asan}:verify_asan_link_order=0".lstrip(":")}
+    try:
+        n2.start()
+        assert not wait_healthy(healthy, 15)
+        before = n1.refused()
+        t0 = time.time()
+        set_shift(86400)
+        time.sleep(5)
+        set_shift(0)
+        # Heard again at once, without a restart: its sender follows its clock back.
+        assert wait_until(lambda: lan_states(n1, n2) == ONLINE, WINDOW + 1), lan_states(n1, n2)
+        assert grown(before, n1, "stale") >= 8
+        assert events(n1, "lanhb", f"{LAN4}/node({n2.name}({n2.pri})) : datagram dated +864000", t0)
+        # And after its next ordinary restart.
+        assert n2.stop() == 0
+        n2.start()
+        assert not wait_healthy(healthy, 15)
+    finally:
+        n2.extra_env = {}
 
 
 def test_a_key_is_enabled_node_by_node_without_an_offline(tools):

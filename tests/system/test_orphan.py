@@ -1,9 +1,11 @@
 """Two nodes with hbint 3000: the sender gives up after 18 start-up polls
-(500 ms each) that see parent id 1. node1's IPv4 address is written with
-its prefix, "198.18.0.1/24": its peer must hear it all the same."""
+(500 ms each) that no longer see the parent it started with: parent id 1,
+or a child subreaper that took it over. node1's IPv4 address is written
+with its prefix, "198.18.0.1/24": its peer must hear it all the same."""
 
 import os
 import signal
+import sys
 import time
 
 import pytest
@@ -11,7 +13,7 @@ import pytest
 from zemcluster.cluster import started
 from zemcluster.layout import CNT, LAN_PATHS
 from zemcluster.observe import events, log_kind, wait_healthy
-from zemcluster.procs import proc_running, wait_until
+from zemcluster.procs import proc_children, proc_running, wait_until
 from test_cluster import ended, heard_down
 
 POLLS, POLL, SLACK = 18, 0.5, 0.1
@@ -51,3 +53,37 @@ def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):
     assert wait_until(offline_on_peer, 5), n1.status()
     assert heard_down(n1, n2, t0, [*LAN_PATHS, CNT])
     assert not events(n1, "lanhb", "**TIMEOUT(", t0) + events(n1, "cnthb", "**TIMEOUT(", t0)
+
+
+# A service manager of its own: a child subreaper (PR_SET_CHILD_SUBREAPER)
+# that starts the command and reaps whatever ends below it.
+SUBREAPER = """import ctypes, os, subprocess, sys
+ctypes.CDLL(None).prctl(36, 1)
+subprocess.Popen(sys.argv[1:])
+while True:
+    try:
+        os.wait()
+    except ChildProcessError:
+        break
+"""
+
+
+def test_daemon_orphaned_under_a_subreaper_stops_itself_with_the_down_notice_its_start_asked(slow):
+    n1, n2 = slow.nodes
+    if n2.running():
+        n2.wait(15)
+    n2.zemctl("set", "down", "off")     # left by an earlier stop: "zemctl run" sets it anew
+    n2.spawn([sys.executable, "-c", SUBREAPER, slow.zemctl, "run", "--daemon", slow.daemon])
+
+    def child(pid):
+        return (proc_children(pid) or [None])[0] if pid else None
+
+    supervisor = wait_until(lambda: child(n2.supervisor_pid()), 10)
+    daemon = wait_until(lambda: child(supervisor), 10)
+    assert supervisor and daemon and not wait_healthy(slow, 20)
+    t0 = time.time()
+    os.kill(supervisor, signal.SIGKILL)
+    assert wait_until(lambda: not proc_running(daemon), POLLS * POLL + 15), "daemon still running"
+    assert events(n2, "lanhb", f"lanhb self down. countover1={POLLS}", t0)
+    assert events(n2, "lanhb", "send downpacket : YES", t0)
+    assert heard_down(n1, n2, t0, [*LAN_PATHS, CNT])

@@ -7,9 +7,15 @@
         send the datagrams stored in FILE (each a 4-byte big-endian length,
         then the bytes) from SRC (port any) to DST:PORT, at most PER_SECOND
         of them per second (0 = as fast as possible); print the count sent.
-    netprobe.py flood SRC DST PORT FILE SECONDS
+    netprobe.py flood SRC DST PORT FILE SECONDS [FRESH]
         send the datagrams of FILE over and over, as fast as one socket can,
-        for SECONDS; print the count sent.
+        for SECONDS; print the count sent. FRESH 1: the 8 bytes 40 before
+        each datagram's end (a keyed datagram's sequence) are the current
+        wall-clock time in ns, renewed every 256 datagrams.
+    netprobe.py relay IFACE SRC DST PORT SECONDS DELAY
+        for SECONDS, take the IPv4 UDP datagrams from SRC to DST:PORT seen on
+        IFACE and send each again DELAY seconds later, from SRC (a raw
+        socket: SRC need not be an address of this host); print the count.
     netprobe.py sniff IFACE PORT SECONDS FILE
         capture the IPv4 UDP datagrams to PORT seen on IFACE for SECONDS and
         store them in FILE as 4-byte length, 4-byte source address, payload;
@@ -55,20 +61,61 @@ def _sender(src, dst):
     return s
 
 
-def flood(src, dst, port, path, seconds):
-    payloads = _load(path)
+def flood(src, dst, port, path, seconds, fresh="0"):
+    payloads = [bytearray(p) for p in _load(path)]
     s = _sender(src, dst)
     to = (dst, int(port))
     end = time.monotonic() + float(seconds)
     sent = 0
     while time.monotonic() < end:
-        for p in payloads:
-            try:
-                s.sendto(p, to)
-                sent += 1
-            except OSError:
-                pass
+        if fresh == "1":
+            now = time.time_ns()
+            for p in payloads:
+                struct.pack_into(">Q", p, len(p) - 40, now)
+        for _ in range(256 // len(payloads) + 1):
+            for p in payloads:
+                try:
+                    s.sendto(p, to)
+                    sent += 1
+                except OSError:
+                    pass
     print(sent, flush=True)
+
+
+def _udp4(src, dst, port, payload):
+    """An IPv4 header and a UDP header (no checksum) before payload."""
+    total = 28 + len(payload)
+    ip = struct.pack(">BBHHHBBH4s4s", 0x45, 0, total, 0, 0, 64, 17, 0, socket.inet_aton(src), socket.inet_aton(dst))
+    return ip + struct.pack(">HHHH", 40000, port, 8 + len(payload), 0) + payload
+
+
+def relay(iface, src, dst, port, seconds, delay):
+    # All protocols: on a bridge's port only a tap for every protocol sees a
+    # frame before the bridge takes it.
+    ETH_P_ALL = 3
+    rx = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
+    rx.bind((iface, 0))
+    rx.settimeout(0.05)
+    tx = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
+    want = (socket.inet_aton(src), socket.inet_aton(dst), int(port))
+    held = []           # (due, datagram)
+    end = time.monotonic() + float(seconds)
+    count = 0
+    while time.monotonic() < end:
+        try:
+            frame = rx.recv(65536)
+            ip = frame[14:]
+            ihl = (ip[0] & 0xF) * 4 if ip else 0
+            if (frame[12:14] == b"\x08\x00" and len(ip) >= 28 and ip[9] == 17 and (ip[12:16], ip[16:20], struct.unpack_from(">H", ip, ihl + 2)[0])
+                    == want):
+                payload = ip[ihl + 8:struct.unpack_from(">H", ip, 2)[0]]
+                held.append((time.monotonic() + float(delay), _udp4(src, dst, int(port), payload)))
+        except socket.timeout:
+            pass
+        while held and held[0][0] <= time.monotonic():
+            tx.sendto(held.pop(0)[1], (dst, 0))
+            count += 1
+    print(count, flush=True)
 
 
 def sniff(iface, port, seconds, path):
@@ -120,4 +167,4 @@ def send(src, dst, port, path, per_second="0"):
 
 if __name__ == "__main__":
     cmd, args = sys.argv[1], sys.argv[2:]
-    {"recv": recv, "send": send, "flood": flood, "sniff": sniff}[cmd](*args)
+    {"recv": recv, "send": send, "flood": flood, "sniff": sniff, "relay": relay}[cmd](*args)

@@ -47,6 +47,31 @@ class Wire:
         """Send payloads over and over, as fast as one socket can, for seconds; return the count."""
         return self._probe_send(ns, "flood", src, dst, payloads, port, seconds, seconds + 30)
 
+    def flood_fresh(self, ns, src, dst, payloads, seconds, port=RECV_PORT):
+        """flood() of keyed datagrams whose sequence is kept at the current time; return the count."""
+        path = os.path.join(self.dir, f"dgrams-{time.monotonic_ns()}")
+        with open(path, "wb") as f:
+            for p in payloads:
+                f.write(struct.pack(">I", len(p)) + p)
+        try:
+            res = self.ns_exec(ns, [sys.executable, NETPROBE, "flood", src, dst, str(port), path, str(seconds), "1"],
+                               timeout=seconds + 30)
+        finally:
+            os.unlink(path)
+        return int(res.stdout.strip() or 0)
+
+    def relay_start(self, ns, iface, src, dst, seconds, delay, port=RECV_PORT):
+        """Start a delay line in namespace ns: each datagram from src to dst seen on
+        iface is sent again, from src, delay seconds later. relay_result() waits for it."""
+        return subprocess.Popen(["ip", "netns", "exec", ns, sys.executable, NETPROBE, "relay", iface, src, dst,
+                                 str(port), str(seconds), str(delay)], stdout=subprocess.PIPE, text=True)
+
+    @staticmethod
+    def relay_result(proc, timeout):
+        """How many datagrams the delay line sent again."""
+        out, _ = proc.communicate(timeout=timeout)
+        return int(out.strip() or 0)
+
     def sniff_start(self, node, seconds, path=LAN4):
         """Start capturing the IPv4 heartbeat datagrams that reach node on path."""
         out = os.path.join(self.dir, f"sniff-{time.monotonic_ns()}")
