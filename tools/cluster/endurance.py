@@ -7,6 +7,9 @@
   endurance.py scale SECONDS [--nodes N]
                                  N nodes (default 32) in steady state, then a
                                  crash and an orderly stop
+  endurance.py flood SECONDS     two keyed nodes; node1 flooded from node2's
+                                 own address by one full-speed sender, with
+                                 forged datagrams, then with a replayed one
 
 Interval 500 ms and time-out 2 s throughout. Each run prints what it
 measured and exits 1 when a false OFFLINE was seen or a figure is out of
@@ -27,9 +30,10 @@ import sys
 import time
 
 from zemcluster.cluster import started
-from zemcluster.layout import CNT, LAN_PATHS
+from zemcluster.layout import CNT, LAN4, LAN_PATHS, PATH_PRI
 from zemcluster.observe import events, offline_times, paths_seen_by, problems, wait_healthy
 from zemcluster.procs import install_cleanup_handlers, sweep
+from zemcluster.wire import heartbeat
 
 HBINT = 0.5
 HBTO = 2.0
@@ -327,6 +331,43 @@ def scale(args):
     return v.exit_code("scale")
 
 
+# ------------------------------------------------------------------ flood
+
+def flood(args):
+    """What no address filter can stop: datagrams from a member's own address
+    at one sender's full speed. First keyed ones with a fresh sequence and a
+    wrong code (each costs the receiver its code check), then one genuine
+    datagram of node2 replayed. No OFFLINE and no heartbeat gap may show."""
+    v = Verdict()
+    with cluster(2, tag="flood", key=True) as c:
+        v.check(not wait_healthy(c, 20), "not converged before the flood")
+        n1, n2 = c.nodes
+        got = c.sniff_result(c.sniff_start(n1, 2))
+        genuine = [p for src, p in got if src == n2.ip4 and p.startswith(b"lanhb")][:1]
+        forged = heartbeat(n2.pri, PATH_PRI[LAN4]) + bytes(8) + os.urandom(32)
+        v.check(genuine, "no genuine datagram of node2 captured")
+        print(f"flood: node1 from node2's address {n2.ip4}, {args.seconds} s each, one sender at full speed")
+        for what, payloads, send in (("keyed, wrong code", [forged], c.flood_fresh),
+                                     ("genuine, replayed", genuine, c.flood)):
+            pid = n1.daemon_pid()
+            before, cpu0, t0 = n1.refused(), proc_sample(pid)["cpu"], time.time()
+            sent = send(n2.ns, n2.ip4, n1.ip4, payloads, args.seconds)
+            spent = time.time() - t0
+            time.sleep(HBINT * 2)
+            grown = {k: n1.refused().get(k, 0) - before.get(k, 0) for k in before}
+            cpu = 100 * (proc_sample(pid)["cpu"] - cpu0) / os.sysconf("SC_CLK_TCK") / spent
+            taken = sum(n for k, n in grown.items() if k != "filter")
+            offline = offline_records(c, t0)
+            gaps = [d for d in delay_records(c, t0) if d[0] == 71]
+            print(f"  {what}: sent {sent / spent:,.0f}/s; node1 refused {taken / spent:,.0f}/s "
+                  f"({', '.join(f'{k} {n}' for k, n in grown.items() if n)}), daemon {cpu:.0f} % of a core; "
+                  f"OFFLINE {len(offline)}, heartbeat gap warnings {len(gaps)}")
+            v.check(not offline, f"{what}: OFFLINE during the flood: {offline[:5]}")
+            v.check(not gaps, f"{what}: heartbeat gaps during the flood: {gaps[:5]}")
+        v.check(not problems(c), f"unhealthy after the flood: {problems(c)[:5]}")
+    return v.exit_code("flood")
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     sub = ap.add_subparsers(dest="cmd", required=True)
@@ -339,10 +380,12 @@ def main():
     p = sub.add_parser("scale")
     p.add_argument("seconds", type=int)
     p.add_argument("--nodes", type=int, default=32)
+    p = sub.add_parser("flood")
+    p.add_argument("seconds", type=int)
     args = ap.parse_args()
     install_cleanup_handlers()
     sweep()
-    return {"stress": stress, "soak": soak, "scale": scale}[args.cmd](args)
+    return {"stress": stress, "soak": soak, "scale": scale, "flood": flood}[args.cmd](args)
 
 
 if __name__ == "__main__":
