@@ -179,11 +179,16 @@ def test_a_clock_set_ahead_and_back_costs_its_node_the_window_not_a_lockout(heal
     subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-o", shim,
                     os.path.join(os.path.dirname(os.path.abspath(__file__)), "clockshift.c"), "-ldl"], check=True)
 
-    def set_shift(seconds):
-        with open(shift, "wb") as f:
-            f.write(struct.pack("<q", seconds * 10**9))
+    with open(shift, "wb") as f:
+        f.write(bytes(8))
 
-    set_shift(0)
+    def set_shift(seconds):     # in place: the file is mapped by node2's processes
+        fd = os.open(shift, os.O_WRONLY)
+        try:
+            os.pwrite(fd, struct.pack("<q", seconds * 10**9), 0)
+        finally:
+            os.close(fd)
+
     assert n2.stop() == 0
     asan = os.environ.get("ASAN_OPTIONS", "")   # a preload comes before the sanitizer's runtime
     n2.extra_env = {"LD_PRELOAD": shim, "ZEM_CLOCKSHIFT": shift,
