@@ -328,12 +328,13 @@ bool lanhb_keyverify(const lanhb_packet *pkt, size_t wirelen, uint64_t *seq)
     const unsigned char *p = reinterpret_cast<const unsigned char *>(pkt);
     const size_t signedlen = wirelen - LANHB_MAC_SIZE;
     unsigned char want[LANHB_MAC_SIZE];
+    static_assert(LANHB_MAC_SIZE == crypto_verify_32_BYTES); // compared in constant time
     mac(p, signedlen, want);
-    if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0) {
+    if (crypto_verify_32(want, p + signedlen) != 0) {
         if (!key2on)
             return false;
         mac(p, signedlen, want, key2state);
-        if (sodium_memcmp(want, p + signedlen, LANHB_MAC_SIZE) != 0)
+        if (crypto_verify_32(want, p + signedlen) != 0)
             return false;
     }
     *seq = getbe64(p + signedlen - LANHB_SEQ_SIZE);
