@@ -259,17 +259,19 @@ bool addrmatch(const peer &p, const struct sockaddr *from, bool v6mode)
 int32_t lanhb_keyload(lanhb_list *list)
 {
     char name[256] = {}, also[256] = {};
-    int32_t open = 0, window = list->hbto;
+    int32_t open = 0, window = 0; // 0: not configured
     if (xmllib_load_policy("cluster") == 0) {
         cfgtext(LANHB_KEYCFG, name, sizeof name);
         cfgtext(LANHB_KEYCFG_ALSO, also, sizeof also);
         open = cfgint(LANHB_KEYCFG_UNSIGNED, 0);
-        window = cfgint(LANHB_KEYCFG_WINDOW, list->hbto);
+        window = cfgint(LANHB_KEYCFG_WINDOW, 0);
         xmllib_unload_policy("cluster");
     }
     if (name[0] == '\0')
         return LANHB_KEY_OK; // no key: the transition settings mean nothing either
-    if (window < LANHB_WINDOW_MIN || window > LANHB_WINDOW_MAX) {
+    if (window == 0) {
+        window = list->hbto;
+    } else if (window < LANHB_WINDOW_MIN || window > LANHB_WINDOW_MAX) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "invalid AUTHWINDOW(%d). set to %d msec.", window, list->hbto);
         window = list->hbto;
     }

@@ -161,7 +161,8 @@ char *hbrecv(lanhb_list *list)
             keyedsetup(list, s.fd, &k);
     }
     if (!pkt || (lanhb_keyed() && !k.batch)) {
-        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(len), errno);
+        HBLOG(HBLOG_LAN, HBLV_ERROR, "malloc(%d) failed(errno:%d)", static_cast<int>(pkt ? LANHB_BATCH * len : len),
+              ENOMEM);
         return lanhb_exit(LANHB_EXIT_NOMEM);
     }
     const int waitfd = k.ep.fd >= 0 ? k.ep.fd : s.fd;

@@ -120,6 +120,7 @@ TEST_F(KeyTest, KeyFileChecks)
     list_ptr list = load();
     fake::set_root(dir.string());
     const size_t before = fake::texts(HB_KIND_LANHB).size();
+    fake::set_key(LANHB_KEYCFG_WINDOW, "50"); // below 100 ms: the time-out
     for (auto [name, want] : {std::pair{"", LANHB_KEY_OK}, {"group", LANHB_KEY_MODE}, {"good", LANHB_KEY_OK}}) {
         if (*name != '\0')
             fake::set_key(LANHB_KEYCFG, name);
@@ -127,6 +128,8 @@ TEST_F(KeyTest, KeyFileChecks)
         EXPECT_EQ(lanhb_keyed(), std::string(name) == "good") << name;
         EXPECT_EQ(fake::texts(HB_KIND_LANHB).size() == before, *name == '\0') << name;
     }
+    EXPECT_TRUE(lanlog("invalid AUTHWINDOW(50). set to " + std::to_string(list->hbto) + " msec."));
+    EXPECT_EQ(lancount(", window " + std::to_string(list->hbto) + " ms"), 1);
     fake::set_root("/fake-root");
     fs::remove_all(dir);
 }
