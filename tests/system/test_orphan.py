@@ -55,7 +55,7 @@ def test_orphaned_daemon_stops_itself_and_announces_its_down(slow):
     assert not events(n1, "lanhb", "**TIMEOUT(", t0) + events(n1, "cnthb", "**TIMEOUT(", t0)
 
 
-# A service manager of its own: a child subreaper (PR_SET_CHILD_SUBREAPER)
+# A service manager of its own: a child subreaper (PR_SET_CHILD_SUBREAPER, 36)
 # that starts the command and reaps whatever ends below it.
 SUBREAPER = """import ctypes, os, subprocess, sys
 ctypes.CDLL(None).prctl(36, 1)
@@ -68,16 +68,16 @@ while True:
 """
 
 
+def child(pid):
+    kids = proc_children(pid) if pid else []
+    return kids[0] if kids else None
+
+
 def test_daemon_orphaned_under_a_subreaper_stops_itself_with_the_down_notice_its_start_asked(slow):
     n1, n2 = slow.nodes
-    if n2.running():
-        n2.wait(15)
+    n2.wait(15)
     n2.zemctl("set", "down", "off")     # left by an earlier stop: "zemctl run" sets it anew
     n2.spawn([sys.executable, "-c", SUBREAPER, slow.zemctl, "run", "--daemon", slow.daemon])
-
-    def child(pid):
-        return (proc_children(pid) or [None])[0] if pid else None
-
     supervisor = wait_until(lambda: child(n2.supervisor_pid()), 10)
     daemon = wait_until(lambda: child(supervisor), 10)
     assert supervisor and daemon and not wait_healthy(slow, 20)
@@ -85,5 +85,4 @@ def test_daemon_orphaned_under_a_subreaper_stops_itself_with_the_down_notice_its
     os.kill(supervisor, signal.SIGKILL)
     assert wait_until(lambda: not proc_running(daemon), POLLS * POLL + 15), "daemon still running"
     assert events(n2, "lanhb", f"lanhb self down. countover1={POLLS}", t0)
-    assert events(n2, "lanhb", "send downpacket : YES", t0)
-    assert heard_down(n1, n2, t0, [*LAN_PATHS, CNT])
+    assert events(n2, "lanhb", "send downpacket : YES", t0) and heard_down(n1, n2, t0, [*LAN_PATHS, CNT])

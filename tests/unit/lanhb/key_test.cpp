@@ -134,13 +134,6 @@ TEST_F(KeyTest, KeyFileChecks)
     fs::remove_all(dir);
 }
 
-uint64_t realns()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return uint64_t(ts.tv_sec) * 1000000000 + uint64_t(ts.tv_nsec);
-}
-
 // A down packet of node2 on lan1 with the trailer of `seq` under key `k`;
 // `forged` spoils the code.
 bytes sealed(const lanhb_list *list, const keybuf &k, uint64_t seq, bool forged = false)
@@ -185,9 +178,9 @@ TEST_F(KeyTest, KeyedAcceptance)
     };
     lanhb_keywindow(2000);
     for (bool changing : {false, true}) {
-        const uint64_t before = realns();
+        const uint64_t before = lanhb_keyclocknow().now;
         changing ? lanhb_keyset(key.data(), other.data(), true) : lanhb_keyset(key.data()); // fresh windows
-        const uint64_t start = realns();
+        const uint64_t start = lanhb_keyclocknow().now;
         for (const auto &[k, at, forged, count, from, keyed, both] : rows)
             EXPECT_EQ(verdict(list.get(), sealed(list.get(), *k, at == BEFORE ? before - 1 : start + uint64_t(at), forged),
                               count, wire, from, true),
@@ -199,52 +192,42 @@ TEST_F(KeyTest, KeyedAcceptance)
     EXPECT_EQ(lancount(" ms off this node's clock, window 2000 ms"), 2);
 }
 
-// The node's own heartbeats come in on a socket of their own, taken in
-// batches; once it is bound nobody else can bind the port.
-TEST_F(LoopTest, LoopbackSocketTakesOwnHeartbeatsInBatches)
+// The node's own heartbeats come in on a socket of their own, in batches;
+// nobody can bind the port beside it then, not even with SO_REUSEPORT.
+TEST_F(KeyTest, LoopbackSocketTakesOwnHeartbeatsInBatches)
 {
     const keybuf key = testkey(0);
     lanhb_keyset(key.data());
-    loop("198.18.0.2");
-    const int main = socket(AF_INET6, SOCK_DGRAM, 0), off = 0;
-    setsockopt(main, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    sockaddr_storage any = addr("::");
-    reinterpret_cast<sockaddr_in6 *>(&any)->sin6_port = htons(port);
-    ASSERT_EQ(bind(main, sap(&any), sizeof(sockaddr_in6)), 0);
-    const int own = lanhb_loopsock(list.get(), main);
+    int main = -1;
+    const uint16_t port = freeport(&main);
+    cluster("127.0.0.1", "198.18.0.2");
+    fake::set_key("/root/cluster/heartbeat/port/recv", std::to_string(port));
+    list_ptr list = load();
+    const int own = lanhb_loopsock(list.get(), main), intruder = socket(AF_INET, SOCK_DGRAM, 0), on = 1;
+    sockaddr_storage to = addr("127.0.0.1");
+    reinterpret_cast<sockaddr_in *>(&to)->sin_port = htons(port);
+    setsockopt(intruder, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
     ASSERT_GE(own, 0);
-    for (auto [family, text] : {std::pair{AF_INET, "127.0.0.1"}, {AF_INET6, "::"}}) {
-        sockaddr_storage sa = addr(text);
-        reinterpret_cast<sockaddr_in *>(&sa)->sin_port = htons(port); // the same place in both families
-        const int fd = socket(family, SOCK_DGRAM, 0), on = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-        EXPECT_NE(bind(fd, sap(&sa), family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6)), 0) << text;
-        close(fd);
-    }
+    EXPECT_NE(bind(intruder, sap(&to), sizeof(sockaddr_in)), 0);
     const size_t wire = lanhb_wirelen(list->maxnode);
     bytes out(wire);
     auto *pkt = reinterpret_cast<lanhb_packet *>(out.data());
     lanhb_pktinit(pkt, list.get(), LANHB_TAG_HB);
     lanhb_pktrsc(pkt, lanhb_rscat(list.get(), 0));
-    const int tx = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_storage to = addr("127.0.0.1");
-    reinterpret_cast<sockaddr_in *>(&to)->sin_port = htons(port);
-    for (int i = 0; i < 3; ++i)
-        sendto(tx, out.data(), lanhb_keyseal(pkt, lanhb_pktlen(list->maxnode)), 0, sap(&to), sizeof(sockaddr_in));
-    sendto(tx, out.data(), wire, 0, sap(&to), sizeof(sockaddr_in)); // the last one again
-    close(tx);
+    for (int i = 0; i < 4; ++i) // the last one a replay of the third
+        sendto(intruder, out.data(), i < 3 ? lanhb_keyseal(pkt, wire - LANHB_TRAILER_SIZE) : wire, 0, sap(&to),
+               sizeof(sockaddr_in));
     pollfd p{own, POLLIN, 0};
     ASSERT_EQ(poll(&p, 1, 2000), 1);
     usleep(50000);
     std::unique_ptr<lanhb_batch, void (*)(lanhb_batch *)> b(lanhb_batchnew(wire), lanhb_batchfree);
     hbtick_t maxrecv = 0;
-    lanhb_refusedstart(own);
     EXPECT_EQ(lanhb_recvbatch(list.get(), b.get(), main, true, &maxrecv), 0); // nothing on the wildcard socket
     EXPECT_EQ(lanhb_recvbatch(list.get(), b.get(), own, false, &maxrecv), 4);
     EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_ONLINE);
     EXPECT_EQ(fake::refused()[LANHB_REFUSE_REPLAY - 1], 1u);
-    close(own);
-    close(main);
+    for (int fd : {own, main, intruder})
+        close(fd);
 }
 
 // Sends `len` bytes from `src` (IPv4 as mapped) to the loopback's `port`.
