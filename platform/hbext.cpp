@@ -1,7 +1,8 @@
 // The platform's binding of the daemon's operations beyond the cluster
 // services (services/hbext.h), and zemctl's readers of what they publish:
-// two files under run/ that the daemon makes afresh at its start, its LAN
-// receiver's refusal counters and its heartbeat threads' progress.
+// three files under run/ that the daemon makes afresh at its start, its LAN
+// receiver's refusal counters, its heartbeat threads' progress and its
+// counters.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <mutex>
 
 #include "plat.h"
@@ -53,11 +55,12 @@ template <class T, class F> T *make_runfile(std::atomic<T *> &slot, const char *
     std::lock_guard lk(mx);
     if (T *m = slot.load(std::memory_order_acquire))
         return m;
-    T fresh{};
-    fresh.head = {magic, SHM_VERSION, sizeof fresh};
-    fill(fresh);
+    // On the heap: the caller may be a thread with a small stack.
+    const auto fresh = std::make_unique<T>();
+    fresh->head = {magic, SHM_VERSION, sizeof(T)};
+    fill(*fresh);
     std::string err;
-    if (plat_replace_file(name, &fresh, sizeof fresh, err) == 0)
+    if (plat_replace_file(name, fresh.get(), sizeof(T), err) == 0)
         slot.store(open_runfile<T>(name, magic, true), std::memory_order_release);
     return slot.load(std::memory_order_acquire);
 }
@@ -85,6 +88,17 @@ struct progress_layout {
     int64_t stamp[HBEXT_TH_COUNT]; // plat_progress's encoding
 };
 std::atomic<progress_layout *> progress{nullptr};
+
+// run/counters: the daemon's counters (hbext_setcounts), rewritten by the
+// daemon as its first table is built; paths and nodes at their places in
+// the node manager's memory.
+constexpr char COUNTS_FILE[] = "counters";
+constexpr uint32_t COUNTS_MAGIC = 0x544e435a; // "ZCNT"
+struct counts_layout {
+    shm_head head;
+    plat_counts c;
+};
+std::atomic<counts_layout *> counts{nullptr};
 
 int64_t mono_ms()
 {
@@ -195,5 +209,49 @@ int32_t plat_getprogress(plat_progress *out)
     for (int i = 0; i < HBEXT_TH_COUNT; ++i)
         out->stamp[i] = get(m->stamp[i]);
     munmap(m, sizeof(progress_layout));
+    return 0;
+}
+
+extern "C" int32_t hbext_setcounts(const char *kind, const char *rsc, int32_t nodeid, const uint64_t *values)
+{
+    const int k = plat_kind(kind);
+    if (k < 0 || values == nullptr)
+        return PLAT_EINVAL;
+    int ri = -1, ni = -1;
+    if (rsc != nullptr)
+        if (int32_t r = plat_nm_index(kind, rsc, nodeid, &ri, &ni))
+            return r;
+    counts_layout *m = make_runfile(counts, COUNTS_FILE, COUNTS_MAGIC,
+                                    [](counts_layout &f) { f.c.pid = static_cast<int32_t>(getpid()); });
+    if (m == nullptr)
+        return PLAT_EIO;
+    const auto store = [&](uint64_t *to, int n) {
+        for (int i = 0; i < n; ++i)
+            put(to[i], values[i]);
+    };
+    if (rsc == nullptr)
+        store(m->c.kind[k], HBEXT_KC_COUNT);
+    else if (nodeid < 0)
+        store(m->c.rsc[k][ri], HBEXT_PC_COUNT);
+    else
+        store(m->c.node[k][ri][ni], HBEXT_NC_COUNT);
+    return 0;
+}
+
+int32_t plat_getcounts(plat_counts *out)
+{
+    counts_layout *m = open_runfile<counts_layout>(COUNTS_FILE, COUNTS_MAGIC, false);
+    if (m == nullptr)
+        return PLAT_ENOENT;
+    const auto load = [](uint64_t *to, const uint64_t *from, size_t n) {
+        for (size_t i = 0; i < n; ++i)
+            to[i] = get(from[i]);
+    };
+    out->pid = get(m->c.pid);
+    // Every array is one run of words.
+    load(&out->kind[0][0], &m->c.kind[0][0], sizeof out->kind / sizeof(uint64_t));
+    load(&out->rsc[0][0][0], &m->c.rsc[0][0][0], sizeof out->rsc / sizeof(uint64_t));
+    load(&out->node[0][0][0][0], &m->c.node[0][0][0][0], sizeof out->node / sizeof(uint64_t));
+    munmap(m, sizeof(counts_layout));
     return 0;
 }

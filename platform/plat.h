@@ -247,6 +247,11 @@ inline constexpr char CM_EDITION[] = "standalone";
 // cluster: all states UNKNOWN, hdstat 1, ratio 1, everything else 0.
 int32_t plat_shm_create(const plat_cluster &cl, std::string &err);
 
+// Where path rsc of kind sits in the attached node-manager memory (its
+// index among the kind's paths) and, unless nodeid is negative, node nodeid
+// (its index among the nodes): the order of shmnm_enumrsc and shmnm_enumnode.
+int32_t plat_nm_index(const char *kind, const char *rsc, int32_t nodeid, int *rscidx, int *nodeidx);
+
 // What zemctl needs beyond the daemon's operations (attach first).
 int32_t plat_getrscstat(const char *kind, const char *rsc, int32_t *stat);
 int32_t plat_setwaitstat(int32_t v);
@@ -282,6 +287,18 @@ struct plat_progress {
 };
 // PLAT_ENOENT when no daemon has published any (or the file is damaged).
 int32_t plat_getprogress(plat_progress *out);
+
+// The daemon's counters (hbext_setcounts) as the running or last daemon
+// published them: by kind index (plat_kind), and by the index of the path and
+// node as plat_nm_index gives it. A figure never published is 0.
+struct plat_counts {
+    int32_t pid = 0; // the daemon that published them
+    uint64_t kind[2][HBEXT_KC_COUNT] = {};
+    uint64_t rsc[2][NM_MAXRSC][HBEXT_PC_COUNT] = {};
+    uint64_t node[2][NM_MAXRSC][NM_MAXNODE][HBEXT_NC_COUNT] = {};
+};
+// PLAT_ENOENT when no daemon has published any (or the file is damaged).
+int32_t plat_getcounts(plat_counts *out);
 // Now on the clock of the stamps.
 int64_t plat_mono_ms();
 

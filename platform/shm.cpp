@@ -422,6 +422,21 @@ int32_t plat_getdaemon(nm_daemon *d, int64_t *created_ms)
     });
 }
 
+int32_t plat_nm_index(const char *kind, const char *rsc, int32_t nodeid, int *rscidx, int *nodeidx)
+{
+    return with(g_nm, [&](nm_layout *m) -> int32_t {
+        const int k = plat_kind(kind);
+        if (k < 0 || rscidx == nullptr || nodeidx == nullptr)
+            return PLAT_EINVAL;
+        const nm_rsc *r = find_rsc(m, kind, rsc);
+        *nodeidx = nodeid < 0 ? -1 : find_nodeid(m, nodeid);
+        if (r == nullptr || (nodeid >= 0 && *nodeidx < 0))
+            return PLAT_ENOENT;
+        *rscidx = static_cast<int>(r - m->rsc[k]);
+        return 0;
+    });
+}
+
 int32_t plat_gethist(const char *kind, const char *rsc, const char *node, nm_hist *h)
 {
     return with(g_nm, [&](nm_layout *m) -> int32_t {

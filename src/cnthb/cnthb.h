@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "frame/counters.h"
 #include "frame/frame.h"
 #include "frame/table.h"
 #include "services/services.h"
@@ -107,6 +108,7 @@ struct cnthb_rsc {
     // and its busy flag cleared) must not clear the flag of its successor.
     uint32_t writeseq;
     uint32_t readseq;
+    uint64_t count[HBEXT_PC_COUNT]; // the workers' reads and writes (frame/counters.h)
 };
 
 struct cnthb_node {
@@ -118,6 +120,7 @@ struct cnthb_node {
     int32_t cntno; // controller slot of this node's records
     hbtick_t lastread; // when a new record of this node was last seen
     cnthb_hbinf lastrec; // first byte 0: no record kept yet
+    uint64_t count[HBEXT_NC_COUNT]; // frame/counters.h
 };
 
 using cnthb_shape = hbshape<cnthb_list, cnthb_rsc, cnthb_node, &cnthb_node::lastread>;

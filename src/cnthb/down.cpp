@@ -56,7 +56,7 @@ void *cnthb_dpwritethread(void *arg)
     cnthb_makedown(&rec);
     const auto cntno = static_cast<uint8_t>(rsc->list->mycntno);
     // A failed down write changes no state: the peers then time out.
-    (void)cnthb_fwcall(rsc, [&] { return zemfw_sethbinf(cntno, &rec); });
+    cnthb_countcall(rsc, true, cnthb_fwcall(rsc, [&] { return zemfw_sethbinf(cntno, &rec); }));
     run.finish("write");
     return nullptr;
 }

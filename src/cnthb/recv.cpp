@@ -93,6 +93,7 @@ void *cnthb_readthread(void *arg)
     }
 
     const int32_t r = cnthb_fwcall(rsc, [&] { return zemfw_gethbinf(buf.get()); });
+    cnthb_countcall(rsc, false, r);
     if (r != 0) {
         cnthb_seterrstat(list, CNTHB_ERR_READ); // all paths read the same controller
         buf.reset();

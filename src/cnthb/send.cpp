@@ -86,6 +86,7 @@ void *cnthb_writethread(void *arg)
     cnthb_makehb(&rec);
     const auto cntno = static_cast<uint8_t>(rsc->list->mycntno);
     const int32_t r = cnthb_fwcall(rsc, [&] { return zemfw_sethbinf(cntno, &rec); });
+    cnthb_countcall(rsc, true, r);
     if (r != 0)
         cnthb_seterrstat(list, CNTHB_ERR_WRITE); // this node's own slot failed
     run.finish("write");

@@ -233,6 +233,7 @@ int32_t cnthb_loadinfo(cnthb_list **out)
 
     if (resume)
         hbstate_wake(CNTHB_KIND, HBCAUSE_RESUME);
+    hbcount_track(cnthb_shape::table(CNTHB_KIND, list));
     *out = hold.release();
     return 0;
 }
@@ -241,6 +242,7 @@ void cnthb_freelist(cnthb_list *list)
 {
     if (list == nullptr)
         return;
+    hbcount_untrack(list);
     // Workers cancelled at shutdown may still be unwinding; they hold
     // pointers into the block until their very last step.
     int32_t alive = hbld(list->nworkers);

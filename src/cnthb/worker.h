@@ -77,6 +77,15 @@ private:
     pthread_mutex_t *mutex_ = nullptr;
 };
 
+// Counts a firmware read or write of the path and, when r is not 0, its
+// failure.
+inline void cnthb_countcall(cnthb_rsc *rsc, bool write, int32_t r)
+{
+    hbcount_add(rsc->count[write ? HBEXT_PC_WRITES : HBEXT_PC_READS]);
+    if (r != 0)
+        hbcount_add(rsc->count[write ? HBEXT_PC_WRITEFAIL : HBEXT_PC_READFAIL]);
+}
+
 // Makes one firmware call in a worker: the wait for rwmutex and the call
 // itself are the only places where the worker can be cancelled.
 template <class F> int32_t cnthb_fwcall(cnthb_rsc *rsc, F call)

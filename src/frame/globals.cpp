@@ -1,6 +1,7 @@
 // Process-wide state of the daemon. Initial values are those the process
 // starts with; main and the table loaders fill them in before any heartbeat
 // thread exists.
+#include "frame/counters.h"
 #include "frame/frame.h"
 #include "frame/nodestate.h"
 
@@ -13,6 +14,7 @@ void hbframe_reset()
 {
     brestart = bmlock = thstacksz = 0;
     hbkind_reset();
+    hbcount_reset();
     hbtick_source = hbtick_times;
     hbstop_reset();
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "frame/counters.h"
 #include "frame/frame.h"
 #include "frame/nodestate.h"
 #include "services/services.h"
@@ -33,9 +34,11 @@ hbtick_t hbtime_raise(hbtick_t start, hbtick_t end, hbtick_t *max)
     return elapsed;
 }
 
-void delaywarn_record(log_hdl *log, int line, int32_t msgno, const char *rsc, const char *node, int32_t scaled,
-                      hbtick_t elapsed, int32_t rate)
+void delaywarn_record(int kind, log_hdl *log, int line, int32_t msgno, const char *rsc, const char *node,
+                      int32_t scaled, hbtick_t elapsed, int32_t rate)
 {
+    if (msgno >= LOG_MSG_HBGAP && msgno <= LOG_MSG_CNTREAD)
+        hbcount_kind(kind, HBEXT_KC_DELAY71 + (msgno - LOG_MSG_HBGAP));
     if (log == nullptr)
         return;
     (void)log_write(log, LOG_LEVEL_CATALOG, msgno, __FILE__, line, "delaywarn", nullptr, rsc, node, scaled,
@@ -95,10 +98,10 @@ int32_t delaywarn(int kind, const char *rsc, const char *node, hbtick_t start, h
         return 0;
     if (elapsed > limit) {
         if (ownop)
-            delaywarn_record(log, __LINE__, msgno, rsc, node, scaled, elapsed, rate); // over-time
+            delaywarn_record(kind, log, __LINE__, msgno, rsc, node, scaled, elapsed, rate); // over-time
         return 0;
     }
-    delaywarn_record(log, __LINE__, msgno, rsc, node, scaled, elapsed, rate); // warning
+    delaywarn_record(kind, log, __LINE__, msgno, rsc, node, scaled, elapsed, rate); // warning
     return 0;
 }
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <climits>
 
+#include "frame/counters.h"
+
 namespace {
 
 constexpr int KIND_NUMBERS = 4; // kinds are numbered from 1
@@ -85,6 +87,7 @@ void hbnode_heartbeat(const hbkind &k, const hbnoderef &n, int32_t hbto, hbwhere
     const hbtick_t prev = hbld(*n.last);
     const hbtick_t now = hbtick_now();
     hbst(*n.last, now);
+    hbcount_heartbeat(n);
     // Whether the node is online already is the node manager's view, not
     // the table's.
     if (readnode(k, n, SHMNM_SVSTAT_UNKNOWN, at) == SHMNM_SVSTAT_ONLINE) {

@@ -45,6 +45,8 @@ struct hbnoderef {
     int32_t pri;
     int32_t *stat;  // SHMNM_SVSTAT_*; read and written with hbld/hbst
     hbtick_t *last; // tick of the last heartbeat taken from the node
+    uint64_t *count;    // the node's HBEXT_NC_COUNT counters (frame/counters.h)
+    uint64_t *rsccount; // its path's HBEXT_PC_COUNT counters
 };
 
 // How the layer walks a kind's table (hbshape::ops gives them): path i, node

@@ -13,7 +13,8 @@
 
 // List, Rsc and Node are a kind's header (an hbheader), path and node
 // records; Last is the node record's tick of its last heartbeat. A path
-// record has name, pri and stat; a node record name, pri and stat.
+// record has name, pri, stat and count (HBEXT_PC_COUNT counters); a node
+// record name, pri, stat and count (HBEXT_NC_COUNT counters).
 template <class List, class Rsc, class Node, hbtick_t Node::*Last> struct hbshape {
     static size_t stride(int32_t curnode) { return sizeof(Rsc) + static_cast<size_t>(curnode) * sizeof(Node); }
     static size_t size(int32_t currsc, int32_t curnode)
@@ -30,7 +31,7 @@ template <class List, class Rsc, class Node, hbtick_t Node::*Last> struct hbshap
     // ---- the node-state layer's view ----
     static hbnoderef ref(List *list, Rsc *rsc, Node *node)
     {
-        return {list, rsc, node, rsc->name, node->name, node->pri, &node->stat, &(node->*Last)};
+        return {list, rsc, node, rsc->name, node->name, node->pri, &node->stat, &(node->*Last), node->count, rsc->count};
     }
     static hbtable table(const hbkind &kind, List *list)
     {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "frame/counters.h"
 #include "frame/thread.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -41,8 +42,10 @@ void setcancel(int module, int state)
 // result for fd as hbwait_fd gives it.
 int waituntil(int fd, const struct timespec &deadline)
 {
-    if (progress_kind >= 0)
+    if (progress_kind >= 0) {
         (void)hbext_progress(progress_kind); // nothing to do when the platform cannot show it
+        hbcount_sync();
+    }
     const int stopfd = hbstop_fd();
     if (fd >= FD_SETSIZE) {
         errno = EBADF;

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "frame/counters.h"
 #include "frame/frame.h"
 #include "frame/table.h"
 #include "frame/thread.h"
@@ -76,6 +77,7 @@ struct lanhb_rsc {
     char myname[LANHB_NAME_SIZE];
     char myip[LANHB_NAME_SIZE];
     int32_t stat; // SHMNM_RSCSTAT_*
+    uint64_t count[HBEXT_PC_COUNT]; // frame/counters.h; none counted on a LAN path
 };
 
 struct alignas(8) lanhb_node {
@@ -86,6 +88,7 @@ struct alignas(8) lanhb_node {
     hbtick_t lastrecv;
     hbtick_t lastsend;
     hbtick_t maxsend;
+    uint64_t count[HBEXT_NC_COUNT]; // frame/counters.h
 };
 
 // The header: the settings, counts and lock both kinds have (hbheader), and

@@ -12,6 +12,7 @@
 int32_t lanhb_hbdata(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_packet *pkt)
 {
     const hbnoderef n = lanhb_shape::ref(list, rsc, node);
+    hbcount_add(node->count[HBEXT_NC_ACCEPTED]);
     hblock hold(&list->statlock);
     // A down packet does not touch lastrecv.
     if (std::strncmp(pkt->tag, LANHB_TAG_DOWN, sizeof LANHB_TAG_DOWN - 1) == 0)

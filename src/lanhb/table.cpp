@@ -208,6 +208,7 @@ void lanhb_freelist(lanhb_list *list)
 {
     if (list == nullptr)
         return;
+    hbcount_untrack(list);
     pthread_mutex_destroy(&list->statlock);
     std::free(list);
 }
@@ -276,6 +277,7 @@ int32_t lanhb_loadinfo(lanhb_list **out)
     hbstate_paths(lanhb_shape::table(LANHB_KIND, l));
     if (resume && changed) // a fresh start never signals here
         hbstate_wake(LANHB_KIND, HBCAUSE_RESUME);
+    hbcount_track(lanhb_shape::table(LANHB_KIND, l));
     *out = list.release();
     return 0;
 }

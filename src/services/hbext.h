@@ -50,6 +50,37 @@ enum : int32_t {
 inline constexpr const char *HBEXT_CAUSE_NAMES[HBEXT_CAUSE_COUNT] = {
     "none", "heartbeat", "down", "timeout", "start", "resume", "read_failure", "write_failure"};
 
+// Counters the daemon keeps from its start and publishes (hbext_setcounts)
+// for the platform's displays, in three sets. Of a kind:
+enum : int32_t {
+    HBEXT_KC_RECEIVED, // datagrams the LAN receiver took from its socket
+    HBEXT_KC_DELAY71,  // delay records written, by catalogue number 71 to 75
+    HBEXT_KC_DELAY72,
+    HBEXT_KC_DELAY73,
+    HBEXT_KC_DELAY74,
+    HBEXT_KC_DELAY75,
+    HBEXT_KC_COUNT,
+};
+// Of a path: its controller calls, made and failed.
+enum : int32_t {
+    HBEXT_PC_READS,
+    HBEXT_PC_READFAIL,
+    HBEXT_PC_WRITES,
+    HBEXT_PC_WRITEFAIL,
+    HBEXT_PC_COUNT,
+};
+// Of a node on a path.
+enum : int32_t {
+    HBEXT_NC_ACCEPTED, // LAN datagrams accepted from it (heartbeats and down packets)
+    HBEXT_NC_SENT,     // LAN datagrams sent to it
+    HBEXT_NC_SENDFAIL, // LAN datagrams not sent: lookup, socket or sendto failed
+    HBEXT_NC_BINDFAIL, // LAN datagrams sent unbound: the bind address's lookup or bind failed
+    HBEXT_NC_LASTHB,   // wall clock (ms since the epoch) of its last heartbeat; 0: none yet
+    HBEXT_NC_COUNT,
+};
+// hbext_setcounts's node id for the counters of the path itself.
+inline constexpr int32_t HBEXT_PATH = -1;
+
 extern "C" {
 
 // Resolves a file name from the configuration: an absolute name is copied,
@@ -64,6 +95,11 @@ int32_t hbext_setrefused(const uint64_t *counts);
 // The cause (HBEXT_CAUSE_*) of the next publication of node nodeid's state on
 // path rsc of kind `kind` (shmnm_setrscsvstat).
 int32_t hbext_setcause(const char *kind, const char *rsc, int32_t nodeid, int32_t cause);
+
+// Publishes one set of counters of kind `kind`: the kind's (rsc null,
+// HBEXT_KC_COUNT values), path rsc's (nodeid HBEXT_PATH, HBEXT_PC_COUNT
+// values) or those of node nodeid on path rsc (HBEXT_NC_COUNT values).
+int32_t hbext_setcounts(const char *kind, const char *rsc, int32_t nodeid, const uint64_t *counts);
 
 // A heartbeat thread of that kind has started, pacing itself by the heartbeat
 // interval hbint and serving the time-out hbto (msec, as its table has them):

@@ -38,6 +38,7 @@ struct State {
     std::string root = "/fake-root";                            // where hbext_path puts relative names
     std::array<uint64_t, HBEXT_REFUSED_COUNT> refused{};
     std::array<fake::Progress, HBEXT_TH_COUNT> progress{};
+    std::map<std::string, std::vector<uint64_t>> counts; // "kind/rsc/nodeid"
 };
 
 std::mutex mtx;
@@ -190,6 +191,13 @@ int32_t default_sethbinf(uint8_t cntno, const void *hbinf)
 void set_root(const std::string &root) { locked([&] { st.root = root; }); }
 std::array<uint64_t, HBEXT_REFUSED_COUNT> refused() { return locked([&] { return st.refused; }); }
 Progress progress(int32_t thread) { return locked([&] { return st.progress.at(thread); }); }
+std::vector<uint64_t> counts(const std::string &kind, const std::string &rsc, int32_t nodeid)
+{
+    return locked([&] {
+        auto it = st.counts.find(svkey(kind, rsc, nodeid));
+        return it == st.counts.end() ? std::vector<uint64_t>{} : it->second;
+    });
+}
 
 std::vector<Call> calls() { return locked([&] { return st.calls; }); }
 int count(const std::string &op)
@@ -445,6 +453,15 @@ int32_t hbext_progress_start(int32_t thread, int32_t hbint, int32_t hbto)
     return locked([&] {
         fake::Progress &p = st.progress.at(thread);
         return ++p.starts, p.hbint = hbint, p.hbto = hbto, 0;
+    });
+}
+// Kept, not recorded as calls: the daemon publishes them every second.
+int32_t hbext_setcounts(const char *kind, const char *rsc, int32_t nodeid, const uint64_t *c)
+{
+    const int n = rsc == nullptr ? int{HBEXT_KC_COUNT} : nodeid < 0 ? int{HBEXT_PC_COUNT} : int{HBEXT_NC_COUNT};
+    return locked([&] {
+        st.counts[svkey(str(kind), rsc == nullptr ? "" : rsc, rsc == nullptr ? HBEXT_PATH : nodeid)].assign(c, c + n);
+        return 0;
     });
 }
 int32_t hbext_progress(int32_t thread) { return locked([&] { return ++st.progress.at(thread).stamps, 0; }); }

@@ -88,5 +88,8 @@ struct Progress {
     int32_t hbint = 0, hbto = 0;          // as the last start gave them
 };
 Progress progress(int32_t thread);
+// The counters last given to hbext_setcounts for a kind (rsc ""), a path
+// (nodeid HBEXT_PATH) or a node on a path; empty when none were given.
+std::vector<uint64_t> counts(const std::string &kind, const std::string &rsc = "", int32_t nodeid = HBEXT_PATH);
 
 } // namespace fake

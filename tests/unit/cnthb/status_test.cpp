@@ -114,6 +114,12 @@ TEST_F(StatusTest, FailedControllerCallsTakeNodesOfflineWithOneWakeUp)
         bsigrecv = 0, cnthb_bhbwrite = 1;
         const pthread_t th = start(write ? cnthb_hbwrite : cnthb_hbread, list.get());
         EXPECT_TRUE(waitfor([&] { return fake::count(op) >= 4 && fake::statchange_count() > changes; }));
+        // The poller's waits publish the calls counted on each path.
+        const int made = write ? HBEXT_PC_WRITES : HBEXT_PC_READS, other = write ? HBEXT_PC_READS : HBEXT_PC_WRITES;
+        EXPECT_TRUE(waitfor([&] {
+            const std::vector<uint64_t> c = fake::counts(HB_KIND_CNTHB, "cnt2", HBEXT_PATH);
+            return c[made] >= 2 && c[made + 1] == c[made] && c[other] == 0 && c[other + 1] == 0;
+        })) << testing::PrintToString(fake::counts(HB_KIND_CNTHB, "cnt2", HBEXT_PATH));
         stop(th);
         list.reset();
         // A failed read concerns every online node, a failed write only the

@@ -2,6 +2,7 @@
 // record, a time-out check): each rule once for both, what a kind fixes (its
 // texts, its not-ready mark) on the way; what only one kind does, with it.
 #include <algorithm>
+#include <chrono>
 #include <random>
 
 #include "unit/cnthb/cnthb_test.h"
@@ -113,6 +114,30 @@ TYPED_TEST(State, HeartbeatBringsANodeOnlineOnceWhenItsStatusAllows)
     EXPECT_EQ(fake::count_log(this->log, "delay(71) rsc=" + this->p1 + " node=node2 hbto=90s tck=100 elapsed=7200"), 1);
     this->k.feed(0, false);
     EXPECT_TRUE(this->logged(" *** " + this->p1 + " : NORMAL ***"));
+}
+
+// The counters of a node and of its kind, as published: the wall-clock time
+// of the last heartbeat (a down notice is none), the LAN's accepted
+// datagrams, the delay records by number.
+TYPED_TEST(State, CountersKeepTheLastHeartbeatAndAcceptedDatagrams)
+{
+    const auto wall = [] { return uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                               std::chrono::system_clock::now().time_since_epoch())
+                                               .count()); };
+    this->build(); // the loader publishes at once
+    EXPECT_EQ(fake::counts(this->log, this->p1, 2), std::vector<uint64_t>(HBEXT_NC_COUNT, 0));
+    const uint64_t before = wall();
+    this->online(1, 1000);
+    now = 1000 + 7200; // the gap reaches the warning rate: delay record 71
+    this->k.feed(1, false);
+    const uint64_t after = wall();
+    this->k.feed(1, true);
+    hbcount_publish();
+    const std::vector<uint64_t> c = fake::counts(this->log, this->p1, 2);
+    EXPECT_TRUE(c[HBEXT_NC_LASTHB] >= before && c[HBEXT_NC_LASTHB] <= after) << c[HBEXT_NC_LASTHB];
+    EXPECT_EQ(c[HBEXT_NC_ACCEPTED], this->kind.number == LANHB_KIND.number ? 3u : 0u);
+    EXPECT_EQ(fake::counts(this->log, this->p1, 1)[HBEXT_NC_LASTHB], 0u);
+    EXPECT_EQ(fake::counts(this->log), (std::vector<uint64_t>{0, 1, 0, 0, 0, 0}));
 }
 
 TYPED_TEST(State, DownNoticeTakesANodeOfflineUnlessItAlreadyIs)
