@@ -2,7 +2,8 @@
 // configuration (check), prepares the node (init), shows and watches the
 // states the daemon publishes (status, watch), sets what a cluster manager
 // would set (set), makes cluster keys (keygen), supervises the daemon as
-// its parent process (run), and formats and shows the heartbeat area (area). This file holds main(): the one table of
+// its parent process (run), formats and shows the heartbeat area (area), and
+// gives all it can see as metrics (metrics). This file holds main(): the one table of
 // subcommands it walks to build the command line and to find the handler to
 // run, the help for a mistyped subcommand, and the helpers every role shares
 // (zemctl.h says which file holds which role).
@@ -179,6 +180,10 @@ int main(int argc, char **argv)
          "order with down notification; refused (status 16) while a daemon runs on this root",
          opts_run, cmd_run},
         {"area", "format and show the heartbeat area on the shared disk", nullptr, nullptr, area_cmds},
+        {"metrics",
+         "print the published states, the threads' progress and the daemon's counters as metrics in the text "
+         "exposition format, write them to a file, or serve them over HTTP",
+         opts_metrics, cmd_metrics},
     };
     CLI::App app{"zemctl: prepare, inspect and supervise a node of the stand-alone cluster platform.\n"
                  "Files live in /etc/zemlanhb (configuration), /var/lib/zem (state) and /var/log/zemlanhb (logs),\n"

@@ -9,6 +9,8 @@
 //   keygen.cpp  keygen: a new cluster key
 //   run.cpp     run: the daemon's supervisor
 //   area.cpp    area create, area show: the heartbeat area on the shared disk
+//   metrics.cpp metrics: what status shows and the daemon's counters, for a
+//               metrics scraper
 // Exit statuses are the names of services/hbexit.h; a failure that names no
 // cause there (a refused configuration, a file that cannot be written) is
 // EXIT_FAILURE, 1 like HBEXIT_ATTACH.
@@ -95,3 +97,5 @@ int cmd_keygen();
 void opts_run(CLI::App &cmd);
 int cmd_run();
 extern const std::span<const zemctl_cmd> area_cmds;
+void opts_metrics(CLI::App &cmd);
+int cmd_metrics();
