@@ -86,6 +86,40 @@ TEST_F(Zemctl, StatusAndWatchShowWhatTheDaemonPublishedAndInitResetsOnlyWhenForc
     EXPECT_TRUE(j["daemon"]["pid"].is_null());
 }
 
+// This process as the daemon: what it published, in the file "zemctl
+// metrics --textfile" renames into place (label values escaped); its
+// counters also once it has gone, never those of a daemon before an init.
+TEST_F(Zemctl, MetricsTellTheStatesAndTheCountersOfTheDaemonOnRecord)
+{
+    put("etc/cluster.xml", replaced(ptest::slurp(at("etc/cluster.xml")), "<name>demo<", "<name>a\"b\\c<"));
+    init_and_attach();
+    ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_ONLINE), 0); // node2
+    const uint64_t node[HBEXT_NC_COUNT] = {7, 8, 1, 2, static_cast<uint64_t>(plat_now_ms() - 1500)};
+    ASSERT_EQ(hbext_setcounts("lanhb", "lan1", 1, node), 0);
+    const uint64_t kind[HBEXT_KC_COUNT] = {9, 0, 3, 0, 0, 0};
+    ASSERT_EQ(hbext_setcounts("lanhb", nullptr, HBEXT_PATH, kind), 0);
+    const std::string file = at("node.prom");
+    const char *const lines[] = {
+        "\nzemlanhb_daemon_up 1\n", "zemlanhb_node_up{kind=\"lanhb\",path=\"lan1\",node=\"node2\"} 1",
+        "zemlanhb_node_state{kind=\"cnthb\",path=\"cnt1\",node=\"node1\",state=\"UNKNOWN\"} 1",
+        "zemlanhb_sent_datagrams_total{path=\"lan1\",node=\"node2\"} 8",
+        "zemlanhb_bind_errors_total{path=\"lan1\",node=\"node2\"} 2", "zemlanhb_received_datagrams_total 9",
+        "zemlanhb_delay_warnings_total{kind=\"lanhb\",msgno=\"72\"} 3",
+        "zemlanhb_heartbeat_age_seconds{kind=\"lanhb\",path=\"lan1\",node=\"node2\"} ", "cluster=\"a\\\"b\\\\c\""};
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(zemctl({"metrics", "--textfile", file}), 0) << out;
+        const std::string m = ptest::slurp(file);
+        for (const char *line : lines)
+            EXPECT_TRUE(ptest::has(m, line) != (round == 1 && line == lines[0])) << line << "\n" << m;
+        shmnm_detach(); // the daemon gone: its counters stay
+    }
+    for (const auto &f : std::filesystem::directory_iterator(root))
+        EXPECT_FALSE(ptest::has(f.path().filename().string(), "node.prom.")) << f.path(); // no temporary left
+    ASSERT_EQ(zemctl({"init", "--force"}), 0) << out;
+    ASSERT_EQ(zemctl({"metrics"}), 0) << out;
+    EXPECT_TRUE(ptest::has(out, "zemlanhb_daemon_up 0") && !ptest::has(out, "zemlanhb_sent_datagrams_total{")) << out;
+}
+
 // Check and init name every problem with its place, control characters
 // escaped; the init that refuses leaves run/ as it was.
 TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
