@@ -69,10 +69,10 @@ void publishall()
 
 } // namespace
 
-void hbcount_kind(int kind, int index)
+void hbcount_kind(int kind, int index, uint64_t n)
 {
     if (valid(kind) && index >= 0 && index < HBEXT_KC_COUNT)
-        hbcount_add(kindcount[kind][index]);
+        hbcount_add(kindcount[kind][index], n);
 }
 
 void hbcount_heartbeat(const hbnoderef &n)
@@ -118,8 +118,10 @@ void hbcount_sync()
 
 void hbcount_reset()
 {
+    // A straggling worker of a test may still count.
     for (auto &k : kindcount)
-        k.fill(0);
+        for (uint64_t &c : k)
+            std::atomic_ref<uint64_t>(c).store(0, std::memory_order_relaxed);
     for (auto &t : tracked)
         t.store(false);
     due.store(0);

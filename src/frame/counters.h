@@ -25,8 +25,8 @@ inline uint64_t hbcount_get(uint64_t &counter)
     return std::atomic_ref<uint64_t>(counter).load(std::memory_order_relaxed);
 }
 
-// Adds 1 to the counter `index` (HBEXT_KC_*) of the kind with that number.
-void hbcount_kind(int kind, int index);
+// Adds n to the counter `index` (HBEXT_KC_*) of the kind with that number.
+void hbcount_kind(int kind, int index, uint64_t n = 1);
 // The node's last heartbeat: now on the wall clock, in milliseconds.
 void hbcount_heartbeat(const hbnoderef &n);
 
