@@ -205,6 +205,8 @@ char *hbrecv(lanhb_list *list)
             socklen_t fromlen = v6mode ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
             const ssize_t count =
                 recvfrom(s.fd, pkt.get(), len, flags, reinterpret_cast<sockaddr *>(&from), &fromlen);
+            if (count >= 0)
+                hbcount_kind(LANHB_KIND.number, HBEXT_KC_RECEIVED);
             lanhb_rsc *rsc = nullptr;
             lanhb_node *node = nullptr;
             const auto *src = reinterpret_cast<sockaddr *>(&from);
@@ -266,6 +268,7 @@ int lanhb_recvbatch(lanhb_list *list, lanhb_batch *b, int fd, bool v6mode, hbtic
     const int n = recvmmsg(fd, b->msgs, LANHB_BATCH, MSG_DONTWAIT | MSG_TRUNC, nullptr);
     if (n <= 0)
         return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : n;
+    hbcount_kind(LANHB_KIND.number, HBEXT_KC_RECEIVED, static_cast<uint64_t>(n));
     const hbtick_t arrival = hbtick_now();
     const lanhb_keyclock clock = lanhb_keyclocknow();
     bool refused = false;

@@ -79,11 +79,13 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     const char *bindaddr = std::strcmp(node->ip, OWN_LOOPBACK) == 0 ? OWN_LOOPBACK : rsc->myip;
     addr_ptr src;
     int r = lookup(bindaddr, from_port, &src);
-    if (r == 0)
+    if (r == 0) {
         HBLOG(HBLOG_LAN, bindok_level, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", bindaddr, rsc->name, rsc->myname);
-    else
+    } else {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d", bindaddr, rsc->name,
               rsc->myname, r, errno);
+        hbcount_add(node->count[HBEXT_NC_BINDFAIL]);
+    }
 
     node->lastsend = hbtick_now();
     addr_ptr dst;
@@ -91,6 +93,7 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     if (r != 0) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "getaddrinfo(%s) failed rsc=(%s) node=(%s) ret=%d errno=%d ---> continue", node->ip,
               rsc->name, node->name, r, errno);
+        hbcount_add(node->count[HBEXT_NC_SENDFAIL]);
         return;
     }
     HBLOG(HBLOG_LAN, HBLV_DETAIL, "  getaddrinfo(%s) OK rsc=(%s) node=(%s)", node->ip, rsc->name, node->name);
@@ -104,15 +107,18 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
     if (s.fd < 0) {
         HBLOG(HBLOG_LAN, HBLV_ERROR, "socket(family:%d) failed rsc=%s node=%s errno=%d", to->ai_family, rsc->name, node->name,
               errno);
+        hbcount_add(node->count[HBEXT_NC_SENDFAIL]);
         return;
     }
     HBLOG(HBLOG_LAN, HBLV_DETAIL, "  socket(family:%d) OK rsc=%s node=%s sock=%d", to->ai_family, rsc->name, node->name, s.fd);
 
     if (src) {
-        if (bind(s.fd, src->ai_addr, src->ai_addrlen) == 0)
+        if (bind(s.fd, src->ai_addr, src->ai_addrlen) == 0) {
             HBLOG(HBLOG_LAN, HBLV_DETAIL, "  bind OK rsc=(%s) myip=(%s) sock=%d", rsc->name, rsc->myip, s.fd);
-        else
+        } else {
             HBLOG(HBLOG_LAN, HBLV_ERROR, "bind failed rsc=(%s) myip=(%s) errno=%d sock=%d", rsc->name, rsc->myip, errno, s.fd);
+            hbcount_add(node->count[HBEXT_NC_BINDFAIL]);
+        }
     }
     if (lanhb_bsocknbio != 0 && to->ai_socktype == SOCK_DGRAM) {
         int on = 1;
@@ -125,11 +131,13 @@ void lanhb_sendpeer(lanhb_list *list, lanhb_rsc *rsc, lanhb_node *node, lanhb_pa
 
     pkt->sendtime = htonl(static_cast<uint32_t>(std::time(nullptr)));
     const size_t wirelen = lanhb_keyseal(pkt, len);
-    if (sendto(s.fd, pkt, wirelen, 0, to->ai_addr, to->ai_addrlen) >= 0)
+    const bool sent = sendto(s.fd, pkt, wirelen, 0, to->ai_addr, to->ai_addrlen) >= 0;
+    if (sent)
         HBLOG(HBLOG_LAN, HBLV_DETAIL, "  sendto OK rsc=(%s) node=(%s) ip=(%s) sock=%d", rsc->name, node->name, node->ip, s.fd);
     else
         HBLOG(HBLOG_LAN, HBLV_ERROR, "sendto failed rsc=(%s) node=(%s) ip=(%s) errno=%d sock=%d", rsc->name, node->name,
               node->ip, errno, s.fd);
+    hbcount_add(node->count[sent ? HBEXT_NC_SENT : HBEXT_NC_SENDFAIL]);
     close(s.fd);
     s.fd = -1;
     lanhb_thsendtime(node->lastsend, &node->maxsend, rsc->name, node->name, node->ip, list->hbto);

@@ -85,7 +85,10 @@ def test_promtool_accepts_the_exposition(scraped):
 def test_a_crash_reads_back_as_node_down_and_daemon_down(scraped):
     c = scraped
     assert wait_until(lambda: node_up(c, "node2") == {p: 1.0 for p in PATHS}, 30, 0.5), node_up(c, "node2")
-    assert c.query('zemlanhb_accepted_datagrams_total{node="node2"} > 0').keys() == {("node2", LAN4), ("node2", LAN6)}
+    for counter in ("accepted", "sent"):
+        assert c.query(f'zemlanhb_{counter}_datagrams_total{{node="node2"}} > 0').keys() == {("node2", LAN4),
+                                                                                            ("node2", LAN6)}, counter
+    assert c.query("zemlanhb_received_datagrams_total > 0")
     assert c.query("zemlanhb_daemon_up") == {(): 1.0}
 
     os.kill(c[2].daemon_pid(), signal.SIGKILL)

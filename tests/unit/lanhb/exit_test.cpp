@@ -53,6 +53,7 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
     fake::add_node("node3", 3); // unresolvable without a name server: an unknown zone
     fake::set_key("/root/server@node3/device@0/info", "fe80::1%nosuchif0");
     loop("127.0.0.2");
+    std::strcpy(lanhb_rscat(list.get(), 0)->myip, "fe80::1%nosuchif0"); // peers are sent to unbound
     std::vector<int> fds;
     for (const char *ip : {"127.0.0.1", "127.0.0.2"}) {
         sockaddr_storage sa = addr(ip);
@@ -76,6 +77,10 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
         skipped += t.starts_with("getaddrinfo(fe80::1%nosuchif0) failed rsc=(lan1) node=(node3) ret=-2 errno=") &&
                    t.ends_with(" ---> continue");
     EXPECT_EQ(skipped, 5);
+    hbcount_publish(); // accepted, sent, not sent, sent unbound, last heartbeat
+    EXPECT_EQ(fake::counts(HB_KIND_LANHB, "lan1", 1), (std::vector<uint64_t>{0, 5, 0, 0, 0}));
+    EXPECT_EQ(fake::counts(HB_KIND_LANHB, "lan1", 2), (std::vector<uint64_t>{0, 5, 0, 5, 0}));
+    EXPECT_EQ(fake::counts(HB_KIND_LANHB, "lan1", 3), (std::vector<uint64_t>{0, 0, 5, 5, 0}));
 }
 
 TEST_F(ExitTest, StopBeforeStartSendsNothing)

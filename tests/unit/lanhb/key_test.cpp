@@ -226,6 +226,9 @@ TEST_F(KeyTest, LoopbackSocketTakesOwnHeartbeatsInBatches)
     EXPECT_EQ(lanhb_recvbatch(list.get(), b.get(), own, false, &maxrecv), 4);
     EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_ONLINE);
     EXPECT_EQ(fake::refused()[LANHB_REFUSE_REPLAY - 1], 1u);
+    hbcount_publish(); // every datagram of the batch received, the fresh ones accepted
+    EXPECT_EQ(fake::counts(HB_KIND_LANHB)[HBEXT_KC_RECEIVED], 4u);
+    EXPECT_EQ(fake::counts(HB_KIND_LANHB, "lan1", 1)[HBEXT_NC_ACCEPTED], 3u);
     for (int fd : {own, main, intruder})
         close(fd);
 }
