@@ -1,69 +1,21 @@
-// zemctl status and watch: the states the daemon published, read through
-// its own enumeration calls into one snapshot of every path and node with
-// its history. status shows a snapshot once (whether a daemon is attached
-// and moves on, the cluster's values, the LAN receiver's refusals), as a
-// table or JSON; watch sleeps on the state-change semaphore and prints what
-// differs between two snapshots, one line or JSON object per change.
-#include <sys/stat.h>
-
+// zemctl status: the states the daemon published (events.h reads them) shown
+// once, as a table or JSON: whether a daemon is attached and moves on, the
+// cluster's values, the LAN receiver's refusals, every path and node state
+// with its history. Whether the daemon moves on is judged here for run too.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <map>
 #include <string>
-#include <vector>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
+#include "events.h"
 #include "services/hbext.h"
 #include "zemctl.h"
 
 namespace {
 
 bool status_json = false; // status --json
-int watch_count = 0;      // watch --count
-int watch_timeout = 0;    // watch --timeout
-bool watch_json = false;  // watch --json
-
-using ojson = nlohmann::ordered_json;
-constexpr const char *kinds[2] = {HB_KIND_LANHB, HB_KIND_CNTHB};
-
-constexpr std::pair<int32_t, const char *> svstat_names[] = {
-    {SHMNM_SVSTAT_ONLINE, "ONLINE"},
-    {SHMNM_SVSTAT_OFFLINE, "OFFLINE"},
-    {SHMNM_SVSTAT_UNKNOWN, "UNKNOWN"},
-    {SHMNM_SVSTAT_UNUSED, "UNUSED"},
-};
-constexpr std::pair<int32_t, const char *> rscstat_names[] = {
-    {SHMNM_RSCSTAT_NORMAL, "NORMAL"},   {SHMNM_RSCSTAT_CAUTION, "CAUTION"}, {SHMNM_RSCSTAT_ERROR, "ERROR"},
-    {SHMNM_RSCSTAT_UNKNOWN, "UNKNOWN"}, {SHMNM_RSCSTAT_UNUSED, "UNUSED"},
-};
-
-const char *svstat_name(int32_t s)
-{
-    return plat_name_of(svstat_names, s);
-}
-
-const char *rscstat_name(int32_t s)
-{
-    return plat_name_of(rscstat_names, s);
-}
-
-// A state by name, or in hex when it has none ("0x2a"): one spelling for
-// the table and the JSON alike.
-std::string stat_text(const char *name, int32_t v)
-{
-    char hex[16];
-    snprintf(hex, sizeof hex, "0x%x", static_cast<unsigned>(v));
-    return name != nullptr ? name : hex;
-}
-
-// JSON text that never throws on a name that is not UTF-8.
-std::string dump(const ojson &j, int indent = -1)
-{
-    return j.dump(indent, ' ', false, ojson::error_handler_t::replace);
-}
 
 ojson ms_or_null(int64_t ms)
 {
@@ -78,89 +30,6 @@ std::string local_time(int64_t ms)
     char buf[32];
     strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
     return buf;
-}
-
-std::string now_text()
-{
-    struct timespec ts {};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    struct tm tm {};
-    localtime_r(&ts.tv_sec, &tm);
-    char buf[64];
-    snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d.%03ld", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-             tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 1000000);
-    return buf;
-}
-
-std::vector<std::string> split_msz(const std::vector<char> &buf)
-{
-    std::vector<std::string> out;
-    for (size_t i = 0; i < buf.size() && buf[i] != '\0';) {
-        std::string s(&buf[i]);
-        i += s.size() + 1;
-        out.push_back(s);
-    }
-    return out;
-}
-
-// Names through the daemon's own enumeration calls: size first, then list.
-std::vector<std::string> enum_rsc(const char *kind)
-{
-    int32_t size = 0;
-    if (shmnm_enumrsc(kind, nullptr, &size) != 0 || size <= 0)
-        return {};
-    std::vector<char> buf(static_cast<size_t>(size));
-    if (shmnm_enumrsc(kind, buf.data(), &size) != 0)
-        return {};
-    return split_msz(buf);
-}
-
-std::vector<std::string> enum_node()
-{
-    int32_t size = 0;
-    if (shmnm_enumnode(nullptr, &size) != 0 || size <= 0)
-        return {};
-    std::vector<char> buf(static_cast<size_t>(size));
-    if (shmnm_enumnode(buf.data(), &size) != 0)
-        return {};
-    return split_msz(buf);
-}
-
-struct node_view {
-    std::string name;
-    int32_t pri;
-    int32_t stat;
-    nm_hist hist;
-};
-struct rsc_view {
-    std::string name;
-    int32_t pri;
-    int32_t stat;
-    nm_hist hist;
-    std::vector<node_view> nodes;
-};
-using snapshot = std::vector<rsc_view>[2];
-
-void take(snapshot &snap)
-{
-    std::vector<std::string> nodes = enum_node();
-    for (int k = 0; k < 2; k++) {
-        snap[k].clear();
-        for (const std::string &r : enum_rsc(kinds[k])) {
-            rsc_view rv{r, -1, SHMNM_RSCSTAT_UNKNOWN, {}, {}};
-            shmnm_getrscpri(kinds[k], r.c_str(), &rv.pri);
-            plat_getrscstat(kinds[k], r.c_str(), &rv.stat);
-            plat_gethist(kinds[k], r.c_str(), nullptr, &rv.hist);
-            for (const std::string &n : nodes) {
-                node_view nv{n, -1, SHMNM_SVSTAT_UNKNOWN, {}};
-                shmnm_getnodepri(n.c_str(), &nv.pri);
-                shmnm_getrscsvstat(kinds[k], r.c_str(), nv.pri, &nv.stat);
-                plat_gethist(kinds[k], r.c_str(), n.c_str(), &nv.hist);
-                rv.nodes.push_back(nv);
-            }
-            snap[k].push_back(rv);
-        }
-    }
 }
 
 // Whether a daemon is attached, and since when or since when not.
@@ -327,17 +196,17 @@ int cmd_status()
         for (int k = 0; k < 2; k++) {
             ojson paths = ojson::array();
             for (const rsc_view &r : snap[k]) {
-                ojson p = {{"name", r.name}, {"pri", r.pri}, {"stat", stat_text(rscstat_name(r.stat), r.stat)}};
+                ojson p = {{"name", r.name}, {"pri", r.pri}, {"stat", rscstat_text(r.stat)}};
                 hist_json(p, r.hist, now, false);
                 p["nodes"] = ojson::array();
                 for (const node_view &n : r.nodes) {
-                    ojson e = {{"name", n.name}, {"pri", n.pri}, {"stat", stat_text(svstat_name(n.stat), n.stat)}};
+                    ojson e = {{"name", n.name}, {"pri", n.pri}, {"stat", svstat_text(n.stat)}};
                     hist_json(e, n.hist, now, true);
                     p["nodes"].push_back(e);
                 }
                 paths.push_back(p);
             }
-            out[kinds[k]] = paths;
+            out[ev_kinds[k]] = paths;
         }
         uint64_t refused[HBEXT_REFUSED_COUNT];
         if (plat_getrefused(refused) == 0)
@@ -365,138 +234,18 @@ int cmd_status()
         printf("%s\n", line.c_str());
     }
     for (int k = 0; k < 2; k++) {
-        printf("%s\n", kinds[k]);
+        printf("%s\n", ev_kinds[k]);
         if (snap[k].empty())
             printf("  (no paths)\n");
         for (const rsc_view &r : snap[k]) {
             printf("  %-20s pri %-4d %-8s %s\n", esc(r.name).c_str(), r.pri,
-                   stat_text(rscstat_name(r.stat), r.stat).c_str(), since_text(r.hist, now).c_str());
+                   rscstat_text(r.stat).c_str(), since_text(r.hist, now).c_str());
             for (const node_view &n : r.nodes)
                 printf("    %-18s pri %-4d %-8s %-16s downs %d\n", esc(n.name).c_str(), n.pri,
-                       stat_text(svstat_name(n.stat), n.stat).c_str(), since_text(n.hist, now).c_str(),
+                       svstat_text(n.stat).c_str(), since_text(n.hist, now).c_str(),
                        n.hist.downs);
         }
     }
     return rc;
-}
-
-namespace {
-
-// One line per event: text, or with json one JSON object per line.
-struct watch_out {
-    bool json;
-
-    void emit(const std::string &text, ojson j) const
-    {
-        if (!json) {
-            printf("%s %s\n", now_text().c_str(), text.c_str());
-            return;
-        }
-        ojson line = {{"version", ZEMCTL_JSON_VERSION}, {"time_ms", plat_now_ms()}};
-        line.update(j);
-        printf("%s\n", dump(line).c_str());
-    }
-};
-
-void print_changes(const watch_out &w, const snapshot &before, const snapshot &after, uint32_t posts)
-{
-    int lines = 0;
-    for (int k = 0; k < 2; k++) {
-        std::map<std::string, const rsc_view *> old;
-        for (const rsc_view &r : before[k])
-            old[r.name] = &r;
-        for (const rsc_view &r : after[k]) {
-            auto it = old.find(r.name);
-            if (it == old.end())
-                continue;
-            const rsc_view &o = *it->second;
-            for (size_t j = 0; j < r.nodes.size() && j < o.nodes.size(); j++) {
-                if (r.nodes[j].stat == o.nodes[j].stat)
-                    continue;
-                std::string from = stat_text(svstat_name(o.nodes[j].stat), o.nodes[j].stat);
-                std::string to = stat_text(svstat_name(r.nodes[j].stat), r.nodes[j].stat);
-                w.emit(std::string(kinds[k]) + " " + esc(r.name) + " node " + esc(r.nodes[j].name) + ": " + from +
-                           " -> " + to,
-                       {{"event", "node"}, {"kind", kinds[k]}, {"path", r.name}, {"node", r.nodes[j].name},
-                        {"from", from}, {"to", to}, {"down_count", r.nodes[j].hist.downs}});
-                lines++;
-            }
-            if (r.stat != o.stat) {
-                std::string from = stat_text(rscstat_name(o.stat), o.stat);
-                std::string to = stat_text(rscstat_name(r.stat), r.stat);
-                w.emit(std::string(kinds[k]) + " " + esc(r.name) + ": " + from + " -> " + to,
-                       {{"event", "path"}, {"kind", kinds[k]}, {"path", r.name}, {"from", from}, {"to", to}});
-                lines++;
-            }
-        }
-    }
-    if (lines == 0)
-        w.emit("state change posted (" + std::to_string(posts) + (posts == 1 ? " post" : " posts") +
-                   ", no state differs)",
-               {{"event", "post"}, {"posts", posts}});
-}
-
-// Identity of the semaphore file, to notice a reset by "zemctl init".
-ino_t sem_inode()
-{
-    struct stat st {};
-    return stat(plat_path("run/sem").c_str(), &st) == 0 ? st.st_ino : 0;
-}
-
-} // namespace
-
-void opts_watch(CLI::App &cmd)
-{
-    cmd.add_option("--count", watch_count, "stop after this many state-change posts");
-    cmd.add_option("--timeout", watch_timeout, "give up (status 3) after this many seconds");
-    cmd.add_flag("--json", watch_json, "one JSON object per line");
-}
-
-int cmd_watch()
-{
-    if (root_missing())
-        return HBEXIT_ATTACH;
-    const watch_out w{watch_json};
-    if (int32_t r = sem_attach(); r != 0)
-        return attach_failed(SEM_FILE, r);
-    if (int32_t r = shmnm_attach(); r != 0)
-        return attach_failed(NM_FILE, r);
-    ino_t ino = sem_inode();
-    snapshot snap;
-    take(snap);
-    uint32_t seen = plat_statchange_count();
-    w.emit("watching " + esc(plat_root()) + " for state changes", {{"event", "start"}, {"root", plat_root()}});
-    int posts = 0;
-    struct timespec start {};
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (;;) {
-        uint32_t c = plat_statchange_wait(seen, 1000);
-        if (c != seen) {
-            snapshot now;
-            take(now);
-            print_changes(w, snap, now, c - seen);
-            posts += static_cast<int>(c - seen);
-            seen = c;
-            for (int k = 0; k < 2; k++)
-                snap[k] = now[k];
-            if (watch_count > 0 && posts >= watch_count)
-                return 0;
-        }
-        if (c == seen && sem_inode() != ino && sem_attach() == 0 && shmnm_attach() == 0) {
-            ino = sem_inode();
-            take(snap);
-            seen = plat_statchange_count();
-            w.emit("shared memory was reset; watching the new one", {{"event", "reset"}});
-        }
-        if (watch_timeout > 0) {
-            struct timespec t {};
-            clock_gettime(CLOCK_MONOTONIC, &t);
-            if (t.tv_sec - start.tv_sec >= watch_timeout) {
-                w.emit("no further state change within " + std::to_string(watch_timeout) + " s",
-                       {{"event", "timeout"}, {"timeout_s", watch_timeout}});
-                return HBEXIT_NODAEMON; // for watch: no change in time
-            }
-        }
-    }
 }
 

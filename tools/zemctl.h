@@ -3,8 +3,10 @@
 // there, and the hooks each role file gives the table. The roles:
 //   zemctl.cpp  main(): the table, parsing, a mistyped subcommand named
 //   init.cpp    check, init: the configuration checked, the node prepared
-//   status.cpp  status, watch: the published states shown and followed, and
-//               whether the daemon moves on (run asks it too)
+//   events.cpp  the published states read into one snapshot (events.h)
+//   status.cpp  status: the published states shown, and whether the daemon
+//               moves on (run asks it too)
+//   watch.cpp   watch: the published states followed
 //   set.cpp     set: what a cluster manager would set
 //   keygen.cpp  keygen: a new cluster key
 //   run.cpp     run: the daemon's supervisor
