@@ -19,35 +19,6 @@
 #include "zem_version.h"
 #include "zemctl.h"
 
-std::string duration(int64_t ms)
-{
-    int64_t s = ms < 0 ? 0 : ms / 1000;
-    char buf[32];
-    if (s < 60)
-        snprintf(buf, sizeof buf, "%llds", static_cast<long long>(s));
-    else if (s < 3600)
-        snprintf(buf, sizeof buf, "%lldm%02llds", static_cast<long long>(s / 60), static_cast<long long>(s % 60));
-    else if (s < 86400)
-        snprintf(buf, sizeof buf, "%lldh%02lldm", static_cast<long long>(s / 3600),
-                 static_cast<long long>(s / 60 % 60));
-    else
-        snprintf(buf, sizeof buf, "%lldd%02lldh", static_cast<long long>(s / 86400),
-                 static_cast<long long>(s / 3600 % 24));
-    return buf;
-}
-
-std::string seconds(int64_t ms)
-{
-    if (ms >= 60000)
-        return duration(ms);
-    char buf[32];
-    if (ms % 1000 == 0)
-        snprintf(buf, sizeof buf, "%lld s", static_cast<long long>(ms / 1000));
-    else
-        snprintf(buf, sizeof buf, "%.1f s", static_cast<double>(ms) / 1000);
-    return buf;
-}
-
 const char *plat_error_text(int32_t r)
 {
     static constexpr std::pair<int32_t, const char *> texts[] = {
@@ -172,7 +143,10 @@ int main(int argc, char **argv)
          "show whether a daemon is attached and moves on, and every path and node state with its history; exit "
          "status 3 when no daemon runs, 5 when it has stalled",
          opts_status, cmd_status},
-        {"watch", "print every state change until interrupted", opts_watch, cmd_watch},
+        {"watch",
+         "print a snapshot, then every change of a state, of the daemon and of what set sets, with its cause, "
+         "until interrupted",
+         opts_watch, cmd_watch},
         {"set", "set what a cluster manager would set", nullptr, nullptr, set_cmds},
         {"keygen", "write a new random cluster key file (mode 0600)", opts_keygen, cmd_keygen},
         {"run",

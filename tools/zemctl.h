@@ -3,10 +3,11 @@
 // there, and the hooks each role file gives the table. The roles:
 //   zemctl.cpp  main(): the table, parsing, a mistyped subcommand named
 //   init.cpp    check, init: the configuration checked, the node prepared
-//   events.cpp  the published states read into one snapshot (events.h)
-//   status.cpp  status: the published states shown, and whether the daemon
-//               moves on (run asks it too)
-//   watch.cpp   watch: the published states followed
+//   events.cpp  snapshots of the published states, whether the daemon
+//               moves on (run asks it too), the events between two
+//               snapshots (events.h)
+//   status.cpp  status: one snapshot shown
+//   watch.cpp   watch, and the event source
 //   set.cpp     set: what a cluster manager would set
 //   keygen.cpp  keygen: a new cluster key
 //   run.cpp     run: the daemon's supervisor
@@ -23,6 +24,7 @@
 #include <span>
 #include <string>
 
+#include "events.h"
 #include "plat.h"
 #include "services/hbexit.h"
 
@@ -51,11 +53,6 @@ inline std::string esc(const std::string &s)
     return plat_escape(s);
 }
 
-// "42s", "5m12s", "3h04m", "2d03h".
-std::string duration(int64_t ms);
-// A time to the tenth of a second under a minute ("2.5 s", "42 s"), else
-// as duration gives it.
-std::string seconds(int64_t ms);
 // A platform result code in words.
 const char *plat_error_text(int32_t r);
 // A missing root directory, said with what fixes it; true when missing.
@@ -64,26 +61,24 @@ bool root_missing();
 // the root is missing; returns the exit status for it.
 int attach_failed(const char *file, int32_t r);
 
-// Whether the daemon with pid moves on, from the progress its heartbeat
-// threads publish. It has stalled when a thread that runs has shown no
-// progress for longer than the limit: one heartbeat interval (a thread's
-// longest pause) plus the heartbeat time-out in whole seconds times the
-// cluster's ratio. By then its peers have timed this node out, so a
-// watchdog that acts on a stall never takes down a node they still hear;
-// and no thread waits that long by design (the sender and the controller
-// writer poll for their start, the controller's reader and writer never
-// wait for a worker stuck in the controller).
-struct progress_view {
-    enum thread_state { NONE, RUNNING, ENDED };
-    bool known = false; // that daemon has started a heartbeat thread
-    int64_t limit_ms = 0;
-    thread_state state[HBEXT_TH_COUNT] = {};
-    int64_t since_ms[HBEXT_TH_COUNT] = {}; // since its last progress, or since it ended
-    int slowest = -1;                      // the running thread longest without progress; -1 none runs
-    bool stalled = false;                  // the slowest has been silent past the limit
+// The one source of events (watch.cpp): the
+// root's shared memory attached, the last look at it and whose node it is.
+struct ev_source {
+    ev_attached attached;
+    ev_identity id;
+    snapshot last;
+    ino_t sem_ino = 0;   // to notice a reset by zemctl init
+    uint32_t posts = 0;  // state-change posts seen since the start
 };
-int64_t stall_limit_ms(int32_t hbint, int32_t hbto, int32_t ratio);
-progress_view look_progress(pid_t pid, int32_t ratio);
+// Attaches and takes the first look; its event is "start". The exit status
+// when the shared memory cannot be attached (said on standard error);
+// with wait, waits for it instead, saying so once.
+int source_open(ev_source &src, zem_event &start, bool wait = false);
+// Sleeps until a state change is posted or wait_ms pass, looks again and
+// returns what happened since the last look (often nothing: the daemon's
+// end or stall posts nothing, so a watcher looks at least every second).
+// A reset by zemctl init is one "reset" event with the new snapshot.
+std::vector<zem_event> source_next(ev_source &src, int wait_ms);
 
 // The hooks of the table, by role file.
 void opts_init(CLI::App &cmd);

@@ -53,24 +53,31 @@ protected:
 };
 
 // This test process is the daemon that published; its post wakes the
-// watcher in another process.
+// watcher in another process, which also sees a value set (no post) and
+// the cause the publication carried.
 TEST_F(Zemctl, StatusAndWatchShowWhatTheDaemonPublishedAndInitResetsOnlyWhenForced)
 {
     init_and_attach();
-    pid_t w = ptest::spawn({ZEMCTL_PATH, "watch", "--count", "1", "--timeout", "60"}, at("watch.out"));
+    pid_t w = ptest::spawn({ZEMCTL_PATH, "watch", "--timeout", "60"}, at("watch.out"));
     ASSERT_TRUE(ptest::await_text(at("watch.out"), "watching")) << ptest::slurp(at("watch.out"));
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_ONLINE), 0);
+    ASSERT_EQ(hbext_setcause("lanhb", "lan1", 1, HBEXT_CAUSE_TIMEOUT), 0);
     ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 1, SHMNM_SVSTAT_OFFLINE), 0);
     ASSERT_EQ(shmnm_setrscsvstat("cnthb", "cnt1", 1, 42), 0);
     ASSERT_EQ(sem_set_statchange(), 0);
-    EXPECT_EQ(ptest::finish(w), 0);
+    ASSERT_EQ(zemctl({"set", "ratio", "3"}), 0) << out;
+    EXPECT_TRUE(ptest::await_text(at("watch.out"), "ratio: 1 -> 3 (set)")) << ptest::slurp(at("watch.out"));
+    kill(w, SIGTERM);
+    EXPECT_EQ(ptest::finish(w), 128 + SIGTERM);
     const std::string watched = ptest::slurp(at("watch.out"));
-    EXPECT_TRUE(ptest::has(watched, "lanhb lan1 node node2: UNKNOWN -> OFFLINE")) << watched;
-    EXPECT_TRUE(ptest::has(watched, "cnthb cnt1 node node2: UNKNOWN -> 0x2a")) << watched; // no name: hex
+    EXPECT_TRUE(ptest::has(watched, "lanhb lan1 node node2: UNKNOWN -> OFFLINE (timeout)")) << watched;
+    EXPECT_TRUE(ptest::has(watched, "cnthb cnt1 node node2: UNKNOWN -> 0x2a (none)")) << watched; // no name: hex
     ASSERT_EQ(zemctl({"status", "--json"}), 0) << out;
     auto j = nlohmann::json::parse(out);
     EXPECT_EQ(j["daemon"]["lock_pid"], getpid());
     EXPECT_EQ(j["lanhb"][0]["nodes"][1]["down_count"], 1);
+    EXPECT_EQ(j["lanhb"][0]["nodes"][1]["cause"], "timeout");
+    EXPECT_TRUE(j["host"] == "node1" && j["cluster_name"] == "demo") << j;
     EXPECT_EQ(j["cnthb"][0]["nodes"][1]["stat"], "0x2a");
     EXPECT_EQ(zemctl({"init"}), 1) << out;
     EXPECT_TRUE(ptest::has(out, "init refused") && ptest::has(out, "--force")) << out;
