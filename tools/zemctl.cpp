@@ -1,12 +1,13 @@
 // zemctl: the stand-alone platform's command-line tool. It checks a node's
 // configuration (check), prepares the node (init), shows and watches the
-// states the daemon publishes (status, watch), sets what a cluster manager
-// would set (set), makes cluster keys (keygen), supervises the daemon as
-// its parent process (run), formats and shows the heartbeat area (area), and
-// gives all it can see as metrics (metrics). This file holds main(): the one table of
-// subcommands it walks to build the command line and to find the handler to
-// run, the help for a mistyped subcommand, and the helpers every role shares
-// (zemctl.h says which file holds which role).
+// states the daemon publishes (status, watch), runs hooks on every change
+// (notify), sets what a cluster manager would set (set), makes cluster keys
+// (keygen), supervises the daemon as its parent process (run), formats and
+// shows the heartbeat area (area), and gives all it can see as metrics
+// (metrics). This file holds main(): the one table of subcommands it walks
+// to build the command line and to find the handler to run, the help for a
+// mistyped subcommand, and the helpers every role shares (zemctl.h says
+// which file holds which role).
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -147,6 +148,10 @@ int main(int argc, char **argv)
          "print a snapshot, then every change of a state, of the daemon and of what set sets, with its cause, "
          "until interrupted",
          opts_watch, cmd_watch},
+        {"notify",
+         "run the executables in etc/notify.d for every event that watch prints, one at a time and in order, "
+         "each with a time limit",
+         opts_notify, cmd_notify},
         {"set", "set what a cluster manager would set", nullptr, nullptr, set_cmds},
         {"keygen", "write a new random cluster key file (mode 0600)", opts_keygen, cmd_keygen},
         {"run",

@@ -7,7 +7,8 @@
 //               moves on (run asks it too), the events between two
 //               snapshots (events.h)
 //   status.cpp  status: one snapshot shown
-//   watch.cpp   watch, and the event source
+//   watch.cpp   watch, and the event source it shares with notify
+//   notify.cpp  notify: the hooks of etc/notify.d run for every event
 //   set.cpp     set: what a cluster manager would set
 //   keygen.cpp  keygen: a new cluster key
 //   run.cpp     run: the daemon's supervisor
@@ -61,7 +62,7 @@ bool root_missing();
 // the root is missing; returns the exit status for it.
 int attach_failed(const char *file, int32_t r);
 
-// The one source of events (watch.cpp): the
+// The one source of events, which watch and notify share (watch.cpp): the
 // root's shared memory attached, the last look at it and whose node it is.
 struct ev_source {
     ev_attached attached;
@@ -88,6 +89,8 @@ void opts_status(CLI::App &cmd);
 int cmd_status();
 void opts_watch(CLI::App &cmd);
 int cmd_watch();
+void opts_notify(CLI::App &cmd);
+int cmd_notify();
 extern const std::span<const zemctl_cmd> set_cmds;
 void opts_keygen(CLI::App &cmd);
 int cmd_keygen();
