@@ -9,9 +9,11 @@ else()
   set(ZEM_SYSCONFDIR ${CMAKE_INSTALL_PREFIX}/etc)
 endif()
 set(ZEM_SBINDIR ${CMAKE_INSTALL_PREFIX}/${ZEM_SBIN_REL})
-configure_file(${ZEM_DIST_SRC}/zemlanhb.service.in ${ZEM_DIST_BIN}/zemlanhb.service @ONLY)
-file(INSTALL DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system TYPE FILE
-     FILES ${ZEM_DIST_BIN}/zemlanhb.service)
+foreach(unit zemlanhb zemlanhb-notify)
+  configure_file(${ZEM_DIST_SRC}/${unit}.service.in ${ZEM_DIST_BIN}/${unit}.service @ONLY)
+  file(INSTALL DESTINATION ${CMAKE_INSTALL_PREFIX}/lib/systemd/system TYPE FILE
+       FILES ${ZEM_DIST_BIN}/${unit}.service)
+endforeach()
 file(INSTALL DESTINATION ${ZEM_SYSCONFDIR}/default TYPE FILE RENAME zemlanhb
      FILES ${ZEM_DIST_SRC}/zemlanhb.default)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
