@@ -70,6 +70,14 @@ template <class F> bool waitfor(F cond)
 }
 #define CHILD_CHECK(cond) ((cond) ? (void)0 : unit::child_failed(#cond))
 
+// How many milliseconds body took.
+template <class F> int64_t took_ms(F body)
+{
+    const auto t0 = std::chrono::steady_clock::now();
+    body();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+}
+
 inline pthread_t start(void *(*entry)(void *), void *arg = nullptr)
 {
     pthread_t th = 0;

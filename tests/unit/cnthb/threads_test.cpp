@@ -119,12 +119,14 @@ TEST_F(ThreadTest, TableOfAWorkerStuckForGoodIsNotFreed)
 }
 
 struct DownTest : CntTest {
-    // Runs the down writer to its end in a thread of its own, as main does.
-    static void rundown(cnthb_list *list, int32_t retry, int32_t dpint = 0)
+    // Runs the down writer to its end in a thread of its own, as main does;
+    // the milliseconds it took.
+    static int64_t rundown(cnthb_list *list, int32_t retry, int32_t dpint = 0)
     {
         list->dpretry = retry, list->dpint = dpint;
-        EXPECT_EQ(exitvalue(start(cnthb_dpwrite, list)), nullptr);
+        const int64_t ms = took_ms([&] { EXPECT_EQ(exitvalue(start(cnthb_dpwrite, list)), nullptr); });
         EXPECT_TRUE(cntlog("<<< EXIT >>> : 0x00000000"));
+        return ms;
     }
 };
 
@@ -134,10 +136,11 @@ TEST_F(DownTest, NoticesGoIntoThisNodesSlotOnEveryPath)
     list_ptr a = load("node1", 1);
     rundown(a.get(), 0); // no cycles: nothing written, nothing to wait for
     EXPECT_EQ(fake::count("zemfw_sethbinf"), 0);
-    rundown(a.get(), 3, 50); // with time to finish: one write per path and cycle
+    const int64_t ms = rundown(a.get(), 2, 1100); // one write per path and cycle, each cycle its pause
+    EXPECT_TRUE(ms >= 2200 && ms < 3000) << ms;
     EXPECT_TRUE(fake::slot(1).starts_with(std::string("hbdown\0", 7)));
     EXPECT_EQ(fake::slot(0), std::string(ZEMFW_HBINF_SIZE, '\0'));
-    EXPECT_EQ(fake::count("zemfw_sethbinf"), 6);
+    EXPECT_EQ(fake::count("zemfw_sethbinf"), 4);
     EXPECT_EQ(cntcount("TIMEOUT"), 0);
     cnthb_dpthretry = 0; // no wait steps: the time-out at once
     rundown(a.get(), 0);

@@ -63,9 +63,11 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
         setsockopt(fds.back(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         EXPECT_EQ(bind(fds.back(), sap(&sa), sizeof(sockaddr_in)), 0) << ip;
     }
-    for (int32_t retry : {0, 5}) {
-        list->dpretry = retry;
-        EXPECT_EQ(join(start(lanhb_dpsend, list.get())), "0");
+    // Each burst is followed by its pause, the last one too.
+    for (auto [retry, dpint] : {std::pair{0, 0}, {4, 0}, {1, 1100}}) {
+        list->dpretry = retry, list->dpint = dpint;
+        const int64_t ms = took_ms([&] { EXPECT_EQ(join(start(lanhb_dpsend, list.get())), "0"); });
+        EXPECT_TRUE(ms >= retry * dpint && ms < retry * dpint + 800) << ms;
         for (int fd : fds)
             EXPECT_EQ(downs(fd), retry);
     }
@@ -83,9 +85,18 @@ TEST_F(ExitTest, BurstsReachEveryPeer)
     EXPECT_EQ(fake::counts(HB_KIND_LANHB, "lan1", 3), (std::vector<uint64_t>{0, 0, 5, 5, 0}));
 }
 
-TEST_F(ExitTest, StopBeforeStartSendsNothing)
+// Without the watcher the receiver checks the time-outs: this node, heard
+// once, falls silent.
+TEST_F(ExitTest, ReceiverAloneTimesOutAndStopBeforeStartSendsNothing)
 {
+    fake::set_key("/root/cluster/heartbeat/interval", "1500"); // its receive waits: 1 s and 500000 us
     loop(nullptr); // node2 has no address: never sent to
+    hbtick_source = fakenow, lanhb_bwatchth = 0;
+    bytes hb(lanhb_pktlen(list->maxnode));
+    lanhb_pktinit(reinterpret_cast<lanhb_packet *>(hb.data()), list.get(), LANHB_TAG_HB);
+    lanhb_hbdata(list.get(), lanhb_rscat(list.get(), 0), lanhb_nodeat(lanhb_rscat(list.get(), 0), 0),
+                 reinterpret_cast<lanhb_packet *>(hb.data()));
+    ASSERT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_ONLINE);
     const pthread_t recv = start(lanhb_hbrecv, list.get());
     ASSERT_TRUE(waitfor([] {
         pthread_mutex_lock(&lanhb_rmutex);
@@ -95,13 +106,14 @@ TEST_F(ExitTest, StopBeforeStartSendsNothing)
     }));
     const pthread_t send = start(lanhb_hbsend, list.get());
     EXPECT_TRUE(waitfor([] { return lanlog("*** WAIT START: lanhb_hbsend ***"); }));
+    now += 90 * tckconf + 1; // the default time-out
+    EXPECT_TRUE(waitfor([] { return fake::svstat(HB_KIND_LANHB, "lan1", 1) == SHMNM_SVSTAT_OFFLINE; }));
     pthread_cancel(recv), pthread_cancel(send), bsigrecv = 1; // as the stop routine does
     EXPECT_EQ(join(send), "canceled");
     EXPECT_EQ(join(recv), "canceled");
     EXPECT_EQ(join(start(lanhb_hbsend, list.get())), "0"); // finds the stop flag while waiting
     EXPECT_EQ(lancount("SIGUSR1 already received"), 2);
     EXPECT_EQ(lancount("*** START: lanhb_hbsend ***") + lancount("sendto"), 0);
-    EXPECT_EQ(fake::svstat(HB_KIND_LANHB, "lan1", 1), SHMNM_SVSTAT_OFFLINE);
 }
 
 std::vector<int32_t> slept;
