@@ -1,6 +1,7 @@
 // The datagram: its bytes as they are sent, and which received ones are
 // accepted for which node entry (addresses are only compared, nothing is
 // sent); what it does to the states is the node-state layer's test.
+#include <fstream>
 #include <tuple>
 
 #include "lanhb_test.h"
@@ -85,6 +86,23 @@ TEST_F(PacketTest, Acceptance)
         EXPECT_EQ(ok, accepted);
         EXPECT_TRUE(!ok || node->pri == nodepri);
     }
+}
+
+// A burst from many peers waits in the receive socket while the receiver
+// handles one datagram a pass: its buffer holds megabytes, or all the
+// system allows an unprivileged daemon.
+TEST_F(PacketTest, ReceiveSocketHoldsABurst)
+{
+    cluster();
+    list_ptr list = load();
+    const int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+    lanhb_socksetup(list.get(), fd);
+    int got = 0, rmem = 0;
+    socklen_t len = sizeof got;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &got, &len), 0);
+    close(fd);
+    std::ifstream("/proc/sys/net/core/rmem_max") >> rmem;
+    EXPECT_GE(got / 2, std::min(rmem, 4 << 20)) << rmem;
 }
 
 } // namespace

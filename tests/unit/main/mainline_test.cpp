@@ -56,6 +56,9 @@ const Case CASES[] = {
     {"controller loader", // with a LAN table, freed again
      [] { fake::add_node("node1", 1), fake::add_rsc("lanhb", "lan1", 1), fake::fail_on("xmllib_load_policy", "cnthb", 9); },
      13, lines("cnthb_loadinfo() failed(ret:9)"), LOAD_RELEASES, true, 0},
+    {"key", // configured but missing: the table is built and freed again
+     [] { fake::add_node("node1", 1), fake::add_rsc("lanhb", "lan1", 1), fake::set_key(LANHB_KEYCFG, "nokey"); },
+     14, lines("lanhb_keyload() failed(ret:2)"), LOAD_RELEASES, true, 0},
     {"waitstat and setsched", // setsched gives up without its policy
      [] { fail_loader(), fake::fail("shmnm_getwaitstat", 4), fake::fail_on("xmllib_load_policy", "lanhb", 6); },
      13, {"lanhb/cnthb starting", CLOCK, "setsched() failed(ret:9)", "shmnm_getwaitstat() failed(ret:4)",
