@@ -97,6 +97,12 @@ TEST_F(Shm, ADeadLockHolderNeverBlocks)
     close(ready[0]);
     EXPECT_EQ(plat_lock_holder(), holder);
     EXPECT_EQ(shmnm_attach(), PLAT_EBUSY);
+    // Handed down by a supervisor that does not hold the lock: not adopted.
+    const int fd = open(at("run/lock").c_str(), O_RDWR | O_CLOEXEC);
+    setenv(PLAT_LOCKFD_ENV, std::to_string(fd).c_str(), 1);
+    EXPECT_EQ(shmnm_attach(), PLAT_EBUSY);
+    unsetenv(PLAT_LOCKFD_ENV);
+    close(fd);
     kill(holder, SIGKILL);
     EXPECT_EQ(ptest::finish(holder), 128 + SIGKILL);
     EXPECT_EQ(plat_lock_holder(), 0);

@@ -168,7 +168,7 @@ TEST_F(Zemctl, CheckAndInitNameEveryConfigurationProblemWithItsPlace)
                 EXPECT_TRUE(ptest::has(out, want) && !ptest::has(out, "\x1b")) << want << " in\n" << out;
         }
     }
-    put("etc/local.xml", local);
+    put("etc/local.xml", replaced(local, "node1<", "node1.example<")); // the node is the name before the domain
     EXPECT_EQ(zemctl({"check"}), 0) << out;
     EXPECT_EQ(runfiles(), run);
 }
@@ -202,6 +202,8 @@ TEST_F(Zemctl, CheckFindsWhatThisHostLacksForTheDaemon)
         }
     }
     keyfile(HBEXT_KEY_SIZE, 0400);
+    EXPECT_EQ(zemctl({"check"}), 0) << out;
+    put("etc/cluster.xml", replaced(cl, "<mismatch>", "<authkey>" + key + "</authkey><mismatch>")); // absolute
     EXPECT_EQ(zemctl({"check"}), 0) << out;
     // A zone is for link-local addresses only, to the resolver as to the daemon.
     put("etc/cluster.xml", replaced(replaced(cl, "127.0.0.1/8", "198.18.1.1"), "::1", "::1%lo"));
@@ -241,7 +243,14 @@ TEST_F(Zemctl, InitFixesModesAndRefusesPlantedFiles)
 
 TEST_F(Zemctl, SetWritesWhatTheDaemonReads)
 {
+    // node2 at the top of the priority range, which is its id.
+    put("etc/cluster.xml", replaced(ptest::slurp(at("etc/cluster.xml")), "node2\">\n    <priority>1<", "node2\">\n    <priority>63<"));
     init_and_attach();
+    int32_t pri = 0, hd = 0, st = 0;
+    ASSERT_EQ(shmnm_setrscsvstat("lanhb", "lan1", 63, SHMNM_SVSTAT_ONLINE), 0);
+    EXPECT_TRUE(shmnm_getnodepri("node2", &pri) == 0 && pri == 63) << pri;
+    EXPECT_TRUE(shmnm_getrscsvstat("lanhb", "lan1", 63, &st) == 0 && st == SHMNM_SVSTAT_ONLINE) << st;
+    EXPECT_TRUE(shmnm_gethdstat("node2", &hd) == 0 && hd == SHMNM_HDSTAT_OK) << hd; // init lets heartbeats count
     using get = int32_t (*)(int32_t *);
     const std::tuple<std::vector<std::string>, get, int32_t> cases[] = {
         {{"ratio", "3"}, [](int32_t *v) { return shmcm_getratio(v, nullptr); }, 3},
@@ -288,17 +297,18 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
     put("daemon", "#!/bin/sh\ntrap 'echo usr2' USR2\ntrap 'echo usr1; eval \"$END\"' USR1\neval \"$EARLY\"\n"
                   "kill -USR1 $PPID\nwhile :; do sleep 0.01; done\n");
     ASSERT_EQ(chmod(daemon.c_str(), 0700), 0);
-    const std::tuple<std::vector<std::string>, const char *, int, const char *, const char *, bool> cases[] = {
-        {{}, "END=exit 5", 5, "down notification on; sending SIGUSR1", "exited with status 5", true},
-        {{"--no-down"}, "END=kill -9 $$", 128 + SIGKILL, "down notification off; sending SIGUSR1",
-         "was killed by signal 9", false},
+    // A hang-up (terminal closed) stops in order as SIGTERM does.
+    const std::tuple<std::vector<std::string>, const char *, int, const char *, const char *, bool, int> cases[] = {
+        {{}, "END=exit 5", 5, "down notification on; sending SIGUSR1", "exited with status 5", true, SIGTERM},
+        {{"--no-down"}, "END=kill -9 $$", 128 + SIGKILL, "Hangup received; down notification off; sending SIGUSR1",
+         "was killed by signal 9", false, SIGHUP},
     };
-    for (const auto &[opts, end, rc, said, ended, down] : cases) {
+    for (const auto &[opts, end, rc, said, ended, down, sig] : cases) {
         std::vector<std::string> args = {ZEMCTL_PATH, "run", "--daemon", daemon};
         args.insert(args.end(), opts.begin(), opts.end());
         pid_t p = ptest::spawn(args, at("run.out"), {end});
         ASSERT_TRUE(ptest::await_text(at("run.out"), "usr2")) << ptest::slurp(at("run.out"));
-        kill(p, SIGTERM);
+        kill(p, sig);
         EXPECT_EQ(ptest::finish(p), rc);
         out = ptest::slurp(at("run.out"));
         for (const std::string &want : {std::string(said) + " to daemon", std::string("usr1\n"), std::string(ended)})

@@ -128,6 +128,9 @@ TEST_F(KeyTest, KeyFileChecks)
         EXPECT_EQ(lanhb_keyed(), std::string(name) == "good") << name;
         EXPECT_EQ(fake::texts(HB_KIND_LANHB).size() == before, *name == '\0') << name;
     }
+    EXPECT_FALSE(lanhb_keyunsigned()); // unless configured, unsigned datagrams are refused
+    fake::set_key(LANHB_KEYCFG_ALSO, "missing"); // the second key counts as much as the first
+    EXPECT_EQ(lanhb_keyload(list.get()), LANHB_KEY_MISSING);
     EXPECT_TRUE(lanlog("invalid AUTHWINDOW(50). set to " + std::to_string(list->hbto) + " msec."));
     EXPECT_EQ(lancount(", window " + std::to_string(list->hbto) + " ms"), 1);
     fake::set_root("/fake-root");
