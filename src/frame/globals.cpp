@@ -4,6 +4,7 @@
 #include "frame/counters.h"
 #include "frame/frame.h"
 #include "frame/nodestate.h"
+#include "frame/thread.h"
 
 int32_t brestart = 0;
 int32_t bmlock = 0;
@@ -17,4 +18,5 @@ void hbframe_reset()
     hbcount_reset();
     hbtick_source = hbtick_times;
     hbstop_reset();
+    hbpace_fastpolls = HBPACE_FAST_POLLS;
 }

@@ -23,14 +23,15 @@ void hangs(Hang &hang, bool stuck = false)
     });
 }
 
+// Both poll at the interval right after a start-up stretch of one poll.
 TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
 {
-    for (bool watcher : {false, true}) {
+    for (auto [watcher, interval] : {std::pair{false, "100"}, {true, "1100"}}) {
         SCOPED_TRACE(watcher ? "watcher" : "reader checks");
-        bsigrecv = 0;
+        bsigrecv = 0, hbpace_fastpolls = 0;
         cluster();
         fake::set_key("/root/cluster/heartbeat/timeout", "1000"); // 100 ticks
-        fake::set_key("/root/cluster/heartbeat/interval", "100");
+        fake::set_key("/root/cluster/heartbeat/interval", interval);
         fake::set_key("/root/cnthb/watchth", watcher ? "1" : "0");
         hbtick_source = fakenow, now = 1000;
         list_ptr a = load("node1", 0), b = load("node2", 1); // a reads only, b writes only
@@ -39,6 +40,8 @@ TEST_F(ThreadTest, WriterThatStopsIsDeclaredOfflineAfterTheTimeOut)
         const pthread_t watch = watcher ? start(cnthb_hbwatch, a.get()) : 0;
         const pthread_t writer = start(cnthb_hbwrite, b.get());
         ASSERT_TRUE(waitfor([] { return svstat("cnt1", 2) == SHMNM_SVSTAT_ONLINE; }));
+        for (const std::string which : {"read2", "write"})
+            EXPECT_TRUE(waitfor([&] { return cntlog("***** start normal polling(" + which + ") " + interval + " msec. *****"); }));
         stop(writer, false);
         const int seen = reads();
         ASSERT_TRUE(waitfor([&] { return reads() >= seen + 2; })); // all it wrote has been read

@@ -91,7 +91,7 @@ TEST_F(ExitTest, ReceiverAloneTimesOutAndStopBeforeStartSendsNothing)
 {
     fake::set_key("/root/cluster/heartbeat/interval", "1500"); // its receive waits: 1 s and 500000 us
     loop(nullptr); // node2 has no address: never sent to
-    hbtick_source = fakenow, lanhb_bwatchth = 0;
+    hbtick_source = fakenow, lanhb_bwatchth = 0, hbpace_fastpolls = 0; // one start-up poll, then the interval
     bytes hb(lanhb_pktlen(list->maxnode));
     lanhb_pktinit(reinterpret_cast<lanhb_packet *>(hb.data()), list.get(), LANHB_TAG_HB);
     lanhb_hbdata(list.get(), lanhb_rscat(list.get(), 0), lanhb_nodeat(lanhb_rscat(list.get(), 0), 0),
@@ -108,6 +108,7 @@ TEST_F(ExitTest, ReceiverAloneTimesOutAndStopBeforeStartSendsNothing)
     EXPECT_TRUE(waitfor([] { return lanlog("*** WAIT START: lanhb_hbsend ***"); }));
     now += 90 * tckconf + 1; // the default time-out
     EXPECT_TRUE(waitfor([] { return fake::svstat(HB_KIND_LANHB, "lan1", 1) == SHMNM_SVSTAT_OFFLINE; }));
+    EXPECT_TRUE(waitfor([] { return lanlog("***** start normal polling(start send) 1500 msec. *****"); }));
     pthread_cancel(recv), pthread_cancel(send), bsigrecv = 1; // as the stop routine does
     EXPECT_EQ(join(send), "canceled");
     EXPECT_EQ(join(recv), "canceled");
