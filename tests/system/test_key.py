@@ -149,20 +149,6 @@ def test_a_delay_line_beyond_the_window_keeps_no_node_alive(healthy):
     assert events(n1, "lanhb", f"{LAN4}/node({n2.name}({n2.pri})) : datagram dated -", t0)
 
 
-def test_a_key_file_that_is_a_fifo_is_refused_at_once(healthy):
-    n3, t0 = healthy[3], time.time()
-    assert n3.stop() == 0
-    key = n3.read_key()
-    os.unlink(n3.key_path())
-    os.mkfifo(n3.key_path(), 0o600)
-    try:
-        n3.start(wait_daemon=False)
-        assert n3.wait(10) == 14 and events(n3, "lanhb", "is not a regular file: refused", t0)
-    finally:
-        os.unlink(n3.key_path())
-        n3.write_key(key)
-
-
 def test_a_clock_set_ahead_and_back_costs_its_node_the_window_not_a_lockout(healthy):
     """node2's processes see their wall clock a day ahead for 5 s, through a
     preloaded shim (the machine's clock stays). Last of the module: node2's

@@ -113,6 +113,7 @@ TEST_F(KeyTest, KeyFileChecks)
         EXPECT_EQ(lanhb_keyfile((dir / name).c_str(), k.data()), want) << name;
         EXPECT_EQ(k == k7, want == LANHB_KEY_OK) << name;
     }
+    EXPECT_TRUE(lanlog("key file " + (dir / "fifo").string() + " is not a regular file: refused"));
 
     // Through the configuration: a relative name is taken under the root; no
     // name at all leaves the daemon unkeyed without a word in its log.
