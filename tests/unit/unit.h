@@ -74,8 +74,7 @@ template <class F> bool waitfor(F cond)
 template <class F> int64_t took_ms(F body)
 {
     const auto t0 = std::chrono::steady_clock::now();
-    body();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    return body(), std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
 }
 
 inline pthread_t start(void *(*entry)(void *), void *arg = nullptr)

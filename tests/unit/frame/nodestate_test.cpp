@@ -112,8 +112,6 @@ TYPED_TEST(State, HeartbeatBringsANodeOnlineOnceWhenItsStatusAllows)
     EXPECT_TRUE(this->published().empty());
     EXPECT_EQ(*this->at(1).last, now.load());
     EXPECT_EQ(fake::count_log(this->log, "delay(71) rsc=" + this->p1 + " node=node2 hbto=90s tck=100 elapsed=7200"), 1);
-    this->k.feed(0, false);
-    EXPECT_TRUE(this->logged(" *** " + this->p1 + " : NORMAL ***"));
 }
 
 // The counters of a node and of its kind, as published: the wall-clock time

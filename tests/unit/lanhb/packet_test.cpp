@@ -88,9 +88,8 @@ TEST_F(PacketTest, Acceptance)
     }
 }
 
-// A burst from many peers waits in the receive socket while the receiver
-// handles one datagram a pass: its buffer holds megabytes, or all the
-// system allows an unprivileged daemon.
+// A burst from many peers waits in the receive socket, read one datagram a
+// pass: it holds megabytes, or all the system allows an unprivileged daemon.
 TEST_F(PacketTest, ReceiveSocketHoldsABurst)
 {
     cluster();
