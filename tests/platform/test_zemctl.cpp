@@ -297,9 +297,10 @@ TEST_F(Zemctl, RunSignalsTheDaemonAndEndsWithItsStatus)
     ASSERT_EQ(chmod(daemon.c_str(), 0700), 0);
     // A hang-up (terminal closed) stops in order as SIGTERM does.
     const std::tuple<std::vector<std::string>, const char *, int, const char *, const char *, bool, int> cases[] = {
-        {{}, "END=exit 5", 5, "down notification on; sending SIGUSR1", "exited with status 5", true, SIGTERM},
-        {{"--no-down"}, "END=kill -9 $$", 128 + SIGKILL, "Hangup received; down notification off; sending SIGUSR1",
-         "was killed by signal 9", false, SIGHUP},
+        {{}, "END=exit 5", 5, "Hangup received; down notification on; sending SIGUSR1", "exited with status 5", true,
+         SIGHUP},
+        {{"--no-down"}, "END=kill -9 $$", 128 + SIGKILL, "down notification off; sending SIGUSR1",
+         "was killed by signal 9", false, SIGTERM},
     };
     for (const auto &[opts, end, rc, said, ended, down, sig] : cases) {
         std::vector<std::string> args = {ZEMCTL_PATH, "run", "--daemon", daemon};
