@@ -109,6 +109,7 @@ TEST_F(Zemctl, MetricsTellTheStatesAndTheCountersOfTheDaemonOnRecord)
     const char *const lines[] = {
         "\nzemlanhb_daemon_up 1\n", "zemlanhb_node_up{kind=\"lanhb\",path=\"lan1\",node=\"node2\"} 1",
         "zemlanhb_node_state{kind=\"cnthb\",path=\"cnt1\",node=\"node1\",state=\"UNKNOWN\"} 1",
+        "zemlanhb_node_up{kind=\"cnthb\",path=\"cnt1\",node=\"node1\"} 0",
         "zemlanhb_sent_datagrams_total{path=\"lan1\",node=\"node2\"} 8",
         "zemlanhb_bind_errors_total{path=\"lan1\",node=\"node2\"} 2", "zemlanhb_received_datagrams_total 9",
         "zemlanhb_delay_warnings_total{kind=\"lanhb\",msgno=\"72\"} 3",
