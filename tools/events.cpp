@@ -11,16 +11,6 @@
 
 namespace {
 
-constexpr std::pair<int32_t, const char *> svstat_names[] = {
-    {SHMNM_SVSTAT_ONLINE, "ONLINE"},
-    {SHMNM_SVSTAT_OFFLINE, "OFFLINE"},
-    {SHMNM_SVSTAT_UNKNOWN, "UNKNOWN"},
-    {SHMNM_SVSTAT_UNUSED, "UNUSED"},
-};
-constexpr std::pair<int32_t, const char *> rscstat_names[] = {
-    {SHMNM_RSCSTAT_NORMAL, "NORMAL"},   {SHMNM_RSCSTAT_CAUTION, "CAUTION"}, {SHMNM_RSCSTAT_ERROR, "ERROR"},
-    {SHMNM_RSCSTAT_UNKNOWN, "UNKNOWN"}, {SHMNM_RSCSTAT_UNUSED, "UNUSED"},
-};
 constexpr const char *thread_states[] = {"not started", "running", "ended"};
 
 std::string stat_text(const char *name, int32_t v)
@@ -266,12 +256,12 @@ const char *cause_text(int32_t c)
 
 std::string svstat_text(int32_t s)
 {
-    return stat_text(plat_name_of(svstat_names, s), s);
+    return stat_text(plat_name_of(ev_svstat_names, s), s);
 }
 
 std::string rscstat_text(int32_t s)
 {
-    return stat_text(plat_name_of(rscstat_names, s), s);
+    return stat_text(plat_name_of(ev_rscstat_names, s), s);
 }
 
 std::string dump(const ojson &j, int indent)

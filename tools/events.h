@@ -20,6 +20,17 @@
 
 using ojson = nlohmann::ordered_json;
 inline constexpr const char *ev_kinds[2] = {HB_KIND_LANHB, HB_KIND_CNTHB};
+// Every node and path state by name, in the order they are shown.
+inline constexpr std::pair<int32_t, const char *> ev_svstat_names[] = {
+    {SHMNM_SVSTAT_ONLINE, "ONLINE"},
+    {SHMNM_SVSTAT_OFFLINE, "OFFLINE"},
+    {SHMNM_SVSTAT_UNKNOWN, "UNKNOWN"},
+    {SHMNM_SVSTAT_UNUSED, "UNUSED"},
+};
+inline constexpr std::pair<int32_t, const char *> ev_rscstat_names[] = {
+    {SHMNM_RSCSTAT_NORMAL, "NORMAL"},   {SHMNM_RSCSTAT_CAUTION, "CAUTION"}, {SHMNM_RSCSTAT_ERROR, "ERROR"},
+    {SHMNM_RSCSTAT_UNKNOWN, "UNKNOWN"}, {SHMNM_RSCSTAT_UNUSED, "UNUSED"},
+};
 
 // "42s", "5m12s", "3h04m", "2d03h".
 std::string duration(int64_t ms);

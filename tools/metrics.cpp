@@ -24,6 +24,7 @@
 #include <CLI/CLI.hpp>
 #include <httplib.h>
 
+#include "events.h"
 #include "services/hbext.h"
 #include "zem_version.h"
 #include "zemctl.h"
@@ -33,17 +34,6 @@ namespace {
 std::string listen_at;   // metrics --listen ADDR:PORT
 std::string textfile;    // metrics --textfile FILE
 
-constexpr const char *KINDS[2] = {HB_KIND_LANHB, HB_KIND_CNTHB};
-constexpr std::pair<int32_t, const char *> NODE_STATES[] = {
-    {SHMNM_SVSTAT_ONLINE, "ONLINE"},
-    {SHMNM_SVSTAT_OFFLINE, "OFFLINE"},
-    {SHMNM_SVSTAT_UNKNOWN, "UNKNOWN"},
-    {SHMNM_SVSTAT_UNUSED, "UNUSED"},
-};
-constexpr std::pair<int32_t, const char *> PATH_STATES[] = {
-    {SHMNM_RSCSTAT_NORMAL, "NORMAL"},   {SHMNM_RSCSTAT_CAUTION, "CAUTION"}, {SHMNM_RSCSTAT_ERROR, "ERROR"},
-    {SHMNM_RSCSTAT_UNKNOWN, "UNKNOWN"}, {SHMNM_RSCSTAT_UNUSED, "UNUSED"},
-};
 
 using labels = std::vector<std::pair<const char *, std::string>>;
 
@@ -180,14 +170,14 @@ view take(int32_t pid)
     const std::vector<std::string> nodes = names([](char *b, int32_t *s) { return shmnm_enumnode(b, s); });
     for (int k = 0; k < 2; ++k) {
         const std::vector<std::string> paths =
-            names([k](char *b, int32_t *s) { return shmnm_enumrsc(KINDS[k], b, s); });
+            names([k](char *b, int32_t *s) { return shmnm_enumrsc(ev_kinds[k], b, s); });
         for (size_t i = 0; i < paths.size(); ++i) {
-            entry p{KINDS[k], paths[i], "", static_cast<int>(i), -1, SHMNM_RSCSTAT_UNKNOWN, {}};
+            entry p{ev_kinds[k], paths[i], "", static_cast<int>(i), -1, SHMNM_RSCSTAT_UNKNOWN, {}};
             plat_getrscstat(p.kind, p.path.c_str(), &p.stat);
             plat_gethist(p.kind, p.path.c_str(), nullptr, &p.hist);
             v.paths.push_back(p);
             for (size_t j = 0; j < nodes.size(); ++j) {
-                entry n{KINDS[k], paths[i], nodes[j], static_cast<int>(i), static_cast<int>(j), SHMNM_SVSTAT_UNKNOWN, {}};
+                entry n{ev_kinds[k], paths[i], nodes[j], static_cast<int>(i), static_cast<int>(j), SHMNM_SVSTAT_UNKNOWN, {}};
                 int32_t pri = -1;
                 shmnm_getnodepri(n.node.c_str(), &pri);
                 shmnm_getrscsvstat(n.kind, n.path.c_str(), pri, &n.stat);
@@ -227,12 +217,12 @@ void one_hot(exposition &e, const std::vector<entry> &of, const std::pair<int32_
 void states(exposition &e, const view &v)
 {
     e.family("zemlanhb_path_state", "gauge", "1 for the path's state as last published, 0 for the others.");
-    one_hot(e, v.paths, PATH_STATES);
+    one_hot(e, v.paths, ev_rscstat_names);
     e.family("zemlanhb_node_up", "gauge", "1 while the node is ONLINE on the path, as last published.");
     for (const entry &n : v.nodes)
         e.sample(path_labels(n), n.stat == SHMNM_SVSTAT_ONLINE ? 1 : 0);
     e.family("zemlanhb_node_state", "gauge", "1 for the node's state on the path as last published, 0 for the others.");
-    one_hot(e, v.nodes, NODE_STATES);
+    one_hot(e, v.nodes, ev_svstat_names);
     e.family("zemlanhb_node_downs_total", "counter",
              "Times the node went OFFLINE on the path from ONLINE or UNUSED since zemctl init.");
     for (const entry &n : v.nodes)
@@ -284,7 +274,7 @@ void counters(exposition &e, const view &v)
              "receive, 74 controller write, 75 controller read).");
     for (int k = 0; k < 2; ++k)
         for (int m = 0; m < 5; ++m)
-            e.sample({{"kind", KINDS[k]}, {"msgno", std::to_string(LOG_MSG_HBGAP + m)}},
+            e.sample({{"kind", ev_kinds[k]}, {"msgno", std::to_string(LOG_MSG_HBGAP + m)}},
                      v.counts->kind[k][HBEXT_KC_DELAY71 + m]);
 }
 
