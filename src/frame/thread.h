@@ -91,7 +91,8 @@ int64_t hbts_leftus(const struct timespec &deadline);
 inline constexpr int32_t HBPACE_FAST_MS = 500;
 inline constexpr int32_t HBPACE_FAST_POLLS = 1200; // the stretch ends when this drops below 0
 // The budget a pace starts with: HBPACE_FAST_POLLS but in tests, which
-// shorten the stretch to see the interval after it.
+// shorten the stretch to see the interval after it. Sequentially
+// consistent, and only set while no heartbeat thread runs.
 inline std::atomic<int32_t> hbpace_fastpolls{HBPACE_FAST_POLLS};
 
 struct hbpace {
