@@ -82,6 +82,8 @@ TEST(Events, EveryChangeBetweenTwoSnapshotsIsOneEventWithItsCauseInOrder)
          [&](snapshot &s) { n2_off(HBEXT_CAUSE_DOWN)(s), s.daemon.running = false, s.daemon.rec.detached_ms = 3000; },
          {"lanhb lan1 node n2: ONLINE -> OFFLINE (down)", "lanhb lan1: NORMAL -> CAUTION (down)",
           "daemon (pid 42): running -> stopped (detach)"}},
+        {"gone without detaching", none, [](snapshot &s) { s.daemon.running = false; },
+         {"daemon (pid 42): running -> vanished (vanish)"}},
         {"attached and gone between two looks", none,
          [](snapshot &s) { s.daemon.rec = {43, 0, 2000, 2100}, s.daemon.running = false; },
          {"daemon (pid 43): running -> running (attach)", "daemon (pid 43): running -> stopped (detach)"}},
