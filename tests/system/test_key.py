@@ -49,13 +49,14 @@ def test_forged_datagrams_and_a_flood_change_nothing(healthy):
     rng = random.Random(20)
     keyed = len(heartbeat(1, 0)) + TRAILER
     junk = [rng.randbytes(rng.choice([1, 64, 576, keyed, keyed + 1, 1400])) for _ in range(30)]
-    # Heartbeats and down notices of every member, unsigned and with a fresh
-    # sequence under a made-up code.
-    fresh = struct.pack(">Q", time.time_ns())
-    forged = [heartbeat(n.pri, PATH_PRI[LAN4], tag=tag) + tail for n in healthy.nodes
-              for tag in (b"lanhb", b"hbdown") for tail in (b"", fresh + rng.randbytes(TRAILER - 8))]
     before = n1.refused()
     t0 = time.time()
+    # Heartbeats and down notices of every member, unsigned and with a fresh
+    # sequence under a made-up code: dated a second ahead, inside the window,
+    # so that no genuine heartbeat sent meanwhile makes them replays instead.
+    fresh = struct.pack(">Q", time.time_ns() + 10**9)
+    forged = [heartbeat(n.pri, PATH_PRI[LAN4], tag=tag) + tail for n in healthy.nodes
+              for tag in (b"lanhb", b"hbdown") for tail in (b"", fresh + rng.randbytes(TRAILER - 8))]
     # From a member's own address the filter lets it through; the code stops it.
     healthy.send_datagrams(n3.ns, n3.ip4, n1.ip4, [forged[-1]] * 5)
     t1 = time.time()
